@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Installs, from Debian's packages, what building and testing tarnel needs
+# and the machine lacks: R's development files, the standalone mathematical
+# library, CMake, GoogleTest, testthat and the peer packages of the tests.
+set -euo pipefail
+need=()
+for p in r-base-dev r-mathlib cmake googletest libgtest-dev r-cran-testthat r-cran-matrix \
+         r-cran-lme4 r-cran-nlme; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need+=("$p")
+done
+if [ ${#need[@]} -gt 0 ]; then
+  echo "installing: ${need[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${need[@]}" >/dev/null
+fi

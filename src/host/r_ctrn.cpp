@@ -1,0 +1,248 @@
+// The model-fit entry as R calls it: the fourteen objects become views,
+// are checked, and go to ctrn_run.
+#include <R.h>
+#include <Rinternals.h>
+
+#include <climits>
+#include <cmath>
+#include <vector>
+
+#include "host/ctrn.h"
+#include "host/r_sexp.h"
+
+namespace tarnel {
+namespace {
+
+void check(bool ok, const std::string& msg) {
+  if (!ok) throw ArgError(msg);
+}
+
+double need_size(SEXP control, const char* name) {
+  const double v = *need_real1(control, name, "control");
+  check(std::isfinite(v) && v >= 0,
+        std::string("'control$") + name + "' must be a non-negative number of 8-byte words");
+  return v;
+}
+
+// Fills `in` from R's objects; throws ArgError on the first problem.
+void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP iarg, SEXP dpmv,
+            SEXP inter, SEXP struc, SEXP ainv, SEXP glm, SEXP predict, SEXP constr, SEXP mbfList,
+            SEXP control, SEXP aiopt, SEXP trn, SEXP design) {
+  AiControlArgs& a = in.args;
+  span<int> ia = arg_int(iarg, "iarg", 16);
+  AiData& d = a.data;
+  d.lbin = ia[0];
+  d.nrow = ia[1];
+  d.ny = ia[2];
+  d.ntrt = ia[3];
+  d.nycol = ia[4];
+  d.wtcol = ia[5];
+  d.offsetcol = ia[6];
+  d.keep = ia[7];
+  check(d.lbin >= 1, "'iarg[1]' (columns per record) must be at least 1");
+  check(d.nrow >= 0, "'iarg[2]' (number of records) must not be negative");
+  d.datafr = arg_real(datafr, "datafr", static_cast<std::size_t>(d.lbin) * d.nrow);
+  d.dpmv = arg_real(dpmv, "dpmv", 1);
+
+  // Terms.
+  need_list(inter, "inter");
+  AiTerms& t = a.terms;
+  SEXP im = elem(inter, "inter");
+  t.inter = need_int(inter, "inter", "inter");
+  check(t.inter.size() % 4 == 0 && (t.inter.empty() || matrix_rows(im) == 4),
+        "element 'inter' of 'inter' must be an integer matrix with four rows");
+  t.nfact = static_cast<int>(t.inter.size() / 4);
+  t.flev = need_int(inter, "flev", "inter", t.nfact);
+  t.nlev = need_int(inter, "nlev", "inter", t.nfact);
+  t.IBV = need_int(inter, "IBV", "inter");
+  t.lenIbv = t.IBV.empty() ? 0 : matrix_cols(elem(inter, "IBV"));
+  t.JBV = need_real(inter, "JBV", "inter");
+  t.lenJbv = t.JBV.empty() ? 0 : matrix_cols(elem(inter, "JBV"));
+  t.neword = need_int(inter, "neword", "inter");
+  t.nfactp = static_cast<int>(t.neword.size());
+  for (int p : t.neword)
+    check(p >= 0 && p <= t.nfact, "'inter$neword' names a term that is not in the term table");
+  t.submds = need_int(inter, "submds", "inter", t.nfactp);
+  t.submod = need_int1(inter, "submod", "inter");
+  t.faconst = need_real(inter, "faconst", "inter", t.nfact);
+  t.points = need_real(inter, "points", "inter");
+  t.neq = need_int1(inter, "neq", "inter");
+  t.neqd = need_int1(inter, "neqd", "inter");
+  SEXP fn = elem(inter, "facnam");
+  check(TYPEOF(fn) == STRSXP && Rf_xlength(fn) >= t.nfact,
+        "element 'facnam' of 'inter' is missing or is not a character vector of one name a term");
+  names.resize(static_cast<std::size_t>(t.nfact));
+  for (int k = 0; k < t.nfact; ++k) names[k] = R_CHAR(STRING_ELT(fn, k));
+  t.facnam = span<const char* const>(names.data(), names.size());
+  t.nan = ia[13];
+  t.mxSpline = ia[12];
+  check(t.mxSpline >= 0 && t.mxSpline < (1 << 24), "'iarg[13]' (spline sets) is out of range");
+  long long maxflev = 0;
+  for (int k = 0; k < t.nfact; ++k) maxflev = std::max<long long>(maxflev, t.flev[k]);
+  check(maxflev + 1 + t.nfact + 2LL * d.lbin < (1LL << 30), "a term has an absurd number of levels");
+
+  // Structures.
+  need_list(struc, "struc");
+  AiStructures& s = a.structures;
+  s.struc = need_int(struc, "struc", "struc");
+  s.lstruc = s.struc.empty() ? 0 : matrix_rows(elem(struc, "struc"));
+  s.nstruc = s.struc.empty() ? 0 : matrix_cols(elem(struc, "struc"));
+  a.structures.nspat = *need_int1(struc, "nspat", "struc");
+  s.nrsect = need_int(struc, "nrsect", "struc");
+  s.nsect = s.nrsect.empty() ? 0 : matrix_cols(elem(struc, "nrsect"));
+  s.gammas = need_real(struc, "gammas", "struc", 1);
+  s.ngamma = static_cast<int>(s.gammas.size()) - 1;
+  s.tgamma = need_int(struc, "tgamma", "struc", s.ngamma);
+  s.printGammas = need_int(struc, "printGammas", "struc", s.ngamma);
+  s.gmcstr = need_int(struc, "gmcstr", "struc", s.ngamma);
+  t.tyfact = need_int(struc, "tyfact", "struc");
+  s.nfrstg = need_int1(struc, "nfrstg", "struc");
+
+  need_list(ainv, "ainv");
+  a.known.nainv = *need_int1(ainv, "nainv", "ainv");
+  a.known.lcainv = need_int(ainv, "lcainv", "ainv");
+  a.known.llainv = need_int(ainv, "llainv", "ainv");
+  a.known.ainv = need_real(ainv, "ainv", "ainv");
+
+  need_list(glm, "glm");
+  a.glm.id = *need_int1(glm, "id", "glm");
+  a.glm.link = *need_int1(glm, "link", "glm");
+  a.glm.glmphi = need_real(glm, "glmphi", "glm");
+  a.glm.thrlevels = need_int(glm, "thrlevels", "glm");
+
+  need_list(predict, "predict");
+  AiPredict& p = a.predict;
+  p.npred = need_int1(predict, "npred", "predict");
+  p.nfinmd = need_int(predict, "nfinmd", "predict");
+  p.pvals = need_real(predict, "pvals", "predict");
+  p.lnpvec = static_cast<int>(p.pvals.size());
+  p.lpvals = need_int(predict, "lpvals", "predict");
+  p.lpwts = need_int(predict, "lpwts", "predict");
+  p.prdvals = need_real(predict, "prdvals", "predict");
+  p.pvrow = p.prdvals.empty() ? 0 : matrix_rows(elem(predict, "prdvals"));
+  p.nptabl = need_int(predict, "nptabl", "predict");
+  p.npfact = need_int(predict, "npfact", "predict");
+  p.ivals = need_int(predict, "ivals", "predict");
+  p.vpvmat = need_real(predict, "vpvmat", "predict");
+  p.avsed = need_real(predict, "avsed", "predict");
+  p.pvtext = need_raw(predict, "pvtext", "predict");
+
+  need_list(constr, "constr");
+  a.constraints.ngmcon = *need_int1(constr, "ngmcon", "constr");
+  a.constraints.gequal = need_int(constr, "gequal", "constr");
+  a.constraints.gmcon = need_real(constr, "gmcon", "constr");
+
+  need_list(mbfList, "mbfList");
+  in.mbfAddr = need_int(mbfList, "mbfAddr", "mbfList");
+  in.mbfX = need_real(mbfList, "mbfX", "mbfList");
+  int nspl = 0;
+  for (int k = 0; k < t.nfact; ++k)
+    if (t.inter[4 * static_cast<std::size_t>(k)] == -24) ++nspl;
+  check(nspl <= t.mxSpline, "the model has more spline terms than 'iarg[13]' allows");
+  check(in.mbfAddr.size() >= 2 * static_cast<std::size_t>(nspl),
+        "'mbfList$mbfAddr' needs two values for each spline term");
+  double words = 0;
+  for (int k = 0; k < nspl; ++k) {
+    const int n = in.mbfAddr[2 * k], m = in.mbfAddr[2 * k + 1];
+    check(n >= 0 && m >= 0, "'mbfList$mbfAddr' holds a negative size");
+    words += (static_cast<double>(m) + 1) * n;
+  }
+  check(words <= static_cast<double>(in.mbfX.size()), "'mbfList$mbfX' is shorter than its tables");
+  check(words < 2147483647.0, "the spline basis tables are absurdly large");
+
+  need_list(control, "control");
+  AiOptions& o = a.options;
+  in.workspace = need_size(control, "workspace");
+  in.pworkspace = need_size(control, "pworkspace");
+  o.maxiter = need_int1(control, "maxiter", "control");
+  t.knots = *need_int1(control, "knots", "control");
+  t.nsppoints = *need_int1(control, "nsppoints", "control");
+  o.stepsize = need_real1(control, "stepsize", "control");
+  check(std::isfinite(*o.stepsize) && *o.stepsize >= 0, "'control$stepsize' must be a non-negative number");
+  t.splstp = *need_real1(control, "splstp", "control");
+  t.splinescale = *need_real1(control, "splinescale", "control");
+  o.trace = *need_int1(control, "trace", "control");
+  span<int> ftest = need_int(control, "Ftest", "control", 1);
+  o.fown = ftest[0] > 0 ? 1 : 0;
+  o.ownlst = ftest;
+  in.keep_design = *need_int1(control, "design", "control");
+  o.savedgn = in.keep_design;
+  o.gkrige = ia[11];
+  o.ddf = &ia[8];
+  o.typeiii = &ia[9];
+  o.aodev = &ia[10];
+  o.debug = ia[15];
+
+  o.aiopt = arg_int(aiopt, "aiopt");
+  o.naiopt = static_cast<int>(o.aiopt.size());
+
+  need_list(trn, "trn");
+  AiResults& r = a.results;
+  r.prvgam = need_real(trn, "prvgam", "trn");
+  r.score = need_real(trn, "score", "trn");
+  r.loglik = need_real1(trn, "loglik", "trn");
+  r.soln = need_real(trn, "soln", "trn");
+  r.vsoln = need_real(trn, "vsoln", "trn");
+  r.resid = need_real(trn, "resid", "trn");
+  r.linearPredictors = need_real(trn, "linearPredictors", "trn");
+  r.hat = need_real(trn, "hat", "trn");
+  r.sigma2 = need_real(trn, "sigma2", "trn", 1);
+  r.deviance = need_real(trn, "deviance", "trn", 1);
+  r.nedf = need_int(trn, "nedf", "trn", 1);
+  r.nwv = need_int(trn, "nwv", "trn", 1);
+  r.noeff = need_int(trn, "noeff", "trn");
+  r.nsing = need_int(trn, "nsing", "trn", 1);
+  r.ai = need_real(trn, "ai", "trn");
+  r.yssqu = need_real(trn, "yssqu", "trn");
+  r.Cfixed = need_real(trn, "Cfixed", "trn", 1);
+  r.Csparse = need_real(trn, "Csparse", "trn");
+  r.CfacNum = need_int(trn, "CfacNum", "trn");
+  r.nCfac = need_int(trn, "nCfac", "trn", 1);
+  r.aovTbl = need_real(trn, "aovTbl", "trn");
+  r.apstvar = need_real(trn, "apstvar", "trn");
+  r.converge = need_int1(trn, "converge", "trn");
+  r.trArray = need_real(trn, "trArray", "trn");
+  r.errtxt = need_raw(trn, "errtxt", "trn", 80);
+  // 'license' is fetched and not used; the first string of 'where' likewise.
+  SEXP where = elem(trn, "where");
+  check(TYPEOF(where) == STRSXP && Rf_xlength(where) >= 1,
+        "element 'where' of 'trn' is missing or is not a character vector");
+
+  if (in.keep_design != 0) {
+    check(TYPEOF(design) == REALSXP, "'design' must be a double matrix when the design is kept");
+    SEXP xcol = Rf_getAttrib(design, Rf_install("xcol"));
+    check(TYPEOF(xcol) == INTSXP, "'design' needs an integer attribute 'xcol'");
+    in.design = span<double>(REAL(design), static_cast<std::size_t>(Rf_xlength(design)));
+    in.xcol = span<int>(INTEGER(xcol), static_cast<std::size_t>(Rf_xlength(xcol)));
+    check(static_cast<double>(in.design.size()) >=
+              static_cast<double>(d.nrow) * static_cast<double>(in.xcol.size()),
+          "'design' must have one row a record and one column for each entry of 'xcol'");
+  }
+  in.na_real = R_NaReal;
+}
+
+}  // namespace
+}  // namespace tarnel
+
+extern "C" SEXP ctrn(SEXP datafr, SEXP iarg, SEXP dpmv, SEXP inter, SEXP struc, SEXP ainv,
+                     SEXP glm, SEXP predict, SEXP constr, SEXP mbfList, SEXP control, SEXP aiopt,
+                     SEXP trn, SEXP design) {
+  char msg[1024];
+  msg[0] = '\0';
+  SEXP status = PROTECT(Rf_allocVector(INTSXP, 1));
+  INTEGER(status)[0] = 0;
+  try {
+    tarnel::CtrnInput in;
+    std::vector<const char*> names;
+    tarnel::unpack(in, names, datafr, iarg, dpmv, inter, struc, ainv, glm, predict, constr,
+                   mbfList, control, aiopt, trn, design);
+    INTEGER(status)[0] = tarnel::ctrn_run(in);
+  } catch (const tarnel::ArgError& e) {
+    std::snprintf(msg, sizeof msg, "ctrn: %s", e.what());
+  } catch (const std::exception& e) {
+    std::snprintf(msg, sizeof msg, "ctrn: internal failure: %s", e.what());
+  }
+  UNPROTECT(1);
+  if (msg[0] != '\0') Rf_error("%s", msg);
+  return status;
+}

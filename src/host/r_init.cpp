@@ -1,0 +1,34 @@
+// Registration of the native entries.
+#include <R.h>
+#include <R_ext/Rdynload.h>
+#include <Rinternals.h>
+
+extern "C" {
+SEXP ctrn(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP about(SEXP, SEXP, SEXP, SEXP);
+SEXP aimat(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP canBeNumeric(SEXP, SEXP, SEXP);
+SEXP int2char(SEXP, SEXP, SEXP);
+SEXP a2i(SEXP);
+SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
+SEXP Shelp(SEXP, SEXP);
+
+static const R_CallMethodDef call_entries[] = {
+    {"ctrn", (DL_FUNC)&ctrn, 14},
+    {"about", (DL_FUNC)&about, 4},
+    {"aimat", (DL_FUNC)&aimat, 6},
+    {"canBeNumeric", (DL_FUNC)&canBeNumeric, 3},
+    {"int2char", (DL_FUNC)&int2char, 3},
+    {"a2i", (DL_FUNC)&a2i, 1},
+    {"mvpatch", (DL_FUNC)&mvpatch, 10},
+    {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
+    {"Shelp", (DL_FUNC)&Shelp, 2},
+    {nullptr, nullptr, 0}};
+
+void R_init_tarnel(DllInfo* dll) {
+  R_registerRoutines(dll, nullptr, call_entries, nullptr, nullptr);
+  R_useDynamicSymbols(dll, FALSE);
+  R_forceSymbols(dll, TRUE);
+}
+}

@@ -1,0 +1,4 @@
+library(testthat)
+library(tarnel)
+
+test_check("tarnel")
