@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 namespace tarnel {
 
@@ -27,6 +29,11 @@ class span {
   constexpr span(T* p, std::size_t n) noexcept : p_(p), n_(n) {}
   template <std::size_t N>
   constexpr span(T (&a)[N]) noexcept : p_(a), n_(N) {}
+  // A view of a contiguous container (std::vector, std::array, std::string).
+  template <class C, class = decltype(std::declval<C&>().data()),
+            class = decltype(std::declval<C&>().size()),
+            class = std::enable_if_t<!std::is_same_v<std::decay_t<C>, span>>>
+  constexpr span(C& c) noexcept : p_(c.data()), n_(c.size()) {}
   // A view of T converts to a view of const T.
   template <class U>
   constexpr span(const span<U>& o) noexcept : p_(o.data()), n_(o.size()) {}

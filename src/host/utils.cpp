@@ -7,8 +7,6 @@
 
 namespace tarnel {
 
-// The date of this build of the engine, as "Mmm dd yyyy".
-static const char kBuildDate[] = "Nov 21 2026";
 
 namespace {
 inline double packed(span<const double> a, int i, int j) {  // 1-based, any order
@@ -62,69 +60,6 @@ std::string rtext_copy(const std::string& source, int start, int end) {
   return out;
 }
 
-void txtarr(char* result, std::size_t length, const char* const* arr, int i) {
-  put_text(result, length, arr[i - 1]);
-}
-
-namespace {
-// Shared layout of txtdble and txtint: values of `width` characters, line
-// breaks after each eighth value and a leading newline only when n > 4.
-template <class F>
-void format_values(char* text, std::size_t length, int n, std::size_t width, char fill, F one) {
-  std::memset(text, fill, length);
-  if (n <= 0 || length == 0) return;
-  std::string tmp(length + 32, fill);
-  const std::size_t limit = length / 9;
-  const std::size_t m = static_cast<std::size_t>(n) < limit ? static_cast<std::size_t>(n) : limit;
-  const bool lines = n > 4;
-  std::size_t at = 0;
-  if (lines) tmp[at++] = '\n';
-  char buf[64];
-  for (std::size_t k = 0; k < m; ++k) {
-    const bool eighth = lines && (k + 1) % 8 == 0;
-    const int w = one(buf, sizeof buf, k, eighth);
-    for (int c = 0; c < w && at < tmp.size(); ++c) tmp[at++] = buf[c];
-  }
-  std::size_t copy = static_cast<std::size_t>(n) * width - 1 + (lines ? 1 : 0);
-  if (copy > length) copy = length;
-  std::memcpy(text, tmp.data(), copy);
-}
-}  // namespace
-
-void txtdble(char* text, std::size_t length, const double* values, int n) {
-  format_values(text, length, n, 9, '\0', [&](char* b, std::size_t sz, std::size_t k, bool e) {
-    return std::snprintf(b, sz, e ? "%8.3lf\n" : "%8.3lf ", values[k]);
-  });
-}
-
-void txtint(char* text, std::size_t length, const int* values, int n) {
-  format_values(text, length, n, 4, ' ', [&](char* b, std::size_t sz, std::size_t k, bool e) {
-    return std::snprintf(b, sz, e ? "%3d\n" : "%3d ", values[k]);
-  });
-}
-
-void pvtext(char* text, std::size_t capacity, const char* message, const char* const* factor,
-            int nfactor, const int* id, int n, double val) {
-  const std::size_t have = std::strlen(text);
-  if (have + std::strlen(message) >= 16381) return;
-  auto term = [&](int k) -> const char* {
-    return (k >= 1 && k <= nfactor) ? factor[k - 1] : "";
-  };
-  std::string line = "- ";
-  if (n == 1) line += term(id[0]);
-  if (n == 2) line += term(id[0]);
-  line += message;
-  if (n == 2) line += term(id[1]);
-  if (val < 9.9e36) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%f", val);
-    line += buf;
-  }
-  line += "\n";
-  if (have + line.size() + 1 > capacity) return;  // never past the buffer
-  std::memcpy(text + have, line.c_str(), line.size() + 1);
-}
-
 void build_date(int& year, int& month, int& day) {
   static const char* const months[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -136,6 +71,5 @@ void build_date(int& year, int& month, int& day) {
     if (std::strcmp(mon, months[k]) == 0) month = k + 1;
 }
 
-const char* library_version() { return "tarnel engine 0.1.0, built Nov 21 2026"; }
 
 }  // namespace tarnel

@@ -38,6 +38,7 @@ void pvtext(char* text, std::size_t capacity, const char* message, const char* c
 void build_date(int& year, int& month, int& day);
 // The library's fixed version text.
 const char* library_version();
+extern const char kBuildDate[];
 
 }  // namespace tarnel
 
