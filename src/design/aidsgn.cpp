@@ -653,7 +653,7 @@ struct Former {
         if (order) sort_row(start);
       }
     }
-    if (res.records < st.rowlimit) st.x.i[st.rowbase + res.records] = static_cast<i32>(cur.n);
+    st.x.i[st.rowbase + res.records] = static_cast<i32>(cur.n);  // end of the last row
     res.nonzero = cur.n;
     for (int t = 1; t <= tt.nfact; ++t) {
       if (tt.code(t) == -9 && tt.flev[t - 1] > 1 && tt.flev[t - 1] != dd.nrow &&
