@@ -50,7 +50,7 @@ as_model_factor <- function(data, name) {
   x <- data_column(data, name)
   if (is.character(x) || is.logical(x)) x <- factor(x)
   if (!is.factor(x)) tstop("column '%s' must be a factor here, not %s", name, class(x)[1])
-  used <- levels(x) %in% as.character(x[!is.na(x)])
+  used <- tabulate(as.integer(x), nlevels(x)) > 0L
   if (!all(used))
     tstop("factor '%s' has unused levels: %s (drop them with droplevels())", name,
           paste(levels(x)[!used], collapse = ", "))

@@ -133,12 +133,15 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
     formed <- if (model$na_response == "drop") !is.na(y) else rep(TRUE, nrow)
     if (sum(formed) != records)
       stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, sum(formed)), call. = FALSE)
+    # Take the matrix out of the argument list first, so that setting its
+    # attributes does not copy it.
     d <- args$design
+    args <- NULL
     attr(d, "xcol") <- NULL
-    d <- d[formed, , drop = FALSE]
-    colnames(d) <- table$labels
-    rownames(d) <- which(formed)
+    if (!all(formed)) d <- d[formed, , drop = FALSE]
+    dimnames(d) <- list(NULL, table$labels)
     out$design <- d
+    out$rows <- which(formed)
   }
   out
 }

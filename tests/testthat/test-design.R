@@ -177,3 +177,30 @@ test_that("a short workspace is retried with more, up to the limit", {
   expect_error(quiet(tarnel(y ~ A * C, data = d, control = tarnel_control(workspace = 600, max_workspace = 1000))),
                "limit of 1000 words")
 })
+
+test_that("the engine refuses a term table that points outside the data", {
+  d <- sim(20)
+  ns <- asNamespace("tarnel")
+  model <- ns$parse_model(y ~ A + x, NULL, NULL, d, NULL, "drop", "fail", globalenv())
+  table <- ns$build_term_table(model)
+  call_ctrn <- function(table) {
+    args <- ns$ctrn_args(model, table, ns$build_struc(model, table), TRUE, tarnel_control(), 1e5)
+    out <- utils::capture.output(status <- .Call(ns$C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter,
+      args$struc, args$ainv, args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+      args$trn, args$design))
+    list(status = status, text = ns$engine_error_text(args$trn$errtxt), out = out)
+  }
+  expect_equal(call_ctrn(table)$status, 0L)
+  bad <- table
+  bad$inter$inter[3, 3] <- 99L  # factor A (term 3) reads column 99 of 3
+  r <- call_ctrn(bad)
+  expect_equal(r$status, 1L)
+  expect_equal(r$text, "Invalid model factor")
+  expect_true(any(grepl("reads a column outside the record", r$out)))
+  bad <- table
+  bad$inter$inter[, 3] <- c(3L, 4L, 0L, 0L)  # an interaction with itself: a loop
+  bad$inter$nlev[3] <- 0L
+  r <- call_ctrn(bad)
+  expect_equal(r$status, 1L)
+  expect_true(any(grepl("Term 3", r$out)))
+})
