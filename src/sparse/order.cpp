@@ -118,7 +118,9 @@ struct Ord {
   int g5vell(i32 c, const i32* list, i32 n, i32 e) {
     i64 prev = head(c), s = WL(prev);
     i32 k = 0;
+    bool gone = false;  // the eliminated row's element has been removed
     while (k < n || s > 0) {
+      if (k >= n && (gone || (s > 0 && WC(s) > e))) break;  // nothing more to do
       const i32 cs = s > 0 ? WC(s) : 0x7fffffff;
       const i32 cl = k < n ? list[k] : 0x7fffffff;
       if (cs == e) {  // the eliminated row
@@ -126,6 +128,7 @@ struct Ord {
         WL(prev) = static_cast<i32>(nx);
         give(s);
         s = nx;
+        gone = true;
         continue;
       }
       if (cl == c) {
