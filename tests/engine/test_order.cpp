@@ -3,6 +3,8 @@
 // agreeing with dense algebra.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "animal_pattern.h"
@@ -156,4 +158,30 @@ TEST(Order, EmptyRowsGoFirstAndTooLittleSpaceFails) {
   small.a.err = &small.err;
   EXPECT_EQ(tarnel::g5veor(small.a), 1);
   EXPECT_EQ(small.err, 7);
+}
+
+TEST(Order, EqnordFileRoundTripAndStaleHeader) {
+  // Run in a scratch directory: the file lives in the working directory.
+  char tmpl[] = "/tmp/tarnel_eqnord_XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  char old[4096];
+  ASSERT_NE(getcwd(old, sizeof old), nullptr);
+  ASSERT_EQ(chdir(tmpl), 0);
+  const int neq = 2503, nd = 3;
+  std::vector<int> ord = natural(neq);
+  std::mt19937 rng(3);
+  std::shuffle(ord.begin() + nd + 1, ord.end(), rng);
+  std::vector<i32> iw(2 * neq), back(2 * neq, 0);
+  for (int p = 1; p <= neq; ++p) iw[2 * (p - 1) + 1] = ord[p];
+  ASSERT_EQ(tarnel::eqnord_write(span<const i32>(iw.data(), iw.size()), nd, neq, 4, 77, 1000, false), 0);
+  ASSERT_EQ(tarnel::eqnord_read(span<i32>(back.data(), back.size()), nd, neq, 4, 77, 1000, false), 0);
+  for (int p = 1; p <= neq; ++p) {
+    EXPECT_EQ(back[2 * (p - 1) + 1], ord[p]);
+    EXPECT_EQ(back[2 * (ord[p] - 1)], p);
+  }
+  // One header value different: not used, and the file is removed.
+  EXPECT_EQ(tarnel::eqnord_read(span<i32>(back.data(), back.size()), nd, neq, 4, 78, 1000, false), 1);
+  EXPECT_NE(access("EQNORD.BIN", F_OK), 0);
+  EXPECT_EQ(chdir(old), 0);
+  rmdir(tmpl);
 }
