@@ -14,6 +14,7 @@ SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
 SEXP Shelp(SEXP, SEXP);
 SEXP orthpoly(SEXP, SEXP);
+SEXP tarnel_bench_absorb(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -26,6 +27,7 @@ static const R_CallMethodDef call_entries[] = {
     {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
     {"Shelp", (DL_FUNC)&Shelp, 2},
     {"orthpoly", (DL_FUNC)&orthpoly, 2},
+    {"tarnel_bench_absorb", (DL_FUNC)&tarnel_bench_absorb, 7},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {
