@@ -38,13 +38,6 @@ int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 f
   return 0;
 }
 
-int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
-                          const i64* record, const WorkArray& work, int& ifault) {
-  count = 0;
-  g5verror(" G5VVRW CHOL/ANTE rows not available in this version", 4);
-  return g5vflt(ifault, kFaultUndefinedStructure);
-}
-
 namespace {
 
 // A value with its derivative in one direction (forward differentiation):
@@ -124,6 +117,7 @@ class Former {
   int corb_corg(Section& S, bool corg);
   int diag(Section& S);
   int us(Section& S);
+  int factor_form(Section& S, bool ante);
 
   // Expands a Toeplitz first row into packed form at `dst`.
   void expand_toeplitz(i64 dst, i64 row, int n) {
@@ -355,12 +349,7 @@ restart:
   } else if (m == 10 || m == 13 || m == 15) {
     return fail(1000 + m, " Factor analytic structures are not available in this version");
   } else if (m == 11 || m == 12) {
-    if (n < 2) {
-      if (fall_back(S, 0, 0, m == 11 ? "CHOL" : "ANTE")) return 1;
-      goto restart;
-    }
-    return fail(1000 + m, m == 11 ? " CHOL structures are not available in this version"
-                                  : " ANTE structures are not available in this version");
+    rc = factor_form(S, m == 12);
   } else {
     std::snprintf(buf, sizeof buf, " Variance model %d with %d parameters is not defined", m, nc);
     return fail(1000 + m, buf);
@@ -1240,6 +1229,162 @@ int Former::us(Section& S) {
       d.posi = pinv;
       const double e = W(pinv + t - 1);
       tr(gp) = i == j ? e : 2.0 * e;
+    }
+  return 0;
+}
+
+// CHOL (G = L D L') and ANTE (G^-1 = U D U'): a general matrix kept in
+// factor form, with the factor limited to a band.  The parameters are the
+// packed factor: D on the diagonal, L(i,j) (CHOL) or U(j,i) (ANTE) at
+// packed (i,j), j < i.
+int Former::factor_form(Section& S, bool ante) {
+  const int n = S.n;
+  const int g = S.gfirst;
+  const i64 np = packed_size(n);
+  const int base = ante ? 120 : 110;
+  char buf[160];
+  if (S.ncor != np) {
+    std::snprintf(buf, sizeof buf, " %s section %d has %d parameters for order %d", ante ? "ANTE" : "CHOL", S.s,
+                  S.ncor, n);
+    return fail(1000 + base, buf);
+  }
+  if (np > 1000) return fail(1000 + base, " Factor structure too large for its derivative codes");
+  int bw = S.row.field(kBand);
+  if (bw < 1 || bw > n - 1) bw = n - 1;
+  auto gi = [&](int i, int j) -> double& { return gam(g + static_cast<int>(packed_index(i, j))); };
+  auto ri = [&](int i, int j) -> int& { return rg(g + static_cast<int>(packed_index(i, j))); };
+  for (i64 k = 0; k < np; ++k) a_.tgamma.at1(g + static_cast<int>(k)) = 7;
+
+  const i64 pf_ = take(np);  // the factor
+  if (!pf_) return 1;
+  const i64 pg = take(np);   // G
+  if (!pg) return 1;
+  const i64 pgi = take(np);  // G^-1
+  if (!pgi) return 1;
+  const i64 saved = a_.top;
+  const i64 psc = take(2 * static_cast<i64>(n));
+  if (!psc) return 1;
+  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
+  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
+  const i64 pscr = take(n);
+  if (!pscr) return 1;
+
+  if (S.row.field(kInited) == 0) {
+    // The parameters are still G itself: factorise it.
+    for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
+    if (a_.debug) g5vtme(a_.unit, " GV init", 8);
+    int mode = ante ? -99 : -98, rank = n, neg = 0;
+    double ld = 0.0;
+    g5vsmi(WS(pf_, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
+    if (a_.debug) g5vtme(a_.unit, ante ? " ANTE UD" : " GV LD", ante ? 8 : 6);
+    const bool swapped = neg < 0;
+    const int nneg = neg < 0 ? -1 - neg : neg;
+    if (ante && (mode != 0 || nneg != 0 || swapped)) return fail(1121, " ANTE matrix not positive definite");
+    if (!ante && (swapped || ((mode != 0 || nneg != 0) && rg(g) == 1)))
+      return fail(1111, " CHOL matrix not positive definite");
+    for (int i = 1; i <= n; ++i)
+      for (int j = 1; j <= i; ++j) {
+        double v = W(pf_ + packed_index(i, j));
+        if (i - j > bw) {
+          v = 0.0;
+          ri(i, j) = 2;
+        }
+        gi(i, j) = v;
+        if (ante && i == j && v > 1e6) ri(i, j) = 4;
+      }
+    S.row.field(kInited) = 1;
+  } else if (ante) {
+    for (int i = 1; i <= n; ++i)
+      if (gi(i, i) >= 100000.0 && ri(i, i) < 4) {
+        ri(i, i) = 5;
+        gi(i, i) = 100000.0;
+      }
+  }
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= i; ++j) {
+      if (ri(i, j) == 2) gi(i, j) = 0.0;
+      else if (!ante && gi(i, j) == 0.0) gi(i, j) = f32(1e-4);
+    }
+  for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
+  double ld = 0.0;
+  if (ante) {
+    for (i64 k = 0; k < np; ++k) W(pgi + k) = W(pf_ + k);
+    g5vudu(WS(pgi, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GIV UDU", 8);
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k);
+    int mode = 0, rank = n, neg = 0;
+    g5vsmi(WS(pg, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
+    if (mode != 0) return fail(1120, " ANTE structure is singular");
+    ld = -ld;
+  } else {
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k) = W(pf_ + k);
+    g5vldl(WS(pg, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL", 7);
+    int nsing = 0;
+    g5vldi(WS(pgi, np), n, ld, nsing);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL inv", 11);
+    if (nsing != 0) return fail(1110, " CHOL structure is singular");
+  }
+  a_.top = saved;
+  a_.logdet.at1(S.s) = ld;
+  S.rec->kind = 9;
+  S.rec->pos = pg;
+  S.rec->kindi = 9;
+  S.rec->posi = pgi;
+
+  // Per parameter: the derivative of the factor product (packed, scratch),
+  // its trace against the other matrix, and the dense other side.
+  for (int r = 1; r <= n; ++r)
+    for (int c = 1; c <= r; ++c) {
+      const i64 t = packed_index(r, c) + 1;
+      const int gp = g + static_cast<int>(t) - 1;
+      FormRecord& d = pf(gp);
+      d = FormRecord{};
+      if (rg(gp) == 2 || rg(gp) == 4) continue;  // held: the zero record
+      const i64 pd = take(np);
+      if (!pd) return 1;
+      const i64 keep = a_.top;
+      const i64 pp = take(np);
+      if (!pp) return 1;
+      const i64 pw = take(static_cast<i64>(n) * n);
+      if (!pw) return 1;
+      // pp: derivative of L D L' (CHOL) or of U D U' (ANTE) at element (r,c).
+      auto F = [&](int i, int j) { return W(pf_ + packed_index(i, j)); };
+      auto col = [&](int k, int i) -> double {  // column k of L, or of U
+        if (i == k) return 1.0;
+        if (!ante) return i > k ? F(i, k) : 0.0;
+        return i < k ? F(k, i) : 0.0;
+      };
+      for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= i; ++j) {
+          double v;
+          if (r == c) {
+            v = col(r, i) * col(r, j);
+          } else if (!ante) {
+            v = F(c, c) * ((i == r ? col(c, j) : 0.0) + (j == r ? col(c, i) : 0.0));
+          } else {
+            v = F(r, r) * ((i == c ? col(r, j) : 0.0) + (j == c ? col(r, i) : 0.0));
+          }
+          W(pp + packed_index(i, j)) = v;
+        }
+      if (!ante) {
+        tr(gp) = g5vvtr(WS(pgi, np), WS(pp, np), n);
+        g5vvaa(WS(pd, np), WS(pp, np), WS(pgi, np), WS(pw, static_cast<i64>(n) * n), n);
+        d.kind = 6000 + t;
+        d.pos = pf_;
+        d.kindi = 9;
+        d.posi = pd;
+      } else {
+        // dG = -G d(G^-1) G; V^-1 dV V^-1 = -d(G^-1).
+        tr(gp) = -g5vvtr(WS(pg, np), WS(pp, np), n);
+        g5vvaa(WS(pd, np), WS(pp, np), WS(pg, np), WS(pw, static_cast<i64>(n) * n), n);
+        for (i64 k = 0; k < np; ++k) W(pd + k) = -W(pd + k);
+        d.kind = 9;
+        d.pos = pd;
+        d.kindi = 7000 + t;
+        d.posi = -pf_;
+      }
+      a_.top = keep;
     }
   return 0;
 }

@@ -42,7 +42,6 @@ int undefined(int& count, int& ifault) {
   return g5vflt(ifault, kFaultUndefinedStructure);
 }
 
-// The block level of row k of a blocked AR1 (see block_level in formation.h).
 }  // namespace
 
 int block_level(const GivTable& giv, int g, int k) {
@@ -53,6 +52,41 @@ bool block_levels_valid(const GivTable& giv, int g, int order) {
   if (g < 1 || g > giv.count) return false;
   const i64 first = giv.index(g);
   return first >= 1 && first + 2 * static_cast<i64>(order - 1) <= static_cast<i64>(giv.integer.size());
+}
+
+// Row i of the derivative of a factor product with respect to one element
+// of the packed factor at |pos|.  CHOL (6001 to 7000): L D L', L unit
+// lower.  ANTE (7001 to 10000): U D U', U unit upper with U(j,i) held at
+// packed (i,j); a negative pos delivers the row negated (the inverse side,
+// -d(G^-1)).
+int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
+                          const i64* record, const WorkArray& work, int& ifault) {
+  const i64 kind = record[0];
+  const bool ante = kind > 7000;
+  const i64 pos = record[2] < 0 ? -record[2] : record[2];
+  const double sign = record[2] < 0 ? -1.0 : 1.0;
+  int r = 0, c = 0;
+  unpack_element(kind - (ante ? 7000 : 6000), r, c);
+  if (r > n || c < 1 || pos == 0) return undefined(count, ifault);
+  auto F = [&](int a, int b) { return PW(work, pos, a, b); };
+  auto col = [&](int k, int a) -> double {
+    if (a == k) return 1.0;
+    if (!ante) return a > k ? F(a, k) : 0.0;
+    return a < k ? F(k, a) : 0.0;
+  };
+  for (int j = 1; j <= n; ++j) {
+    double v;
+    if (r == c) {
+      v = col(r, i) * col(r, j);
+    } else if (!ante) {
+      v = F(c, c) * ((i == r ? col(c, j) : 0.0) + (j == r ? col(c, i) : 0.0));
+    } else {
+      v = F(r, r) * ((i == c ? col(r, j) : 0.0) + (j == c ? col(r, i) : 0.0));
+    }
+    if (std::fabs(v) <= 1e-16) v = 0.0;
+    put(values, columns, count, j, sign * v);
+  }
+  return 0;
 }
 
 int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int order,

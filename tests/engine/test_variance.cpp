@@ -88,7 +88,31 @@ struct Case {
   std::function<Direct(int)> direct;                // by order
   bool pervar = false;                              // last n parameters are variances
   bool scale = false;                               // last parameter is a scale
+  int inited = 0;                                   // CHOL/ANTE: parameters are the factor
 };
+
+// A packed factor: D on the diagonal, off-diagonals small.
+std::vector<double> factor_params(int n) {
+  std::vector<double> p;
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= i; ++j) p.push_back(i == j ? 0.8 + 0.2 * i : 0.3 / (i - j + 1) - 0.05 * j);
+  return p;
+}
+// L D L' (or U D U' when upper) from a packed factor.
+Mat factor_product(const std::vector<double>& p, int n, bool upper) {
+  Mat m(n * n, 0.0);
+  for (int k = 1; k <= n; ++k) {
+    std::vector<double> col(n + 1, 0.0);
+    col[k] = 1.0;
+    for (int i = 1; i <= n; ++i) {
+      if (!upper && i > k) col[i] = p[packed_index(i, k)];
+      if (upper && i < k) col[i] = p[packed_index(k, i)];
+    }
+    for (int i = 1; i <= n; ++i)
+      for (int j = 1; j <= n; ++j) at(m, n, i, j) += col[i] * p[packed_index(k, k)] * col[j];
+  }
+  return m;
+}
 
 // The cases: each base structure, plus versions with own variances or a
 // scale attached to some of them.
@@ -187,6 +211,16 @@ std::vector<Case> catalogue() {
                    return m;
                  };
                }});
+  Case chol{"CHOL", 11, 0, 2, factor_params, [](int n) -> Direct {
+              return [=](const std::vector<double>& p) { return factor_product(p, n, false); };
+            }};
+  chol.inited = 1;
+  c.push_back(chol);
+  Case ante{"ANTE", 12, 0, 2, factor_params, [](int n) -> Direct {
+              return [=](const std::vector<double>& p) { return inverse(factor_product(p, n, true), n); };
+            }};
+  ante.inited = 1;
+  c.push_back(ante);
   // Own variances and an overall scale on correlation structures.
   const std::vector<Case> base = c;
   for (const Case& b : base) {
@@ -249,6 +283,7 @@ TEST(VarianceCatalogue, RowsInverseLogdetTracesAndDerivatives) {
       Fit f;
       f.gammas = par;
       f.add_section(n, np, c.model, 1, c.band, c.scale ? np : 0);
+      f.row(1).field(kInited) = c.inited;
       ASSERT_EQ(f.run(), 0) << "ifault " << f.ifault;
       ASSERT_EQ(f.gammas, par) << "parameters moved";
       const Mat V = direct(par);

@@ -444,3 +444,48 @@ TEST(DenseKernels, GeneralisedInverseAndToeplitzHelpers) {
     EXPECT_LT(max_abs_diff(matmul(t, unpack(v, m), m), identity(m)), 1e-12) << m;
   }
 }
+
+// CHOL and ANTE given a general matrix: it is factorised into the
+// parameters, the band is imposed, and V is rebuilt from the factor.
+TEST(VarianceFormation, CholAndAnteTurnAGeneralMatrixIntoFactors) {
+  const int n = 4;
+  Mat G = test_matrix(n, 1.0);
+  for (int model : {11, 12}) {
+    for (int band : {0, 1}) {
+      SCOPED_TRACE(std::to_string(model) + " band " + std::to_string(band));
+      Fit f;
+      f.gammas = pack(G, n);
+      f.add_section(n, static_cast<int>(f.gammas.size()), model, 1, band);
+      ASSERT_EQ(f.run(), 0) << f.ifault;
+      EXPECT_EQ(f.row(1).field(kInited), 1);
+      for (int i = 1; i <= n; ++i)
+        for (int j = 1; j < i; ++j) {
+          const bool off = band == 1 && i - j > 1;
+          EXPECT_EQ(f.rgmstr[packed_index(i, j)], off ? 2 : 0);
+          if (off) {
+            EXPECT_EQ(f.gammas[packed_index(i, j)], 0.0);
+          }
+        }
+      const Mat V = f.V(1);
+      if (band == 0) {
+        EXPECT_LT(max_abs_diff(V, G), 1e-12);
+      } else if (model == 11) {
+        // L D L' with L cut to its first band: the diagonal of D and the
+        // first band of L stay those of G.
+        EXPECT_NEAR(at(V, n, 1, 1), at(G, n, 1, 1), 1e-12);
+        EXPECT_NEAR(at(V, n, 2, 1), at(G, n, 2, 1), 1e-12);
+        EXPECT_EQ(at(V, n, 3, 1), 0.0);
+      }
+      EXPECT_LT(max_abs_diff(matmul(V, f.Vinv(1), n), identity(n)), 1e-10);
+      EXPECT_NEAR(f.logdet[0], log_abs_det(V, n), 1e-10);
+    }
+  }
+  // An indefinite matrix cannot be an ANTE.
+  Mat B = test_matrix(n, 0.0);
+  at(B, n, 2, 2) = -1.0;
+  Fit a;
+  a.gammas = pack(B, n);
+  a.add_section(n, static_cast<int>(a.gammas.size()), 12, 1, 0);
+  EXPECT_EQ(a.run(), 1);
+  EXPECT_EQ(a.ifault, 1121);
+}
