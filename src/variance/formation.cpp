@@ -111,6 +111,7 @@ class Former {
   int fall_back(Section& S, int model, int ncor_new, const char* name);
 
   int model0(Section& S);
+  int linked(Section& S);
   int time_series(Section& S, int p, int which);
   int moving_average(Section& S, int which);
   int coru(Section& S);
@@ -169,61 +170,72 @@ int Former::run() {
 int Former::giv_walk() {
   if (a_.iteration <= 1)
     for (auto& v : a_.givlogdet) v = 0.0;
+  if (a_.giv.count > 0 && a_.givlogdet.size() < static_cast<std::size_t>(a_.giv.count))
+    return fail(1000, " Known matrix table longer than its log determinants");
+  char buf[160];
   for (int g = 1; g <= a_.giv.count; ++g) {
     const int size = a_.giv.size(g);
-    int type = a_.giv.type(g);
-    if (size == 0 || type == 10 || type == 20) continue;
-    if (type >= 6000) continue;  // coordinates and own-structure descriptions
-    const bool behind = type > 10;
-    if (behind) type -= 10;
-    i64 nval = 0;
-    if (type == 3) nval = 2 * static_cast<i64>(size);
-    else if (type == 8) nval = size;
-    else if (type == 9) nval = packed_size(size);
-    else
-      return fail(1000, " Known matrices of this type are not available in this version");
-    const i64 start = a_.giv.start(g);
-    const i64 first = behind ? start : start + 1;
-    const i64 slot = behind ? start + nval : start;
-    if (start < 1 || first + nval - 1 > static_cast<i64>(a_.giv.real.size()) ||
-        slot > static_cast<i64>(a_.giv.real.size()) ||
-        a_.givlogdet.size() < static_cast<std::size_t>(a_.giv.count))
-      return fail(1000, " Known matrix outside its store");
+    const int rawtype = a_.giv.type(g);
+    if (size == 0 || rawtype == 10 || rawtype == 20) continue;
+    if (rawtype >= 6000) continue;  // coordinates and own-structure descriptions
+    const GivLayout L = giv_layout(a_.giv, g);
+    if (!L.ok || (L.type == 7 && !sparse_giv_valid(a_.giv, L))) {
+      std::snprintf(buf, sizeof buf, " Known matrix %d (type %d) does not fit its store", g, rawtype);
+      return fail(1000, buf);
+    }
     double& held = a_.givlogdet.at1(g);
-    const double s = a_.giv.real.at1(slot);
-    if (s != 0.0 && s == held) continue;
-    auto val = [&](i64 k) { return a_.giv.real.at1(first + k - 1); };
+    double& slot = a_.giv.real.at1(static_cast<std::size_t>(L.slot));
+    const double sv = slot;
+    if (sv != 0.0 && sv == held) continue;
+    auto val = [&](i64 k) { return a_.giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
     double ld = 0.0;
-    if (type == 3) {
+    if (L.type == 3) {
       for (int k = 1; k <= size; ++k) {
         const double q = std::fabs(val(2 * k) - val(2 * k - 1) * val(2 * k - 1));
         if (q > 1e-12) ld -= std::log(q);
       }
-    } else if (type == 8) {
-      if (s < 0.0 && s > -10.0 * size) {
-        ld = s;
+    } else if (L.type == 8) {
+      if (sv < 0.0 && sv > -10.0 * size) {
+        ld = sv;
       } else {
         for (int k = 1; k <= size; ++k)
-          if (val(k) != 0.0) ld -= std::log(val(k));
+          if (val(k) != 0.0) ld -= std::log(std::fabs(val(k)));
       }
     } else {
-      if (a_.giv.index(g) != 0 && s != 0.0 && s != a_.sentinel) {
-        ld = s;
+      const bool stands = L.type == 7 ? (std::fabs(sv) < 5.0 * size && sv != a_.sentinel && sv != 0.0)
+                                      : (a_.giv.index(g) != 0 && sv != 0.0 && sv != a_.sentinel);
+      if (stands) {
+        ld = sv;
       } else {
-        // The log determinant of the stored inverse, from a factorisation
-        // of a copy taken from the top of the work array.
+        // The log determinant from a dense factorisation of a copy taken
+        // from the top of the work array.
+        if (size > 2000) {
+          std::snprintf(buf, sizeof buf,
+                        " Known matrix %d: log determinant of a sparse matrix of order %d not available in this version",
+                        g, size);
+          return fail(1000, buf);
+        }
+        const i64 nval = packed_size(size);
         const i64 saved = a_.top;
-        const i64 p = take(nval + 3 * static_cast<i64>(size));
+        const i64 p = take(nval + 2 * static_cast<i64>(size));
         if (!p) return 1;
-        for (i64 k = 1; k <= nval; ++k) W(p + k - 1) = val(k);
+        for (i64 k = 0; k < nval; ++k) W(p + k) = 0.0;
+        if (L.type == 9) {
+          for (i64 k = 1; k <= nval; ++k) W(p + k - 1) = val(k);
+        } else {
+          for (int r = 1; r <= size; ++r)
+            for (int q = a_.giv.integer.at1(L.rowstart + r - 1); q < a_.giv.integer.at1(L.rowstart + r); ++q)
+              W(p + packed_index(r, a_.giv.integer.at1(L.colindex + q - 1))) = val(q);
+        }
         span<int> perm(a_.work.i + 2 * (p + nval - 1), static_cast<std::size_t>(size));
         span<int> perm2(a_.work.i + 2 * (p + nval - 1) + size, static_cast<std::size_t>(size));
+        const i64 ps = take(size);
+        if (!ps) return 1;
         int mode = -98, rank = size, neg = 0;
         double lg = 0.0;
-        g5vsmi(WS(p, nval), WS(p + nval + size, size), perm, perm2, mode, rank, lg, neg);
+        g5vsmi(WS(p, nval), WS(ps, size), perm, perm2, mode, rank, lg, neg);
         a_.top = saved;
         if (mode > a_.giv.rank(g)) {
-          char buf[96];
           std::snprintf(buf, sizeof buf, "GIV matrix not positive definite: Singular pivots %d", mode);
           g5verror(buf, 3);
         }
@@ -231,7 +243,44 @@ int Former::giv_walk() {
       }
     }
     held = ld;
-    a_.giv.real.at1(slot) = ld;
+    slot = ld;
+  }
+  return 0;
+}
+
+// A section linked to a known matrix (GIV row -model), held as its
+// inverse: sigma times the matrix, delivered through its inverse rows.
+int Former::linked(Section& S) {
+  const int n = S.n;
+  const int g = -S.model;
+  char buf[160];
+  const GivLayout L = giv_layout(a_.giv, g);
+  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size < n) {
+    std::snprintf(buf, sizeof buf, " Section %d: known matrix %d cannot be linked to a structure of order %d", S.s, g,
+                  n);
+    return fail(1000 + S.model, buf);
+  }
+  double sig = 1.0;
+  if (!S.scaled && S.npar >= 1) sig = gam(S.gfirst);
+  if (S.npar > 1 || sig == 0.0) {
+    std::snprintf(buf, sizeof buf, " Linked section %d with %d parameters or zero scale", S.s, S.npar);
+    return fail(1000 + S.model, buf);
+  }
+  const FormRecord keep = *S.rec;
+  if (g5vva0(*S.rec, sig, a_.work, a_.top, a_.floor, ifault_)) return 1;
+  S.rec->scale = keep.scale;
+  S.rec->scalei = keep.scalei;
+  const int eff = std::min(n, a_.giv.size(g) - a_.giv.rank(g));
+  a_.logdet.at1(S.s) = (S.scaled ? 0.0 : eff * std::log(std::fabs(sig))) + a_.givlogdet.at1(g);
+  if (!S.scaled && S.npar == 1) {
+    const i64 p = take(1);
+    if (!p) return 1;
+    W(p) = 1.0 / (sig * sig);
+    FormRecord& r = pf(S.gfirst);
+    r = FormRecord{};
+    r.posi = p;
+    tr(S.gfirst) = 1.0 / sig;
+    a_.tgamma.at1(S.gfirst) = a_.variance_kind;
   }
   return 0;
 }
@@ -288,7 +337,7 @@ restart:
   const int m = S.model;
   const int nc = S.ncor;
   if (m < 0) {
-    return fail(1000 + m, " Links to known matrices are not available in this version");
+    rc = linked(S);
   } else if (m == 0) {
     rc = model0(S);
   } else if (m == 1 && nc == 1) {

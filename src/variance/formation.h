@@ -69,6 +69,30 @@ i64 take_top(i64& top, i64 floor, i64 m);
 int block_level(const GivTable& giv, int g, int k);
 bool block_levels_valid(const GivTable& giv, int g, int order);
 
+// Where the values of GIV row g lie.  A type above 10 is read as type - 10
+// with the stored log determinant behind the values instead of in front.
+//   type 3: pairs (a, b) per level;  type 8: the diagonal;  type 9: the
+//   packed lower triangle;  type 7: a sparse lower triangle by rows, its
+//   values in the real store and, from index(g) in the integer store,
+//   rowstart (size+1 positions, 1-based, rowstart(size+1) - 1 = nnz),
+//   then the column of each value (ascending, each row ending with its
+//   diagonal), then `size` cursor words used by g5vvar.
+struct GivLayout {
+  bool ok = false;
+  int type = 0, size = 0;
+  i64 first = 0, slot = 0, nval = 0;   // real store, 1-based
+  i64 rowstart = 0, colindex = 0, cursor = 0;  // integer store, 1-based
+};
+GivLayout giv_layout(const GivTable& giv, int g);
+// Checks the row starts and columns of a type 7 row.
+bool sparse_giv_valid(const GivTable& giv, const GivLayout& L);
+
+// Row i of a sparse symmetric matrix held by its lower triangle, times
+// `scale`; see GivLayout.  Rows must be asked for in ascending order from
+// row 1 (the cursors follow the part right of the diagonal).
+void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor);
+
 // Row i of a CHOL or ANTE derivative (kinds 6001 to 10000).
 int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
                           const i64* record, const WorkArray& work, int& ifault);

@@ -44,6 +44,84 @@ int undefined(int& count, int& ifault) {
 
 }  // namespace
 
+GivLayout giv_layout(const GivTable& giv, int g) {
+  GivLayout L;
+  if (g < 1 || g > giv.count) return L;
+  L.size = giv.size(g);
+  int type = giv.type(g);
+  if (L.size < 1 || type < 1 || type > 20) return L;
+  const bool behind = type > 10;
+  if (behind) type -= 10;
+  L.type = type;
+  const i64 start = giv.start(g);
+  const i64 nreal = static_cast<i64>(giv.real.size());
+  const i64 nint = static_cast<i64>(giv.integer.size());
+  i64 nval = 0;
+  if (type == 3) {
+    nval = 2 * static_cast<i64>(L.size);
+  } else if (type == 8) {
+    nval = L.size;
+  } else if (type == 9) {
+    nval = packed_size(L.size);
+  } else if (type == 7) {
+    L.rowstart = giv.index(g);
+    if (L.rowstart < 1 || L.rowstart + L.size > nint) return L;
+    const i64 nnz = static_cast<i64>(giv.integer.at1(L.rowstart + L.size)) - 1;
+    if (nnz < L.size) return L;
+    L.colindex = L.rowstart + L.size + 1;
+    L.cursor = L.colindex + nnz;
+    if (L.cursor + L.size - 1 > nint) return L;
+    nval = nnz;
+  } else {
+    return L;
+  }
+  L.first = behind ? start : start + 1;
+  L.slot = behind ? start + nval : start;
+  L.nval = nval;
+  if (start < 1 || L.first + nval - 1 > nreal || L.slot > nreal) return L;
+  L.ok = true;
+  return L;
+}
+
+bool sparse_giv_valid(const GivTable& giv, const GivLayout& L) {
+  if (!L.ok || L.type != 7) return false;
+  auto rs = [&](int k) { return static_cast<i64>(giv.integer.at1(L.rowstart + k - 1)); };
+  if (rs(1) != 1) return false;
+  for (int r = 1; r <= L.size; ++r) {
+    const i64 a = rs(r), b = rs(r + 1);
+    if (b <= a || b - 1 > L.nval) return false;  // each row ends with its diagonal
+    int prev = 0;
+    for (i64 q = a; q < b; ++q) {
+      const int c = giv.integer.at1(L.colindex + q - 1);
+      if (c <= prev || c > r) return false;
+      prev = c;
+    }
+    if (prev != r) return false;
+  }
+  return true;
+}
+
+void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor) {
+  if (i == 1)
+    for (int j = 1; j <= n; ++j) cursor.at1(j) = rowstart.at1(j);
+  for (int q = rowstart.at1(i); q < rowstart.at1(i + 1); ++q) {
+    const int c = colindex.at1(q);
+    columns[count++] = c;
+    values[c - 1] = scale * store.at1(q);
+  }
+  if (lower) return;
+  for (int j = i + 1; j <= n; ++j) {
+    int& q = cursor.at1(j);
+    while (q < rowstart.at1(j + 1) && colindex.at1(q) < i) ++q;
+    if (q < rowstart.at1(j + 1) && colindex.at1(q) == i) {
+      columns[count++] = j;
+      values[j - 1] = scale * store.at1(q);
+      ++q;
+    }
+  }
+}
+
 int block_level(const GivTable& giv, int g, int k) {
   return giv.integer.at1(static_cast<std::size_t>(giv.index(g)) + 2 * static_cast<std::size_t>(k - 1));
 }
@@ -105,13 +183,26 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
   } else if (kind == -1) {
     put(values, columns, count, i, 0.0);
   } else if (kind == 0) {
+    const double v = W(work, pos);
     if (link < 0) {
-      // Links to known matrices are delivered by the relationship code,
-      // which this version does not have.
-      g5verror(" G5VVRW link to a known matrix not available in this version", 4);
-      return g5vflt(ifault, kFaultUndefinedStructure);
+      const GivLayout L = giv_layout(giv, -link);
+      if (!L.ok || i > L.size) return undefined(count, ifault);
+      auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
+      if (L.type == 7) {
+        g5vvar(values, columns, count, i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,
+               giv.integer.subspan(static_cast<std::size_t>(L.rowstart - 1), L.size + 1),
+               giv.integer.subspan(static_cast<std::size_t>(L.colindex - 1)), 0,
+               giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size));
+      } else if (L.type == 8) {
+        put(values, columns, count, i, v * val(i));
+      } else if (L.type == 9) {
+        for (int j = 1; j <= L.size; ++j) put(values, columns, count, j, v * val(packed_index(i, j) + 1));
+      } else {
+        return undefined(count, ifault);
+      }
+    } else {
+      put(values, columns, count, i, v);
     }
-    put(values, columns, count, i, W(work, pos));
   } else if (kind == 2) {
     const int blockrow = strucrow.p ? strucrow.field(kBlockrow) : 0;
     if (blockrow > 0) {

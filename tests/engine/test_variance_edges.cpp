@@ -489,3 +489,75 @@ TEST(VarianceFormation, CholAndAnteTurnAGeneralMatrixIntoFactors) {
   EXPECT_EQ(a.run(), 1);
   EXPECT_EQ(a.ifault, 1121);
 }
+
+// Sections linked to a known inverse held diagonal (8), dense (9) or
+// sparse (7), with the log determinant slot in front or behind (+10).
+TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
+  const int n = 5;
+  Mat Ai(n * n, 0.0);  // a tridiagonal positive definite inverse
+  for (int i = 1; i <= n; ++i) {
+    at(Ai, n, i, i) = 2.0 + 0.1 * i;
+    if (i > 1) at(Ai, n, i, i - 1) = at(Ai, n, i - 1, i) = -0.7;
+  }
+  const double sigma = 2.0;
+  for (int type : {7, 8, 9, 17, 19}) {
+    SCOPED_TRACE(type);
+    const int t = type % 10;
+    Mat M = Ai;
+    if (t == 8)
+      for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+          if (i != j) at(M, n, i, j) = 0.0;
+    std::vector<double> vals;
+    std::vector<int> ints;
+    if (t == 8) {
+      for (int i = 1; i <= n; ++i) vals.push_back(at(M, n, i, i));
+    } else if (t == 9) {
+      vals = pack(M, n);
+    } else {
+      ints.push_back(1);
+      std::vector<int> cols;
+      for (int i = 1; i <= n; ++i) {
+        for (int j = 1; j <= i; ++j)
+          if (at(M, n, i, j) != 0.0) {
+            vals.push_back(at(M, n, i, j));
+            cols.push_back(j);
+          }
+        ints.push_back(static_cast<int>(vals.size()) + 1);
+      }
+      ints.insert(ints.end(), cols.begin(), cols.end());
+      ints.insert(ints.end(), n, 0);  // cursors
+    }
+    Fit f;
+    f.givreal.assign(1, 0.0);
+    if (type > 10) {
+      f.givreal = vals;
+      f.givreal.push_back(0.0);
+    } else {
+      f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());
+    }
+    f.givint = ints.empty() ? std::vector<int>{0} : ints;
+    f.givtab = {n, type, 1, ints.empty() ? 0 : 1, 0};
+    f.gammas = {sigma};
+    f.add_section(n, 1, -1, 1);
+    ASSERT_EQ(f.run(), 0) << f.ifault;
+    const double ldA = -log_abs_det(M, n);
+    EXPECT_NEAR(f.givlogdet[0], ldA, 1e-10);
+    EXPECT_NEAR(f.logdet[0], n * std::log(sigma) + ldA, 1e-10);
+    EXPECT_EQ(f.trdrri[0], 1.0 / sigma);
+    Mat want = M;
+    for (double& v : want) v /= sigma;
+    EXPECT_LT(max_abs_diff(f.Vinv(1), want), 1e-14);
+    for (double& v : want) v /= sigma;
+    EXPECT_LT(max_abs_diff(f.rebuild(1, f.parform[0].second()), want), 1e-14);
+    // The next iteration finds the log determinant held.
+    ASSERT_EQ(f.run(2), 0);
+    EXPECT_NEAR(f.logdet[0], n * std::log(sigma) + ldA, 1e-10);
+  }
+  // A link to a row that does not exist.
+  Fit b;
+  b.gammas = {1.0};
+  b.add_section(3, 1, -2, 1);
+  EXPECT_EQ(b.run(), 1);
+  EXPECT_EQ(b.ifault, 998);
+}
