@@ -202,7 +202,9 @@ int Former::giv_walk() {
           if (val(k) != 0.0) ld -= std::log(std::fabs(val(k)));
       }
     } else {
-      const bool stands = L.type == 7 ? (std::fabs(sv) < 5.0 * size && sv != a_.sentinel && sv != 0.0)
+      // A sparse inverse keeps its stored value unless it is implausible
+      // or marked unknown; a dense one needs an index and a value.
+      const bool stands = L.type == 7 ? (std::fabs(sv) < 5.0 * size && sv != a_.sentinel)
                                       : (a_.giv.index(g) != 0 && sv != 0.0 && sv != a_.sentinel);
       if (stands) {
         ld = sv;
@@ -529,15 +531,24 @@ int Former::finish(Section& S) {
     pf(gp).scalei = S.rec->scalei;
   }
   if (a_.debug && n < 21 && S.model >= 1 && S.model <= 4) {
-    const FormRecord& r = *S.rec;
-    if (r.kind == 2 && r.pos > 0) g5vplt("R", WS(r.pos, n), n, a_.unit);
+    // The stored forms: a Toeplitz row, bands of the inverse (n words
+    // each) or a packed inverse.
+    auto show = [&](const char* label, i64 kind, i64 pos) {
+      if (pos <= 0) return;
+      i64 len = n;
+      if (kind >= 3 && kind <= 5) len = (kind - 1) * static_cast<i64>(n);
+      if (kind == 9) len = packed_size(n);
+      g5vplt(label, WS(pos, len), static_cast<int>(len), a_.unit);
+    };
+    show("R", S.rec->kind, S.rec->pos);
+    show("Ri", S.rec->kindi, S.rec->posi);
     if (S.ncor >= 1) {
-      const FormRecord& d = pf(S.gfirst);
-      if (d.kind == 2 && d.pos > 0) g5vplt("dR1", WS(d.pos, n), n, a_.unit);
+      show("dR1", pf(S.gfirst).kind, pf(S.gfirst).pos);
+      show("dRi1", pf(S.gfirst).kindi, pf(S.gfirst).posi);
     }
     if (S.ncor >= 2) {
-      const FormRecord& d = pf(S.gfirst + 1);
-      if (d.kind == 2 && d.pos > 0) g5vplt("dR2", WS(d.pos, n), n, a_.unit);
+      show("dR2", pf(S.gfirst + 1).kind, pf(S.gfirst + 1).pos);
+      show("dRi2", pf(S.gfirst + 1).kindi, pf(S.gfirst + 1).posi);
     }
   }
   return 0;
@@ -973,9 +984,14 @@ int Former::moving_average(Section& S, int which) {
     }
     a_.logdet.at1(S.s) = ld;
   }
+  if (a_.debug && which == 3) {
+    g5vtme(a_.unit, " ARMA", 5);
+    g5vtme(a_.unit, " ARMAinv", 8);
+  }
   for (int q = 0; q < nparam; ++q) {
     a_.tgamma.at1(g + q) = 3;
     if (g5vvsa(S, g + q, pdr[q], pinv)) return 1;
+    if (a_.debug && which == 3) g5vtme(a_.unit, q == 0 ? "DERIV1" : "DERIV2", 6);
   }
   S.rec->kind = 2;
   S.rec->pos = pr;

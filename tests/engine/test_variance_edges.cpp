@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "console_capture.h"
 #include "host/messages.h"
 #include "variance/dense.h"
 #include "variance_support.h"
@@ -528,11 +529,12 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
       ints.insert(ints.end(), cols.begin(), cols.end());
       ints.insert(ints.end(), n, 0);  // cursors
     }
+    // The slot starts as the mark of an unknown log determinant.
     Fit f;
-    f.givreal.assign(1, 0.0);
+    f.givreal.assign(1, kMissing);
     if (type > 10) {
       f.givreal = vals;
-      f.givreal.push_back(0.0);
+      f.givreal.push_back(kMissing);
     } else {
       f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());
     }
@@ -560,4 +562,17 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
   b.add_section(3, 1, -2, 1);
   EXPECT_EQ(b.run(), 1);
   EXPECT_EQ(b.ifault, 998);
+}
+
+TEST(VarianceFormation, DebugPrintsTheStoredForms) {
+  tarnel_test::capture_begin();
+  Fit f;
+  f.gammas = {0.6, 0.3};
+  f.add_section(4, 2, 3, 1, 0);  // ARMA
+  f.a.debug = 1;
+  f.run();
+  const std::string out = tarnel_test::capture_end();
+  ASSERT_EQ(f.rc, 0);
+  for (const char* w : {"R\n", "Ri\n", "dR1\n", "dRi1\n", "dR2\n", "dRi2\n", " ARMAinv", "DERIV2"})
+    EXPECT_NE(out.find(w), std::string::npos) << w;
 }
