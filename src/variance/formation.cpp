@@ -798,6 +798,10 @@ int Former::time_series(Section& S, int p, int which) {
     }
     Dual s2;
     ar::correlations(M, rho, s2);
+    if (!(s2.v > 0.0) || !std::isfinite(s2.v)) {
+      std::snprintf(buf, sizeof buf, " Autoregressive parameters of section %d outside the stationary region", S.s);
+      return fail(1000 + S.model, buf);
+    }
     for (int k = 0; k < nb; ++k) band[k] = Dual(0.0);
     Dual ld(0.0);
     for (int st = 0; st < n;) {
@@ -1008,6 +1012,12 @@ int Former::coru(Section& S) {
   double& rho = gam(g);
   if (std::fabs(1.0 - std::fabs(rho)) < f32(1e-4)) rho = std::copysign(0.999, rho);
   const double r = rho;
+  if (!(1.0 + (n - 1) * r > 0.0) || !(r < 1.0)) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, " Uniform correlation %g of section %d is not positive definite for order %d", r,
+                  S.s, n);
+    return fail(1005, buf);
+  }
   const double a = 1.0 / (1.0 - r);
   const double b = -r / ((1.0 - r) * (1.0 + (n - 1) * r));
   const double q = (2 * a + n * b) * (n - 1) * b + a * a;

@@ -169,6 +169,8 @@ TEST(VarianceFormation, SectionsThatCannotBeFormedFault) {
       {8, 3, {1.0, 0.0, 2.0}, 1008, " DIAG section 1 has a zero variance"},
       {9, 3, {1.0, 0.0}, 1009, nullptr},
       {0, 3, {0.0}, 1000, " Scaled identity section 1 with 1 parameters or zero scale"},
+      {1, 6, {1.5, 0.3, 0.2}, 1001, " Autoregressive parameters of section 1 outside the stationary region"},
+      {5, 5, {-0.3}, 1005, " Uniform correlation -0.3 of section 1 is not positive definite for order 5"},
   };
   for (const F& c : cases) {
     SCOPED_TRACE(c.model);
@@ -443,6 +445,22 @@ TEST(DenseKernels, GeneralisedInverseAndToeplitzHelpers) {
     std::vector<double> v(packed_size(m));
     g5vvma(1.16, -0.4, span<double>(v.data(), v.size()), m);
     EXPECT_LT(max_abs_diff(matmul(t, unpack(v, m), m), identity(m)), 1e-12) << m;
+  }
+  // A long series, and an indefinite matrix: T times the inverse is I,
+  // computed from the three bands of T.
+  for (double r1 : {-0.1, 0.4, 0.7}) {
+    const int m = r1 == 0.7 ? 9 : 600;
+    std::vector<double> v(packed_size(m));
+    g5vvma(1.01, r1, span<double>(v.data(), v.size()), m);
+    double worst = 0;
+    for (int i = 1; i <= m; ++i)
+      for (int j = 1; j <= m; ++j) {
+        double e = 1.01 * v[packed_index(i, j)];
+        if (i > 1) e += r1 * v[packed_index(i - 1, j)];
+        if (i < m) e += r1 * v[packed_index(i + 1, j)];
+        worst = std::max(worst, std::fabs(e - (i == j ? 1.0 : 0.0)));
+      }
+    EXPECT_LT(worst, 1e-10) << r1;
   }
 }
 
