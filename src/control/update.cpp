@@ -556,11 +556,14 @@ int g5vupd(UpdateArgs& a, int& ifault) {
   Pass pass;
   for (int attempt = 0; attempt < 2; ++attempt) {
     pass = Pass{};
+    // Steps are scaled by the step size at the start of the pass; changes
+    // made to it below carry over to the next iteration.
+    const double scale = stepsz;
     double loadlimit = 0.0;
     for (int c = 0; c < nwv; ++c) {
       const int k = par(c);
       const double g = a.gammas[k];
-      const double t = step[c] * stepsz;
+      const double t = step[c] * scale;
       const double se = std::sqrt(std::fabs(hdiag[c]));
       double& p = a.prev1[k];
       const double q = a.prev2[k];
@@ -683,8 +686,8 @@ int g5vupd(UpdateArgs& a, int& ifault) {
     vprt(" Loadings IF%% %10.4f  sign changes %d\n", pass.ifsum / pass.ifcount, pass.signchanges);
 
   // The EM fallback, with the scratch that the constrained inverse used.
-  if (em_fallback(a, vwork, ifault)) return 1;
   update_state.prevstepsz = stepsz;
+  if (em_fallback(a, vwork, ifault)) return 1;
   return 0;
 }
 
