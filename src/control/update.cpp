@@ -355,12 +355,13 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
     const int n = gform == 2 ? row[0] / 2 : row[0];
     const int npar = row[1];
     const int first = row[3];
-    if (n < 1 || first < 1 || npar < 1 || first + npar - 1 > static_cast<int>(a.gammas.size()))
+    if (n < 1 || first < 1 || npar < 1 ||
+        static_cast<i64>(first) + npar - 1 > static_cast<i64>(a.gammas.size()))
       continue;
     bool holds = by_setting;
     for (int k = first; k < first + npar && !holds; ++k) holds = marked(k);
     if (!holds || a.rgmstr[first - 1] % 10 != 1) continue;
-    bool ok = npar == n * (n + 1) / 2;
+    bool ok = static_cast<i64>(npar) == static_cast<i64>(n) * (n + 1) / 2;
     for (int i = 1; i <= n && ok; ++i) {
       const int r = a.rgmstr[first - 1 + static_cast<int>(pk(i, i))];
       ok = r == 1 || r > 9;
@@ -460,6 +461,15 @@ int g5vupd(UpdateArgs& a, int& ifault) {
     if (a.wvpar[c] < 1 || a.wvpar[c] > ng)
       return bad_args(ifault, "Update: AI row names a parameter out of range");
   if (a.work.size() < g5vupd_work_words(nwv, ng, a.ngmcon)) return g5vflt(ifault, 6);
+  {  // each parameter owns at most one row of AI
+    double* seen = a.work.data();
+    for (int k = 0; k < ng; ++k) seen[k] = 0.0;
+    for (int c = 0; c < nwv; ++c) {
+      if (seen[a.wvpar[c] - 1] != 0.0)
+        return bad_args(ifault, "Update: a parameter owns two rows of AI");
+      seen[a.wvpar[c] - 1] = 1.0;
+    }
+  }
   if (a.iter <= 1) reset_update_state();
 
   UpdateControl& ctl = *a.control;

@@ -440,6 +440,10 @@ TEST(ConstrainedInverse, BadInputAndShortWorkspace) {
   pr.wvpar = {1, 3};
   EXPECT_EQ(pr.run(), 1);
   EXPECT_EQ(pr.ifault, 1);
+  Problem p5(2);
+  p5.wvpar = {2, 2};
+  EXPECT_EQ(p5.run(), 1);
+  EXPECT_EQ(p5.ifault, 1);
   Problem p2(2);
   p2.gequal = {1};
   EXPECT_EQ(p2.run(), 1);
