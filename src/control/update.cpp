@@ -8,6 +8,7 @@
 
 #include "host/console.h"
 #include "host/messages.h"
+#include "variance/dense.h"
 
 namespace tarnel {
 
@@ -35,44 +36,9 @@ int bad_args(int& ifault, const char* text) {
   return g5vflt(ifault, 1);
 }
 
-// Counts singular and negative pivots of a packed symmetric matrix of order
-// n, factorised in order without reordering: each pivot has the tolerance
-// max(|a(i,i)| 1e-10, 1e-12) on the diagonal as given; a pivot at or below
-// it is singular and its row and column drop out of the elimination.
-// `scratch` holds n*n words.
-void pivot_counts(const double* a, int n, double* scratch, int& nsing, int& nneg) {
-  nsing = 0;
-  nneg = 0;
-  double* m = scratch;
-  for (int i = 1; i <= n; ++i)
-    for (int j = 1; j <= n; ++j) m[(i - 1) * n + (j - 1)] = a[pk(i, j)];
-  for (int k = 0; k < n; ++k) {
-    const double tol = std::fmax(std::fabs(a[pk(k + 1, k + 1)]) * 1e-10, 1e-12);
-    const double d = m[k * n + k];
-    if (std::fabs(d) <= tol) {
-      ++nsing;
-      for (int j = 0; j < n; ++j) m[k * n + j] = m[j * n + k] = 0.0;
-      continue;
-    }
-    if (d < 0) ++nneg;
-    for (int i = k + 1; i < n; ++i) {
-      const double f = m[i * n + k] / d;
-      if (f == 0.0) continue;
-      for (int j = k + 1; j < n; ++j) m[i * n + j] -= f * m[k * n + j];
-    }
-  }
-}
-
 void debug_vector(const char* label, const double* v, std::size_t n) {
   vprt("%s", label);
   for (std::size_t k = 0; k < n; ++k) vprt("%s%.17g", k ? "," : "", v[k]);
-}
-
-void print_matrix(const char* label, const double* v, int n) {
-  vprt("%s", label);
-  const int len = n * (n + 1) / 2;
-  for (int k = 0; k < len; ++k) vprt(" %12.5g", v[k]);
-  vprt("\n");
 }
 
 }  // namespace
@@ -374,11 +340,22 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
       continue;
     }
     const std::size_t len = static_cast<std::size_t>(npar);
-    if (scratch.size() < 3 * len + static_cast<std::size_t>(n) * n) return g5vflt(ifault, 6);
+    if (scratch.size() < 4 * len + 2 * static_cast<std::size_t>(n)) return g5vflt(ifault, 6);
     double* em = scratch.data();
     double* prev = em + len;
     double* sc = prev + len;
-    double* piv = sc + len;
+    double* piv = sc + len;  // a copy for the pivot test, then 2n scratch
+    // The matrix passes when its generalised inverse finds no singular and
+    // no negative pivot.
+    auto pivots = [&](int& nsing, int& nneg) {
+      for (std::size_t k = 0; k < len; ++k) piv[k] = em[k];
+      double logdet = 0.0;
+      g5vsmige(span<double>(piv, len), n, span<double>(piv + len, 2 * static_cast<std::size_t>(n)),
+               logdet, span<int>(), nsing, nneg);
+    };
+    auto plt = [&](const char* label, const double* m) {
+      g5vplt(label, span<const double>(m, len), static_cast<int>(len), a.unit);
+    };
     if (a.debug) g5vtme(a.unit, "Calling EMU-A", 13);
     if (g5vemu(*data, n, span<double>(em, len), ifault)) return 1;
     for (std::size_t k = 0; k < len; ++k) prev[k] = a.prev1[first - 1 + k];
@@ -396,9 +373,21 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
           sc[pk(i, j)] = i == j ? v : 0.5 * v;
         }
       if (a.debug) {
-        print_matrix(" UScore", sc, n);
-        print_matrix(" USprev", prev, n);
-        print_matrix(" USEM  ", em, n);
+        plt(" UScore", sc);
+        plt(" USprev", prev);
+        // the section's block of AI, packed by its parameters
+        vprt(" USAI  ");
+        for (int i = first; i < first + npar; ++i)
+          for (int j = first; j <= i; ++j) {
+            int ci = 0, cj = 0;
+            for (int c = 1; c <= nwv; ++c) {
+              if (a.wvpar[c - 1] == i) ci = c;
+              if (a.wvpar[c - 1] == j) cj = c;
+            }
+            vprt(" %12.5g", ci && cj ? a.ai[pk(ci, cj)] : 0.0);
+          }
+        vprt("\n");
+        plt(" USEM  ", em);
       }
       for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= i; ++j) {
@@ -409,13 +398,13 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
         }
     }
     int nsing = 0, nneg = 0, back = 0;
-    pivot_counts(em, n, piv, nsing, nneg);
+    pivots(nsing, nneg);
     while ((nsing > 0 || nneg > 0) && back < 30) {
       if (a.debug) g5vtme(a.unit, "Regress back", 12);
       for (std::size_t k = 0; k < len; ++k) em[k] = 0.5 * (em[k] + prev[k]);
-      if (a.debug) print_matrix(" USEMrb", em, n);
+      if (a.debug) plt(" USEMrb", em);
       ++back;
-      pivot_counts(em, n, piv, nsing, nneg);
+      pivots(nsing, nneg);
     }
     if (nsing > 0 || nneg > 0)  // never passed: keep the previous matrix
       for (std::size_t k = 0; k < len; ++k) em[k] = prev[k];

@@ -516,7 +516,7 @@ TEST(UpdateEm, UsSectionTakesTheEmMatrix) {
   Problem p2(3);
   make(p2);
   p2.rg[2] = 51;
-  const double G[2][2] = {{2.0, 0.5}, {0.5, 1.0}};
+  // G = (2, 0.5; 0.5, 1)
   const double det = 2.0 * 1.0 - 0.25;
   const double Gi[2][2] = {{1.0 / det, -0.5 / det}, {-0.5 / det, 2.0 / det}};
   const double M[2][2] = {{35.0, 7.0}, {7.0, 15.0}};
@@ -528,11 +528,14 @@ TEST(UpdateEm, UsSectionTakesTheEmMatrix) {
         for (int l = 0; l < 2; ++l) t += Gi[i][k] * M[k][l] * Gi[l][j];
       S[i][j] = 0.5 * (t - 10.0 * Gi[i][j]);
     }
-  (void)G;
   p2.sc = {S[0][0], 2.0 * S[1][0], S[1][1]};
+  p2.debug = true;
   tarnel_test::capture_begin();
   ASSERT_EQ(p2.run(), 0);
-  tarnel_test::capture_end();
+  const std::string out = tarnel_test::capture_end();
+  for (const char* word : {"Calling EMU-A", "Single step EM Update using Score", " UScore",
+                           " USprev", " USAI  ", " USEM  ", "CALLING EMU-B"})
+    EXPECT_NE(out.find(word), std::string::npos) << word;
   EXPECT_NEAR(p2.gam[0], 3.5, 1e-12);
   EXPECT_NEAR(p2.gam[1], 0.7, 1e-12);
   EXPECT_NEAR(p2.gam[2], 1.5, 1e-12);
