@@ -36,6 +36,12 @@ int bad_args(int& ifault, const char* text) {
   return g5vflt(ifault, 1);
 }
 
+// A trace word: the timed progress line, ended.
+void trace(int unit, std::string_view text) {
+  g5vtme(unit, text, static_cast<int>(text.size()));
+  cprintc("\n");
+}
+
 void debug_vector(const char* label, const double* v, std::size_t n) {
   vprt("%s", label);
   for (std::size_t k = 0; k < n; ++k) vprt("%s%.17g", k ? "," : "", v[k]);
@@ -356,14 +362,14 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
     auto plt = [&](const char* label, const double* m) {
       g5vplt(label, span<const double>(m, len), static_cast<int>(len), a.unit);
     };
-    if (a.debug) g5vtme(a.unit, "Calling EMU-A", 13);
+    if (a.debug) trace(a.unit, "Calling EMU-A");
     if (g5vemu(*data, n, span<double>(em, len), ifault)) return 1;
     for (std::size_t k = 0; k < len; ++k) prev[k] = a.prev1[first - 1 + k];
     if (!full_em) {
       // One EM step written through the scores: G + (2/q) G S G, with S the
       // symmetric matrix of the scores (an off-diagonal score counts both
       // of its positions, hence the half).
-      if (a.debug) g5vtme(a.unit, "Single step EM Update using Score ", 34);
+      if (a.debug) trace(a.unit, "Single step EM Update using Score ");
       for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= i; ++j) {
           const int k = first - 1 + static_cast<int>(pk(i, j));
@@ -400,7 +406,7 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
     int nsing = 0, nneg = 0, back = 0;
     pivots(nsing, nneg);
     while ((nsing > 0 || nneg > 0) && back < 30) {
-      if (a.debug) g5vtme(a.unit, "Regress back", 12);
+      if (a.debug) trace(a.unit, "Regress back");
       for (std::size_t k = 0; k < len; ++k) em[k] = 0.5 * (em[k] + prev[k]);
       if (a.debug) plt(" USEMrb", em);
       ++back;
@@ -413,7 +419,7 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
       cprintc(" US regressed back\n");
       ++failed;
     }
-    if (a.debug) g5vtme(a.unit, "CALLING EMU-B", 13);
+    if (a.debug) trace(a.unit, "CALLING EMU-B");
     for (std::size_t k = 0; k < len; ++k) {
       a.gammas[first - 1 + k] = em[k];
       if (a.rgmstr[first - 1 + k] == 77) a.rgmstr[first - 1 + k] = 1;
@@ -532,7 +538,7 @@ int g5vupd(UpdateArgs& a, int& ifault) {
     step[c - 1] = a.rgmstr[par(c - 1)] >= 4 ? 0.0 : s;
     hdiag[c - 1] = a.aiinv[pk(c, c)];
   }
-  if (a.debug) g5vtme(a.unit, " AIeq", 5);
+  if (a.debug) trace(a.unit, " AIeq");
 
   // The SLOW factor.
   {
@@ -662,7 +668,7 @@ int g5vupd(UpdateArgs& a, int& ifault) {
       if (std::fabs(nw - (g + t)) <= 1e-14) continue;
       if (pass.nmod == 0 && !pass.restart && attempt == 0 && stepsz > 0.8) {
         stepsz = 0.5;
-        if (a.debug) g5vtme(a.unit, "RESET STEPSZ", 12);
+        if (a.debug) trace(a.unit, "RESET STEPSZ");
         pass.restart = true;
         break;
       }
