@@ -215,6 +215,21 @@ TEST(UpdateRules, StepSizeChangesAndLowerBound) {
   EXPECT_DOUBLE_EQ(pl.gam[0], 2.5);
 }
 
+TEST(UpdateRules, SmallLoadingIsPushedOutOnlyAboveTheRunLimit) {
+  // A run of two loadings; the limit is 0.125 times the mean |p| (0.0625).
+  for (double t : {0.5, 0.05}) {
+    Problem pr(2);
+    pr.tg = {6, 6};
+    pr.gam = {1e-6, 1.0};
+    pr.p1 = {2e-6, 1.0};
+    pr.sc = {t / 0.5, 0.02};
+    ASSERT_EQ(pr.run(), 0);
+    EXPECT_DOUBLE_EQ(pr.gam[0], t > 0.0625 ? 1e-5 : 1e-6 + t);
+    EXPECT_DOUBLE_EQ(pr.p1[0], t > 0.0625 ? 1e-5 : 1e-6);
+    EXPECT_DOUBLE_EQ(pr.gam[1], 1.01);
+  }
+}
+
 // ---- the pass ----------------------------------------------------------------
 
 TEST(UpdatePass, RestartPreparationSlowCounterAndNoInformation) {
