@@ -312,6 +312,10 @@ int em_fallback(UpdateArgs& a, span<double> scratch, int& ifault) {
   const int rl = a.rgmstr[last - 1];
   const bool wanted = rl / 3 == 17 || rl == 77 || static_cast<double>(a.iter) <= a.emset / 10.0;
   if (!wanted || !(a.emset != 0 || rl > 50)) return 0;
+  // The first tenth of the EM setting's iterations are full EM iterations
+  // for every US section; later, a section takes an EM step only when one
+  // of its parameters asks for it (rgmstr 51 to 53, or 77), and that step
+  // is a single step written through the scores.
   const bool by_setting = a.emset != 0 && static_cast<double>(a.iter) <= a.emset / 10.0;
   const bool full_em = by_setting;
   double& stepsz = *a.stepsz;
