@@ -54,9 +54,9 @@ void debug_vector(const char* label, const double* v, std::size_t n) {
 u64 vcminv_work_words(int nwv, int ngmcon) {
   const u64 n = nwv > 0 ? static_cast<u64>(nwv) : 0;
   const u64 c = ngmcon > 0 ? static_cast<u64>(ngmcon) : 0;
-  // column map, reduced AI (reused for the result), constraint rows, basis,
-  // reduced system and its original diagonal
-  return n + n * n + c * n + n * n + n * n + n + 2;
+  // column map, reduced AI (reused for the result), one reflection vector
+  // a constraint, and the diagonal of the reduced system
+  return n + n * n + c * n + n + 2;
 }
 
 int vcminv(const VcminvArgs& v, int& nfree, int& rank, int& ifault) {
@@ -112,11 +112,9 @@ int vcminv(const VcminvArgs& v, int& nfree, int& rank, int& ifault) {
   auto cc = [&](int c) { return static_cast<int>(col[c]); };
 
   const std::size_t M = static_cast<std::size_t>(m);
-  double* ar = col + nwv;            // m x m reduced AI, later the result
-  double* rows = ar + M * M;         // ngmcon x m constraint rows
-  double* basis = rows + static_cast<std::size_t>(v.ngmcon > 0 ? v.ngmcon : 0) * M;  // f x m
-  double* b = basis + M * M;         // f x f
-  double* d0 = b + M * M;            // f original diagonals
+  double* ar = col + nwv;     // m x m reduced AI, later the result
+  double* refl = ar + M * M;  // one Householder vector a constraint, m each
+  double* d0 = refl + static_cast<std::size_t>(v.ngmcon > 0 ? v.ngmcon : 0) * M;  // m
 
   for (std::size_t k = 0; k < M * M; ++k) ar[k] = 0.0;
   for (int i = 1; i <= nwv; ++i) {
@@ -128,133 +126,96 @@ int vcminv(const VcminvArgs& v, int& nfree, int& rank, int& ifault) {
     }
   }
 
-  // Basis of the free combinations: orthonormal rows orthogonal to every
-  // linear constraint (in the reduced coordinates).
+  // The linear constraints, in reduced coordinates, are reduced one by one
+  // by Householder reflections H_1 ... H_r: Q = H_1 ... H_r turns them into
+  // the first r coordinates, so that the last m - r columns of Q are an
+  // orthonormal basis K of the free combinations.  A constraint that is a
+  // combination of earlier ones leaves nothing and is dropped.
   int r = 0;
   for (int c = 0; c < v.ngmcon; ++c) {
-    double* q = rows + static_cast<std::size_t>(r) * M;
+    double* q = refl + static_cast<std::size_t>(r) * M;
     for (std::size_t k = 0; k < M; ++k) q[k] = 0.0;
-    double scale = 0.0;
     for (int e = 0; e < nwv; ++e) {
       const int ce = cc(e);
-      const double a = v.gmcon[static_cast<std::size_t>(c) * ng + v.wvpar[e] - 1];
-      if (ce) q[ce - 1] += a;
-      scale = std::fmax(scale, std::fabs(a));
+      if (ce) q[ce - 1] += v.gmcon[static_cast<std::size_t>(c) * ng + v.wvpar[e] - 1];
     }
-    for (int pass = 0; pass < 2; ++pass)
-      for (int s = 0; s < r; ++s) {
-        const double* o = rows + static_cast<std::size_t>(s) * M;
-        double dot = 0.0;
-        for (std::size_t k = 0; k < M; ++k) dot += o[k] * q[k];
-        for (std::size_t k = 0; k < M; ++k) q[k] -= dot * o[k];
-      }
-    double nrm = 0.0;
-    for (std::size_t k = 0; k < M; ++k) nrm += q[k] * q[k];
-    nrm = std::sqrt(nrm);
-    if (nrm <= 1e-10 * scale || nrm == 0.0) continue;  // adds nothing
-    for (std::size_t k = 0; k < M; ++k) q[k] /= nrm;
+    double norm = 0.0;
+    for (std::size_t k = 0; k < M; ++k) norm += q[k] * q[k];
+    norm = std::sqrt(norm);
+    for (int s = 0; s < r; ++s) {
+      const double* h = refl + static_cast<std::size_t>(s) * M;
+      double dot = 0.0;
+      for (std::size_t k = s; k < M; ++k) dot += h[k] * q[k];
+      for (std::size_t k = s; k < M; ++k) q[k] -= 2.0 * dot * h[k];
+    }
+    double tail = 0.0;
+    for (std::size_t k = r; k < M; ++k) tail += q[k] * q[k];
+    tail = std::sqrt(tail);
+    if (!(tail > 1e-10 * norm)) continue;
+    const double alpha = -sgn(q[r]) * tail;
+    for (int k = 0; k < r; ++k) q[k] = 0.0;
+    q[r] -= alpha;
+    double hn = 0.0;
+    for (std::size_t k = r; k < M; ++k) hn += q[k] * q[k];
+    hn = std::sqrt(hn);
+    for (std::size_t k = r; k < M; ++k) q[k] /= hn;
     ++r;
   }
+  // ar := H h ar h H for h = H_1 ... H_r in turn, given a reflection vector
+  // that is zero before position s.
+  auto reflect = [&](const double* h, std::size_t s) {
+    for (std::size_t i = 0; i < M; ++i) {  // rows: ar := ar H
+      double* row = ar + i * M;
+      double dot = 0.0;
+      for (std::size_t k = s; k < M; ++k) dot += row[k] * h[k];
+      for (std::size_t k = s; k < M; ++k) row[k] -= 2.0 * dot * h[k];
+    }
+    for (std::size_t j = 0; j < M; ++j) {  // columns: ar := H ar
+      double dot = 0.0;
+      for (std::size_t k = s; k < M; ++k) dot += h[k] * ar[k * M + j];
+      for (std::size_t k = s; k < M; ++k) ar[k * M + j] -= 2.0 * dot * h[k];
+    }
+  };
+  for (int s = 0; s < r; ++s) reflect(refl + static_cast<std::size_t>(s) * M, s);
   const int f = m - r;
   nfree = f;
   if (f == 0) return 0;
-  const std::size_t F = static_cast<std::size_t>(f);
-  const bool identity = (r == 0);
-  if (!identity) {
-    int kept = 0;
-    for (int j = 0; j < m && kept < f; ++j) {
-      double* u = basis + static_cast<std::size_t>(kept) * M;
-      for (std::size_t k = 0; k < M; ++k) u[k] = 0.0;
-      u[j] = 1.0;
-      for (int pass = 0; pass < 2; ++pass) {
-        for (int s = 0; s < r; ++s) {
-          const double* o = rows + static_cast<std::size_t>(s) * M;
-          double dot = 0.0;
-          for (std::size_t k = 0; k < M; ++k) dot += o[k] * u[k];
-          for (std::size_t k = 0; k < M; ++k) u[k] -= dot * o[k];
-        }
-        for (int s = 0; s < kept; ++s) {
-          const double* o = basis + static_cast<std::size_t>(s) * M;
-          double dot = 0.0;
-          for (std::size_t k = 0; k < M; ++k) dot += o[k] * u[k];
-          for (std::size_t k = 0; k < M; ++k) u[k] -= dot * o[k];
-        }
-      }
-      double nrm = 0.0;
-      for (std::size_t k = 0; k < M; ++k) nrm += u[k] * u[k];
-      nrm = std::sqrt(nrm);
-      if (nrm <= 1e-6) continue;
-      for (std::size_t k = 0; k < M; ++k) u[k] /= nrm;
-      ++kept;
-    }
-    if (kept < f) {  // cannot happen with an orthonormal constraint set
-      g5verror("Update: constrained inverse lost a free combination", 4);
-      return g5vflt(ifault, 1);
-    }
-    // b = basis ar basis'
-    for (std::size_t i = 0; i < F; ++i)
-      for (std::size_t j = 0; j <= i; ++j) {
-        double s = 0.0;
-        const double* ui = basis + i * M;
-        const double* uj = basis + j * M;
-        for (std::size_t k = 0; k < M; ++k) {
-          if (ui[k] == 0.0) continue;
-          double t = 0.0;
-          for (std::size_t l = 0; l < M; ++l) t += ar[k * M + l] * uj[l];
-          s += ui[k] * t;
-        }
-        b[i * F + j] = b[j * F + i] = s;
-      }
-  } else {
-    for (std::size_t k = 0; k < F * F; ++k) b[k] = ar[k];
-  }
 
-  // Sweep the reduced system in order; -inverse is left on the swept part.
-  for (std::size_t k = 0; k < F; ++k) d0[k] = b[k * F + k];
+  // Sweep the reduced system K' AI K, the trailing block, in order: minus
+  // its inverse is left on the swept part, and a pivot under its tolerance
+  // is set aside with its row and column zero.
+  const std::size_t R = static_cast<std::size_t>(r);
+  auto B = [&](std::size_t i, std::size_t j) -> double& { return ar[(R + i) * M + (R + j)]; };
+  const std::size_t F = static_cast<std::size_t>(f);
+  for (std::size_t k = 0; k < F; ++k) d0[k] = B(k, k);
   int nsw = 0;
   for (std::size_t k = 0; k < F; ++k) {
     const double tol = (std::fabs(d0[k]) + kEps) * kEps;
-    const double d = b[k * F + k];
+    const double d = B(k, k);
     if (!(std::fabs(d) > tol)) {
-      d0[k] = 0.0;  // set aside: marked by a zero original diagonal flag
-      for (std::size_t j = 0; j < F; ++j) b[k * F + j] = b[j * F + k] = 0.0;
+      for (std::size_t j = 0; j < F; ++j) B(k, j) = B(j, k) = 0.0;
       continue;
     }
-    d0[k] = 1.0;
     ++nsw;
+    const double* rowk = &B(k, 0);
     for (std::size_t i = 0; i < F; ++i) {
       if (i == k) continue;
-      const double bik = b[i * F + k];
-      if (bik == 0.0) continue;
-      for (std::size_t j = 0; j < F; ++j)
-        if (j != k) b[i * F + j] -= bik * b[k * F + j] / d;
+      double* rowi = &B(i, 0);
+      const double fac = rowi[k] / d;
+      if (fac == 0.0) continue;
+      for (std::size_t j = 0; j < F; ++j) rowi[j] -= fac * rowk[j];
+      rowi[k] = fac;
     }
-    for (std::size_t i = 0; i < F; ++i)
-      if (i != k) {
-        b[i * F + k] /= d;
-        b[k * F + i] /= d;
-      }
-    b[k * F + k] = -1.0 / d;
+    for (std::size_t j = 0; j < F; ++j) B(k, j) /= d;
+    B(k, k) = -1.0 / d;
   }
   rank = nsw;
 
-  // Result in reduced coordinates: h = basis' (-b) basis, into ar.
-  if (identity) {
-    for (std::size_t k = 0; k < M * M; ++k) ar[k] = -b[k];
-  } else {
-    for (std::size_t i = 0; i < M; ++i)
-      for (std::size_t j = 0; j <= i; ++j) {
-        double s = 0.0;
-        for (std::size_t k = 0; k < F; ++k) {
-          const double uik = basis[k * M + i];
-          if (uik == 0.0) continue;
-          double t = 0.0;
-          for (std::size_t l = 0; l < F; ++l) t += b[k * F + l] * basis[l * M + j];
-          s += uik * t;
-        }
-        ar[i * M + j] = ar[j * M + i] = -s;
-      }
-  }
+  // Back to reduced coordinates: Q [0 0; 0 inverse] Q', applying H_r first.
+  for (std::size_t i = 0; i < M; ++i)
+    for (std::size_t j = 0; j < M; ++j)
+      ar[i * M + j] = (i < R || j < R) ? 0.0 : -ar[i * M + j];
+  for (int s = r - 1; s >= 0; --s) reflect(refl + static_cast<std::size_t>(s) * M, s);
   for (int i = 1; i <= nwv; ++i) {
     const int ci = cc(i - 1);
     if (!ci) continue;
