@@ -283,12 +283,22 @@ TEST(UpdatePass, RestartPreparationSlowCounterAndNoInformation) {
   ASSERT_EQ(pn.run(), 0);
   EXPECT_EQ(pn.rg, (std::vector<int>{0, 6, 6}));
   EXPECT_EQ(pn.gam, (std::vector<double>{1.0 + 0.5 * 0.1, 1.0, 1.0}));
+  // Row 3 is nearly rows 1 + 2: its pivot falls under the sweep's tolerance
+  // and is set aside, though no diagonal or pair shows it.
+  Problem ps(3);
+  ps.set_ai({{1.1, 0.3, 1.4}, {0.3, 0.7, 1.0}, {1.4, 1.0, 2.4 + 1e-12}});
+  ps.sc = {0.1, 0.1, 0.1};
+  ASSERT_EQ(ps.run(), 0);
+  EXPECT_EQ(ps.rg, (std::vector<int>{0, 0, 0}));
+  EXPECT_EQ(ps.ctl.aicond, 667);
+  EXPECT_EQ(ps.gam[2], 1.0);
 }
 
 // ---- the constrained inverse -------------------------------------------------
 
 TEST(ConstrainedInverse, MatchesBorderedSystemAndReducedNewtonStep) {
-  // 1 and 3 held equal, 5 fixed, gamma2 + 2 gamma4 - gamma6 kept constant.
+  // 1 and 3 held equal, 5 fixed, gamma2 + 2 gamma4 - gamma6 and
+  // gamma1 + gamma4 + gamma6 kept constant.
   Problem pr(6);
   pr.set_ai(kA6);
   const std::vector<double> g0 = {10, 20, 10, 30, 40, 50};
@@ -296,38 +306,40 @@ TEST(ConstrainedInverse, MatchesBorderedSystemAndReducedNewtonStep) {
   pr.sc = {0.3, -0.2, 0.1, 0.4, 0.5, -0.3};
   pr.rg[4] = 4;
   pr.gequal = {1, 0, 1, 0, 0, 0};
-  pr.gmcon = {0, 1, 0, 2, 0, -1};
-  pr.ngmcon = 1;
+  pr.gmcon = {0, 1, 0, 2, 0, -1, 1, 0, 0, 1, 0, 1};
+  pr.ngmcon = 2;
   ASSERT_EQ(pr.run(), 0);
   ASSERT_EQ(pr.ctl.nmodified, 0);
   EXPECT_EQ(pr.ctl.aicond, 1000);
   // The inverse is the top-left block of the inverse of [A C'; C 0].
-  const double C[3][6] = {{1, 0, -1, 0, 0, 0}, {0, 0, 0, 0, 1, 0}, {0, 1, 0, 2, 0, -1}};
-  const int N = 9;
+  const double C[4][6] = {
+      {1, 0, -1, 0, 0, 0}, {0, 0, 0, 0, 1, 0}, {0, 1, 0, 2, 0, -1}, {1, 0, 0, 1, 0, 1}};
+  const int N = 10;
   std::vector<double> bord(N * N, 0.0);
   for (int i = 0; i < 6; ++i) {
     for (int j = 0; j < 6; ++j) bord[i * N + j] = kA6[i][j];
-    for (int c = 0; c < 3; ++c) bord[(6 + c) * N + i] = bord[i * N + 6 + c] = C[c][i];
+    for (int c = 0; c < 4; ++c) bord[(6 + c) * N + i] = bord[i * N + 6 + c] = C[c][i];
   }
   const std::vector<double> inv = dense_inverse(bord, N);
   for (int i = 1; i <= 6; ++i)
     for (int j = 1; j <= i; ++j)
       EXPECT_NEAR(pr.aiinv[i * (i - 1) / 2 + j - 1], inv[(i - 1) * N + (j - 1)], 1e-12);
-  // The reduced problem written out: delta = K phi with free coordinates
-  // (1,0,1,0,0,0), (0,1,0,0,0,1), (0,0,0,1,0,2); phi = (K'AK)^-1 K's.
-  const double K[6][3] = {{1, 0, 0}, {0, 1, 0}, {1, 0, 0}, {0, 0, 1}, {0, 0, 0}, {0, 1, 2}};
-  std::vector<double> kak(9, 0.0), ks(3, 0.0);
-  for (int a = 0; a < 3; ++a)
+  // The reduced problem written out: delta = K phi with the free
+  // combinations (1, 0, 1, -1/3, 0, -2/3) and (0, 1, 0, -1/3, 0, 1/3);
+  // phi = (K'AK)^-1 K's.
+  const double K[6][2] = {{1, 0}, {0, 1}, {1, 0}, {-1.0 / 3, -1.0 / 3}, {0, 0}, {-2.0 / 3, 1.0 / 3}};
+  std::vector<double> kak(4, 0.0), ks(2, 0.0);
+  for (int a = 0; a < 2; ++a)
     for (int i = 0; i < 6; ++i) {
       ks[a] += K[i][a] * pr.sc[i];
-      for (int b = 0; b < 3; ++b)
-        for (int j = 0; j < 6; ++j) kak[a * 3 + b] += K[i][a] * kA6[i][j] * K[j][b];
+      for (int b = 0; b < 2; ++b)
+        for (int j = 0; j < 6; ++j) kak[a * 2 + b] += K[i][a] * kA6[i][j] * K[j][b];
     }
-  const std::vector<double> kinv = dense_inverse(kak, 3);
+  const std::vector<double> kinv = dense_inverse(kak, 2);
   for (int i = 0; i < 6; ++i) {
     double d = 0.0;
-    for (int a = 0; a < 3; ++a)
-      for (int b = 0; b < 3; ++b) d += K[i][a] * kinv[a * 3 + b] * ks[b];
+    for (int a = 0; a < 2; ++a)
+      for (int b = 0; b < 2; ++b) d += K[i][a] * kinv[a * 2 + b] * ks[b];
     EXPECT_NEAR(pr.gam[i], g0[i] + 0.5 * d, 1e-12) << "parameter " << i + 1;
   }
   // A repeated constraint adds nothing; a fixed member holds its group.
