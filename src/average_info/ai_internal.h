@@ -30,8 +30,6 @@ struct AiScratch {
   span<i32> kc[2];
   span<double> lrow, zrow;      // NEQ each: one factor row and its inverse
   span<i32> crow;               // NEQ: its columns
-  double* rbuf = nullptr;       // TEMPWV read buffer (reals, then ints)
-  i32* rbufi = nullptr;
 };
 
 // True when parameter p (1-based) writes working variates and scores.
@@ -71,7 +69,7 @@ int g5vwv1(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64 start, i64 las
            double weight);
 int g5vwvc(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv);
 int g5vwva(AiPhaseArgs& a, AiScratch& s);
-int read_spilled_row(AiPhaseArgs& a, AiScratch& s, i32 equation, span<double> v);
+int read_spilled_row(AiPhaseArgs& a, i32 equation, span<double> v);
 void close_tempwv(bool remove_file);
 
 // Scores (scores.cpp).

@@ -89,6 +89,9 @@ struct AverageInfoState {
   i32* bufi = nullptr;    // ... and kTempwvLen integers
   i64 spills = 0;         // rows spilled this iteration (for reports)
   i64 rbufrec = -1;       // record held in the read buffer (-1: none)
+  double* rbuf = nullptr; // read buffer: kTempwvLen reals ...
+  i32* rbufi = nullptr;   // ... and kTempwvLen integers
+  double* merge = nullptr;  // NWV reals: a spilled row being merged
   char filename[64] = "TEMPWV";
 };
 extern AverageInfoState g_aistate;

@@ -143,7 +143,8 @@ int ai_phase(AiPhaseArgs& a) {
     ok = reals(s.rowv[f], maxorder) && ints(c, maxorder);
     s.rowc[f] = span<int>(c.data(), c.size());
   }
-  double* wbuf = ok ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
+  double* merge = ok ? cv.take(std::max(nwv, 1)) : nullptr;
+  double* wbuf = merge ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
   double* rbuf = wbuf ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
   if (!ok || wbuf == nullptr || rbuf == nullptr) {
     vprt(" AI step: workspace too small for scratch (%lld words)\n", static_cast<long long>(a.lenwk));
@@ -201,8 +202,9 @@ int ai_phase(AiPhaseArgs& a) {
   ls.rbufrec = -1;
   ls.bufr = wbuf;
   ls.bufi = reinterpret_cast<i32*>(wbuf + kTempwvLen);
-  s.rbuf = rbuf;
-  s.rbufi = reinterpret_cast<i32*>(rbuf + kTempwvLen);
+  ls.rbuf = rbuf;
+  ls.rbufi = reinterpret_cast<i32*>(rbuf + kTempwvLen);
+  ls.merge = merge;
   a.wvxpnodes = ls.next;
 
   int rc = 0;

@@ -149,6 +149,51 @@ int g5vwvv(AiPhaseArgs& a, AiScratch& s, i32 equation, double scale, span<const 
   return 0;
 }
 
+// Writes row e (its file part, if any, merged with its live nodes) to the
+// buffer, gives its nodes back and makes the head a spilled row.
+static int spill_row(AiPhaseArgs& a, i32 e) {
+  AverageInfoState& st = g_aistate;
+  const NodeStore& L = st.lists;
+  double* v = st.merge;
+  for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
+  i64 n = e;
+  if (L.col(e) < 0) {
+    if (read_spilled_row(a, e, span<double>(v, a.nwv))) return 1;
+    n = L.lnk(e);
+  }
+  for (; n > 0; n = L.lnk(n))
+    if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
+  if (kTempwvLen - st.buffill < a.nwv + 1) {
+    if (write_record(st.records)) return g5vflt(a.nfault, 6);
+    ++st.records;
+    st.buffill = 0;
+  }
+  i64 start = st.buffill, k = start;
+  st.bufi[k] = -e;
+  st.bufr[k] = a.nwv >= 1 ? v[0] : 0.0;
+  ++k;
+  for (int c = 2; c <= a.nwv; ++c) {
+    if (std::fabs(v[c - 1]) <= 1e-15) continue;
+    st.bufi[k] = c;
+    st.bufr[k] = v[c - 1];
+    ++k;
+  }
+  st.buffill = k;
+  for (i64 m = L.lnk(e); m > 0;) {
+    i64 nx = L.lnk(m);
+    give_node(st, m);
+    m = nx;
+  }
+  i64 filepos = st.records * kTempwvLen + start;
+  L.col(e) = static_cast<i32>(-1 - filepos);
+  L.lnk(e) = 0;
+  // The count of column entries behind the marker, plus 1.01: truncation
+  // gives the entries including the marker.
+  L.val(e) = static_cast<double>(static_cast<float>(static_cast<double>(k - start - 1) + 1.01));
+  ++st.spills;
+  return 0;
+}
+
 int g5vwvt(AiPhaseArgs& a, i32 bound) {
   AverageInfoState& st = g_aistate;
   const NodeStore& L = st.lists;
@@ -175,74 +220,43 @@ int g5vwvt(AiPhaseArgs& a, i32 bound) {
          static_cast<long long>(st.nfree), static_cast<long long>(last));
     st.nfree = walked;
   }
-  const i64 room = a.nwv + 1;
   bool reached = false;
   bool wrote = false;
-  for (i32 e = a.store->neq; e > bound; --e) {
-    if (L.col(e) < 1 || L.lnk(e) <= 0) continue;
-    i32 f = a.iw[2 * (e - 1)];
-    if (f < 0 && a.trace) vprt("Sing WV %d\n", e);
-    if (kTempwvLen - st.buffill < room) {
-      if (write_record(st.records)) {
+  // First the rows still wholly in the lists; then, if that frees too
+  // little, rows already in the file that have grown again: their file
+  // part and their live nodes are merged and written anew.
+  for (int pass = 0; pass < 2 && !reached; ++pass) {
+    if (pass == 1 && a.trace)
+      vprt("In WVT: WVXP too big %lld %lld %lld\n", static_cast<long long>(st.nfree),
+           static_cast<long long>(st.next), static_cast<long long>(st.limit));
+    for (i32 e = a.store->neq; e > bound; --e) {
+      if (L.lnk(e) <= 0) continue;
+      if (pass == 0 ? L.col(e) < 1 : L.col(e) >= 0) continue;
+      if (a.iw[2 * (e - 1)] < 0 && a.trace) vprt("Sing WV %d\n", e);
+      if (spill_row(a, e)) {
         st.nfree = -st.limit;
-        return g5vflt(a.nfault, 6);
+        return 1;
       }
-      ++st.records;
-      st.buffill = 0;
-    }
-    i64 start = st.buffill;
-    i64 k = start;
-    st.bufi[k] = -e;
-    st.bufr[k] = 0.0;
-    ++k;
-    i64 n = e;
-    if (L.col(n) == 1) {
-      st.bufr[start] = L.val(n);
-      n = L.lnk(n);
-    }
-    for (; n > 0; n = L.lnk(n)) {
-      if (std::fabs(L.val(n)) <= 1e-15) continue;
-      st.bufi[k] = L.col(n);
-      st.bufr[k] = L.val(n);
-      ++k;
-    }
-    st.buffill = k;
-    for (i64 m = L.lnk(e); m > 0;) {
-      i64 nx = L.lnk(m);
-      give_node(st, m);
-      m = nx;
-    }
-    i64 filepos = st.records * kTempwvLen + start;
-    L.col(e) = static_cast<i32>(-1 - filepos);
-    L.lnk(e) = 0;
-    L.val(e) = static_cast<double>(static_cast<float>(static_cast<double>(k - start) + 1.01));
-    ++st.spills;
-    wrote = true;
-    if (st.nfree > 10 * a.nwv) {
-      reached = true;
-      break;
+      wrote = true;
+      if (st.nfree > 10 * a.nwv) {
+        reached = true;
+        break;
+      }
     }
   }
   if (wrote && write_record(st.records)) {  // the partial record, rewritten as it fills
     st.nfree = -st.limit;
     return g5vflt(a.nfault, 6);
   }
-  if (!reached) {
-    if (a.trace)
-      vprt("In WVT: WVXP too big %lld %lld %lld\n", static_cast<long long>(st.nfree),
-           static_cast<long long>(st.next), static_cast<long long>(st.limit));
-    // Rows that were spilled and then grew again are not merged back into
-    // the file; when the lists are still short the run needs more space.
-    if (st.nfree + (st.limit - st.next) < a.nwv) {
-      st.nfree = -st.limit;
-      cprintc("EX G5VWVT a");
-      return g5vflt(a.nfault, 6);
-    }
+  if (!reached && st.nfree + (st.limit - st.next) < a.nwv) {
+    st.nfree = -st.limit;
+    cprintc("EX G5VWVT a");
+    return g5vflt(a.nfault, 6);
   }
   return 0;
 }
 
-int read_spilled_row(AiPhaseArgs& a, AiScratch& s, i32 equation, span<double> v) {
+int read_spilled_row(AiPhaseArgs& a, i32 equation, span<double> v) {
   AverageInfoState& st = g_aistate;
   const NodeStore& L = st.lists;
   i64 filepos = -1 - static_cast<i64>(L.col(equation));
@@ -255,25 +269,25 @@ int read_spilled_row(AiPhaseArgs& a, AiScratch& s, i32 equation, span<double> v)
   if (st.rbufrec != rec) {
     long where = static_cast<long>(rec * kTempwvLen * 12);
     if (std::fseek(st.file, where, SEEK_SET) != 0 ||
-        std::fread(s.rbuf, sizeof(double), kTempwvLen, st.file) != static_cast<std::size_t>(kTempwvLen) ||
-        std::fread(s.rbufi, sizeof(i32), kTempwvLen, st.file) != static_cast<std::size_t>(kTempwvLen)) {
+        std::fread(st.rbuf, sizeof(double), kTempwvLen, st.file) != static_cast<std::size_t>(kTempwvLen) ||
+        std::fread(st.rbufi, sizeof(i32), kTempwvLen, st.file) != static_cast<std::size_t>(kTempwvLen)) {
       g5verror(" Unable to read the scratch file TEMPWV", 3);
       return g5vflt(a.nfault, 2020);
     }
     st.rbufrec = rec;
   }
-  if (s.rbufi[off] != -equation) {
-    vprt("G5VWVA Error EQN %d %d\n", equation, -s.rbufi[off]);
+  if (st.rbufi[off] != -equation) {
+    vprt("G5VWVA Error EQN %d %d\n", equation, -st.rbufi[off]);
     return g5vflt(a.nfault, 2020);
   }
-  v[0] += s.rbuf[off];
+  v[0] += st.rbuf[off];
   for (i64 k = 1; k < count; ++k) {
-    i32 c = s.rbufi[off + k];
+    i32 c = st.rbufi[off + k];
     if (c < 1 || c > a.nwv) {
       vprt("WVAerr %d %d\n", equation, c);
       return g5vflt(a.nfault, 2020);
     }
-    v[c - 1] += s.rbuf[off + k];
+    v[c - 1] += st.rbuf[off + k];
   }
   return 0;
 }
