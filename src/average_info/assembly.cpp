@@ -224,7 +224,7 @@ int g5vwva(AiPhaseArgs& a, AiScratch& s) {
     // The row of equation e: the part in TEMPWV, then the live chain.
     i64 n = 0;
     if (L.col(e) < 0) {
-      if (read_spilled_row(a, s, e, v)) return 1;
+      if (read_spilled_row(a, e, v)) return 1;
       any = true;
       n = L.lnk(e);
     } else if (L.col(e) > 0) {
