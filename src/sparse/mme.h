@@ -35,8 +35,9 @@ int g5vmor(span<i32> iw, i32 neq, span<const i32> nlev, span<const i32> marker, 
 struct OrderArgs {
   const MmeStore* store = nullptr;
   span<i32> iw;               // out: 2*NEQ (IW(1,e) position, IW(2,p) equation)
-  span<i32> work;             // integer scratch: 6*NEQ ints (ISZ, GRP, DLY),
-                              // then the working pattern as pairs
+  span<i32> work;             // integer scratch: 8*NEQ ints (ISZ, GRP, DLY
+                              // pairs, two lists), then the working pattern
+                              // as pairs (at least NEQ-NDENSE of them)
   i64 maxlx = 0;              // slot limit of the working pattern (MAXLX)
   int mode = 1;               // M; used as MO = (M mod 10) - 1
   span<const i32> priority;   // equations to absorb last, in order
@@ -67,8 +68,9 @@ void g5vmetis();
 
 // Symbolic fill of absorbing the store's pattern in the order `iw`: the
 // number of lower-triangle elements of the factor in sparse positions,
-// diagonals included.  Needs 2*NEQ ints of scratch plus room for the fill
-// in `work` (pairs); result -1 when it does not fit.
+// diagonals included.  Needs 5*(NEQ-NDENSE)+2 ints plus one per
+// off-diagonal sparse element of the store in `work`; result -1 when it
+// does not fit or the order is not valid.
 i64 symbolic_fill(const MmeStore& s, span<const i32> iw, span<i32> work);
 
 // "EQNORD.BIN": an order kept for reuse.  The header holds NDENSE, NEQ, the
@@ -80,6 +82,14 @@ int eqnord_read(span<i32> iw, i32 ndense, i32 neq, i32 nterms, i64 mark, i64 tot
 // eqnord_write: result 0; 1 when the file could not be written.
 int eqnord_write(span<const i32> iw, i32 ndense, i32 neq, i32 nterms, i64 mark, i64 total,
                  bool trace);
+
+// Loads a lower triangle given as triplets (row >= col, 1-based, in
+// equation order, sorted by row and then column, no repeats) into a
+// cleared store.  Every sparse row named gets its diagonal and its column
+// 1 head.  Result 0; 1 with nfault 130 for a bad triplet or 6 when the
+// pool is full.
+int mme_load_lower(MmeStore& s, span<const i32> row, span<const i32> col,
+                   span<const double> val, int& nfault);
 
 // ------------------------------------------------------------ SSP forming
 

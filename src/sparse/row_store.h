@@ -137,8 +137,8 @@ struct MoveArgs {
 int g5vxmp(const Pool& p, const MoveArgs& a, i32 i, i32 k);
 
 // g5vllrs: adds scale times a packed row to a linked row.  The packed
-// elements are slots rowslot-k for k = last..0 (columns ascending as k
-// falls: slot rowslot-last holds the lowest column).  Walks forward from
+// elements are slots rowslot+k for k = last..0 (columns ascending as k
+// falls: slot rowslot+last holds the lowest column, rowslot the highest).  Walks forward from
 // `pos` (start with the target row's head); new elements take slot next+1.
 // pos = -99 signals a broken chain; pos = -98 signals no free slot.
 void g5vllrs(const Pool& p, i64& next, i64& pos, i64 rowslot, double scale, i64 last);
