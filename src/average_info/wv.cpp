@@ -222,9 +222,8 @@ int g5vwvr(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64& next, i64 lim
           add_block(wv, next, e0, b, nblk, wvcol(a, gfirst));
         }
       } else {
-        if (order == 1) {
-          for (i64 q = 0; q < nblk; ++q) b[q] = x[q];
-        } else if (g5vwvp(a, s, x, b, inner, order, outer, r, a.var.secform[r - 1].second(), 0,
+        // B = (I x Sigma^-1 x I) x, also for a factor of order 1 (a scale).
+        if (g5vwvp(a, s, x, b, inner, order, outer, r, a.var.secform[r - 1].second(), 0,
                           1.0, a.nfault)) {
           return 1;
         }

@@ -11,7 +11,12 @@
 #include <numeric>
 #include <vector>
 
+#include <algorithm>
+#include <memory>
+
 #include "average_info/average_info.h"
+#include "sparse_harness.h"
+#include "variance_support.h"
 
 using namespace tarnel;
 
@@ -135,6 +140,8 @@ struct Model {
 };
 
 struct Built {
+  std::unique_ptr<tarnel_test::Store> store;  // when absorbed by g5vxxa
+  tarnel_test::AbsorbRun absorbed;
   std::vector<double> x;
   std::vector<i32> l, iw;
   std::vector<double> dd, soln;
@@ -148,8 +155,9 @@ struct Built {
 };
 
 // Forms C, factors it in the order `perm` (perm[p-1] = equation at p) with
-// `ndense` dense positions, and lays it out as absorption would.
-void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b) {
+// `ndense` dense positions, and lays it out as absorption would; with
+// `real` the store is loaded and g5vxxa does the factoring.
+void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, bool real = false) {
   int n = m.neq, nrec = m.y.size();
   double gr = m.gammas[0];
   Mat c = zeros(n + 1, n + 1);  // 1-based by equation, response at 1
@@ -228,6 +236,26 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b) {
   b.st.lssp = lssp;
   b.st.lx = heads;
   b.st.len = slots;
+  if (real) {
+    tarnel_test::Dense dc(n);
+    for (int i = 1; i <= n; ++i)
+      for (int j = 1; j <= n; ++j) dc(i, j) = c[i][j];
+    b.store = std::make_unique<tarnel_test::Store>(n, ndense, 4 * n * n + 100);
+    EXPECT_TRUE(tarnel_test::load(*b.store, dc));
+    std::vector<int> ord(n + 1, 0);
+    for (int p = 1; p <= n; ++p) ord[p] = perm[p - 1];
+    b.absorbed = tarnel_test::absorb(*b.store, ord);
+    EXPECT_EQ(b.absorbed.rc, 0) << b.absorbed.err;
+    b.st = b.store->s;
+    b.off = b.store->off();
+    b.iw = b.absorbed.iw;
+    b.dd = b.absorbed.dd;
+    for (int e = 1; e <= n; ++e) b.singular[e] = false;
+    for (int p = 2; p <= n; ++p) {
+      int e = b.iw[2 * (p - 1) + 1];
+      b.singular[e] = b.iw[2 * (e - 1)] < 0 || b.dd[p - 1] == 0.0;
+    }
+  }
   // Dense solution and inverse over the non-singular equations.
   std::vector<int> keep;
   for (int e = 2; e <= n; ++e)
@@ -245,6 +273,11 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b) {
       s += ci[i][j] * c[keep[j]][1];
     }
     b.soln[keep[i] - 1] = s;
+  }
+  if (real) {
+    for (int e = 2; e <= n; ++e)
+      EXPECT_NEAR(b.absorbed.soln[e - 1], b.soln[e - 1], 1e-9 * (1 + std::fabs(b.soln[e - 1])));
+    b.soln = b.absorbed.soln;
   }
   // Design rows.
   b.dstart.push_back(1);
@@ -264,7 +297,8 @@ struct PhaseRun {
   GivTable giv;
 };
 
-void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000) {
+void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000,
+         RowRoutine rows = test_rows) {
   r.ai.assign(m.nwv * (m.nwv + 1) / 2, 0.0);
   r.score.assign(m.nwv, 0.0);
   r.resid.assign(m.y.size(), 0.0);
@@ -307,7 +341,7 @@ void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000)
   a.var.logdet = span<const double>(m.logdet.data(), m.logdet.size());
   a.var.work = &r.w;
   a.var.giv = &r.giv;
-  a.var.row = test_rows;
+  a.var.row = rows;
   a.wk = r.wk.data();
   a.lenwk = lenwk;
   a.wvxplimit = wvxplimit;
@@ -626,4 +660,108 @@ TEST(AverageInfo, ClearFaultsForUnavailableAndBadInput) {
   run(m, b4, r4, 0, 200);
   EXPECT_EQ(ai_phase(r4.a), 1);
   EXPECT_EQ(r4.a.nfault, 6);
+}
+
+// The same checks with the equations absorbed by g5vxxa and the structures
+// formed by g5vvsf and delivered by g5vvrw.
+TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
+  {  // one-way, shuffled order with two dense positions
+    Model m = one_way(7, 2, 0.45, 1.0, true);
+    Built b;
+    build(m, {1, 2, 9, 4, 7, 3, 5, 8, 6}, 2, b, true);
+    PhaseRun r;
+    run(m, b, r);
+    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+    check_against_dense(m, b, r);
+    check_inverse(m, b);
+  }
+  // I(ns) x US(2) random regression and sigma_g AR1(rho) over q levels.
+  for (int kind = 0; kind < 2; ++kind) {
+    vtest::Fit f;
+    Model m;
+    int ns = 4, q = 6;
+    double s11 = 1.3, s21 = 0.4, s22 = 0.7, sg = 0.9, rho = 0.55;
+    if (kind == 0) {
+      f.gammas = {1.0, s11, s21, s22};
+      f.add_section(ns, 0, 0, 0);
+      f.add_section(2, 3, 9, 2);
+      m.neq = 2 + 2 * ns;
+      m.nlev = {1, 2 * ns};
+    } else {
+      f.gammas = {1.0, sg, rho};
+      f.add_section(1, 1, 0, 2);
+      f.add_section(q, 1, 1, 3, 1);
+      m.neq = 2 + q;
+      m.nlev = {1, q};
+    }
+    ASSERT_EQ(f.run(), 0) << f.ifault;
+    for (int r = 1; r <= 2; ++r) f.struc[(r - 1) * 15 + kField14 - 1] = 1;
+    m.tcode = {0, 20001};
+    m.gammas = f.gammas;
+    m.rgmstr.assign(m.gammas.size(), 0);
+    m.nwv = m.gammas.size();
+    m.wvcolumn.resize(m.nwv);
+    std::iota(m.wvcolumn.begin(), m.wvcolumn.end(), 1);
+    m.struc = f.struc;
+    m.secform = f.secform;
+    m.parform = f.parform;
+    m.logdet = f.logdet;
+    m.work = f.work;
+    int ne = m.neq - 1;
+    m.g = zeros(ne, ne);
+    m.dg.assign(m.nwv, zeros(ne, ne));
+    double logdetg;
+    if (kind == 0) {
+      double sig[2][2] = {{s11, s21}, {s21, s22}};
+      for (int k = 0; k < ns; ++k)
+        for (int i = 0; i < 2; ++i)
+          for (int j = 0; j < 2; ++j) {
+            int ei = 1 + 2 * k + i, ej = 1 + 2 * k + j;
+            m.g[ei][ej] = sig[i][j];
+            m.dg[1][ei][ej] = (i == 0 && j == 0);
+            m.dg[2][ei][ej] = (i != j);
+            m.dg[3][ei][ej] = (i == 1 && j == 1);
+          }
+      logdetg = ns * std::log(s11 * s22 - s21 * s21);
+    } else {
+      for (int i = 0; i < q; ++i)
+        for (int j = 0; j < q; ++j) {
+          int d = std::abs(i - j);
+          m.g[1 + i][1 + j] = sg * std::pow(rho, d);
+          m.dg[1][1 + i][1 + j] = std::pow(rho, d);
+          m.dg[2][1 + i][1 + j] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
+        }
+      logdetg = q * std::log(sg) + (q - 1) * std::log(1 - rho * rho);
+    }
+    Mat gsub = zeros(ne - 1, ne - 1);
+    for (int i = 0; i < ne - 1; ++i)
+      for (int j = 0; j < ne - 1; ++j) gsub[i][j] = m.g[1 + i][1 + j];
+    Mat gi = inv(gsub);
+    m.ginv = zeros(ne, ne);
+    for (int i = 0; i < ne - 1; ++i)
+      for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
+    unsigned sd = 5 + kind;
+    int nlev = m.nlev[1];
+    for (int k = 0; k < (kind == 0 ? ns : q); ++k)
+      for (int t = 0; t < 3; ++t) {
+        sd = sd * 1103515245u + 12345u;
+        double x = t - 1.0, noise = ((sd >> 8) % 1000) / 400.0;
+        m.y.push_back(2.0 + 0.3 * k + (kind == 0 ? 0.5 * x : 0.0) + noise);
+        if (kind == 0)
+          m.rows.push_back({{2, 1.0}, {3 + 2 * k, 1.0}, {4 + 2 * k, x}});
+        else
+          m.rows.push_back({{2, 1.0}, {3 + k, 1.0}});
+      }
+    (void)nlev;
+    std::vector<int> perm = natural(m.neq);
+    std::reverse(perm.begin() + 2, perm.end());
+    Built b;
+    build(m, perm, 1, b, true);
+    PhaseRun r;
+    run(m, b, r, 0, 400000, tarnel::g5vvrw);
+    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+    check_against_dense(m, b, r);
+    check_inverse(m, b);
+    expect_rel(r.a.logdetg, logdetg, "log|G|");
+  }
 }
