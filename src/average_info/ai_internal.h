@@ -28,6 +28,8 @@ struct AiScratch {
   span<int> rowc[3];
   span<double> kv[2];           // Kronecker row lists (values, columns)
   span<i32> kc[2];
+  span<double> wd, td;          // records x NWV: a structured section's
+                                // working variates and R^-1 times them
   span<double> lrow, zrow;      // NEQ each: one factor row and its inverse
   span<i32> crow;               // NEQ: its columns
 };
@@ -65,6 +67,8 @@ void g5vwvz(const NodeStore& wv, i64& next, i64 row, span<const double> val, spa
 // AI assembly (assembly.cpp, wvxp.cpp).
 int g5vwvv(AiPhaseArgs& a, AiScratch& s, i32 equation, double scale, span<const double> vec);
 int g5vwvt(AiPhaseArgs& a, i32 bound);
+int g5vwvx(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64& next, i64 limit, i64 first,
+           i64 nrec, int n, int r, double g, int c1, int cs);
 int g5vwv1(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64 start, i64 last,
            double weight);
 int g5vwvc(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv);
@@ -75,6 +79,21 @@ void close_tempwv(bool remove_file);
 // Scores (scores.cpp).
 int g5vscg(AiPhaseArgs& a, AiScratch& s);
 int g5vscr(AiPhaseArgs& a, AiScratch& s);
+
+// Decodes a residual section's structure code: 0 none; up to 9999 one
+// structure row; above, factors = code / 10000 from row code % 10000.
+inline void rcode(int sc, int& n, int& r) {
+  if (sc <= 0) {
+    n = 0;
+    r = 0;
+  } else if (sc <= 9999) {
+    n = 1;
+    r = sc;
+  } else {
+    n = sc / 10000;
+    r = sc % 10000;
+  }
+}
 
 // Packed factor rows: start slot of sparse row p, and the walk to its end.
 inline i64 packed_start(const MmeStore& st, i64 off, i32 p) {

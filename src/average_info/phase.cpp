@@ -25,7 +25,7 @@ static int bad(AiPhaseArgs& a, const char* what) {
 
 static i64 int_words(i64 n) { return (n + 1) / 2; }
 
-static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder) {
+static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder, i64& maxrblock) {
   if (a.store == nullptr) return bad(a, "store");
   const MmeStore& st = *a.store;
   i64 neq = st.neq;
@@ -61,12 +61,31 @@ static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder) {
   if (a.nsect < 1 || static_cast<i64>(a.nrsect.size()) < 3 * static_cast<i64>(a.nsect))
     return bad(a, "nrsect");
   i64 total = 0;
+  maxrblock = 0;
   for (int k = 0; k < a.nsect; ++k) {
-    if (a.nrsect[3 * k] < 0) return bad(a, "nrsect");
+    i64 nrec = a.nrsect[3 * k];
+    if (nrec < 0) return bad(a, "nrsect");
     int ps = a.nrsect[3 * k + 1];
     if (ps < 1 || static_cast<std::size_t>(ps) > a.gammas.size()) return bad(a, "section scale");
-    if (a.nrsect[3 * k + 2] > a.var.nstruc) return bad(a, "section structure");
-    total += a.nrsect[3 * k];
+    int n, r;
+    rcode(a.nrsect[3 * k + 2], n, r);
+    if (n > 0) {
+      if (n > 3 || r < 1 || r + n - 1 > a.var.nstruc ||
+          a.var.secform.size() < static_cast<std::size_t>(r + n - 1))
+        return bad(a, "section structure");
+      i64 nn = 1;
+      for (int f = 0; f < n; ++f) {
+        int o = a.var.field(r + f, kOrder);
+        int gf = a.var.field(r + f, kGfirst), np = a.var.field(r + f, kNpar);
+        if (o < 1) return bad(a, "structure order");
+        if (np < 0 || (np > 0 && (gf < 1 || static_cast<std::size_t>(gf + np - 1) > a.gammas.size())))
+          return bad(a, "structure parameters");
+        nn *= o;
+      }
+      if (nn != nrec) return bad(a, "section order differs from its records");
+      maxrblock = std::max(maxrblock, nrec);
+    }
+    total += nrec;
   }
   if (total != a.records) return bad(a, "section records");
   // WV map.
@@ -104,6 +123,7 @@ static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder) {
     }
   }
   if (eqs > neq) return bad(a, "nlev");
+  maxblock = std::max(maxblock, maxrblock);
   for (int r = 1; r <= a.var.nstruc; ++r) maxorder = std::max(maxorder, a.var.field(r, kOrder));
   return 0;
 }
@@ -113,9 +133,9 @@ int ai_phase(AiPhaseArgs& a) {
   a.logdetg = 0.0;
   a.inverse_formed = false;
   a.wvnodes = a.wvxpnodes = 0;
-  i64 maxblock = 1;
+  i64 maxblock = 1, maxrblock = 0;
   int maxorder = 1;
-  if (check_args(a, maxblock, maxorder)) return 1;
+  if (check_args(a, maxblock, maxorder, maxrblock)) return 1;
   MmeStore& st = *a.store;
   const i64 neq = st.neq;
   const int nwv = a.nwv;
@@ -138,6 +158,7 @@ int ai_phase(AiPhaseArgs& a) {
             reals(s.xblk, maxblock) && reals(s.bblk, maxblock) && reals(s.tblk, maxblock) &&
             reals(s.kv[0], maxblock) && reals(s.kv[1], maxblock) && ints(s.kc[0], maxblock) &&
             ints(s.kc[1], maxblock);
+  ok = ok && reals(s.wd, maxrblock * nwv) && reals(s.td, maxrblock * nwv);
   for (int f = 0; ok && f < 3; ++f) {
     span<i32> c;
     ok = reals(s.rowv[f], maxorder) && ints(c, maxorder);
@@ -183,12 +204,18 @@ int ai_phase(AiPhaseArgs& a) {
   if (g5vwvg(a, s, wv, next, nodes)) return 1;
   if (a.trace) cprintc(" AIdggi done");
   a.wvnodes = next;
+  // Rows of the records of a structured section sit above the G side.
+  const i64 wvtop = next + maxrblock * (static_cast<i64>(nwv) + 1);
+  if (wvtop >= nodes) {
+    vprt(" AI step: workspace too small for the WV store\n");
+    return g5vflt(a.nfault, 6);
+  }
 
   // WVXP lists behind the used WV nodes.
   AverageInfoState& ls = g_aistate;
   close_tempwv(true);
-  ls.lists = NodeStore(cv.p + 2 * next, nodes - next);
-  ls.limit = nodes - next;
+  ls.lists = NodeStore(cv.p + 2 * wvtop, nodes - wvtop);
+  ls.limit = nodes - wvtop;
   if (a.wvxplimit > 0 && a.wvxplimit < ls.limit) ls.limit = a.wvxplimit;
   if (ls.limit < neq + 2 * static_cast<i64>(nwv) + 2) {
     vprt(" AI step: workspace too small for the WVXP lists\n");
@@ -217,18 +244,23 @@ int ai_phase(AiPhaseArgs& a) {
     int ps = a.nrsect[3 * k + 1];
     int srow = a.nrsect[3 * k + 2];
     double g = a.gammas[ps - 1];
-    if (srow > 0) {
-      vprt(" Working variates for a structured residual (section %d) are not available yet\n", k + 1);
-      g5verror(" Structured residuals in the AI step are not available yet", 3);
-      rc = g5vflt(a.nfault, 2000 + srow);
-      break;
-    }
     if (!(g > 0.0)) {
       rc = g5vflt(a.nfault, 280);
       break;
     }
     int cs = (ps != ps1 && admits(a, ps)) ? wvcol(a, ps) : 0;
     double weight = 1.0 / g;
+    int nf, rf;
+    rcode(srow, nf, rf);
+    if (nf > 0) {
+      i64 wnext = next;
+      if (nrec > 0 && g5vwvx(a, s, wv, wnext, wvtop, rec, nrec, nf, rf, g, c1, cs)) {
+        rc = 1;
+        break;
+      }
+      rec += nrec;
+      continue;
+    }
     for (i64 r = rec; r < rec + nrec; ++r) {
       i64 s0 = a.design.start[r], last = a.design.start[r + 1] - 1;
       double y = a.design.val[s0 - 1];

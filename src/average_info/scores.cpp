@@ -56,9 +56,12 @@ static int trace_term(AiPhaseArgs& a, AiScratch& s, int r, int p, int sel, doubl
   return 0;
 }
 
-// g5vscf: sum over the term's block of D(I,J) (u_I u_J / sigma2 + C^-1(I,J))
-// for parameter p of factor k of a product of n factors from row r.
-static int g5vscf(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k, int p, int sel,
+// g5vscf: the sum over a block of D(I,J) pair(I,J), D the product of the
+// rows of n factors from row r: factor k (k >= 0) takes the derivative form
+// of parameter p (selector sel), every other factor its inverse.  For a G
+// term pair(I,J) = u_I u_J / sigma2 + C^-1(I,J).
+template <class Pair>
+static int g5vscf(AiPhaseArgs& a, AiScratch& s, int n, int r, int k, int p, int sel, Pair pair,
                   double& sum) {
   int ord[3];
   i64 nn = 1;
@@ -96,13 +99,7 @@ static int g5vscf(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k, int
       cur = 1 - cur;
       len = nl;
     }
-    double uI = a.soln[e0 + I];
-    for (i64 q = 0; q < len; ++q) {
-      i64 J = s.kc[cur][q];
-      double uJ = a.soln[e0 + J];
-      sum += s.kv[cur][q] *
-             (uI * uJ / a.sigma2 + zeq(a, s, static_cast<i32>(e0 + I + 1), static_cast<i32>(e0 + J + 1)));
-    }
+    for (i64 q = 0; q < len; ++q) sum += s.kv[cur][q] * pair(I, static_cast<i64>(s.kc[cur][q]));
   }
   for (int f = 0; f < n; ++f) structure_row(a, r + f, nullptr, 0, 0, s.rowv[f], s.rowc[f], cnt[f], a.nfault);
   return 0;
@@ -122,7 +119,11 @@ static int makescore(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k) 
     int sel = selector_of(a, rk, m);
     double tr, q;
     if (trace_term(a, s, rk, p, sel, tr)) return 1;
-    if (g5vscf(a, s, e0, n, r, k, p, sel, q)) return 1;
+    auto pair = [&](i64 I, i64 J) {
+      return a.soln[e0 + I] * a.soln[e0 + J] / a.sigma2 +
+             zeq(a, s, static_cast<i32>(e0 + I + 1), static_cast<i32>(e0 + J + 1));
+    };
+    if (g5vscf(a, s, n, r, k, p, sel, pair, q)) return 1;
     a.score[wvcol(a, p) - 1] += 0.5 * (q - static_cast<double>(mult) * tr);
   }
   return 0;
@@ -167,43 +168,82 @@ int g5vscg(AiPhaseArgs& a, AiScratch& s) {
   return 0;
 }
 
+// (W C^-1 W')(I,J) for records I and J (0-based in the design).
+static double wcw(const AiPhaseArgs& a, const AiScratch& s, i64 ri, i64 rj) {
+  const auto& d = a.design;
+  double t = 0.0;
+  i32 pi = 1;
+  for (i64 i = d.start[ri] + 1; i < d.start[ri + 1]; ++i) {
+    i32 ei = d.col[i - 1];
+    if (ei <= pi) break;
+    pi = ei;
+    i32 pj = 1;
+    for (i64 j = d.start[rj] + 1; j < d.start[rj + 1]; ++j) {
+      i32 ej = d.col[j - 1];
+      if (ej <= pj) break;
+      pj = ej;
+      t += d.val[i - 1] * d.val[j - 1] * zeq(a, s, ei, ej);
+    }
+  }
+  return t;
+}
+
+// Scores of a residual section R = gamma x (product of n factors from row
+// r) over records first..first+nrec-1.
+static int structured_rscore(AiPhaseArgs& a, AiScratch& s, i64 first, i64 nrec, int ps, int n,
+                             int r) {
+  double g = a.gammas[ps - 1];
+  auto pair = [&](i64 I, i64 J) {
+    return (a.resid[first + I] * a.resid[first + J] / a.sigma2 + wcw(a, s, first + I, first + J)) / g;
+  };
+  if (admits(a, ps)) {
+    double q;
+    if (g5vscf(a, s, n, r, -1, 0, 0, pair, q)) return 1;
+    a.score[wvcol(a, ps) - 1] += 0.5 * (q / g - static_cast<double>(nrec) / g);
+  }
+  for (int k = 0; k < n; ++k) {
+    int rk = r + k;
+    int npar = a.var.field(rk, kNpar), gfirst = a.var.field(rk, kGfirst);
+    i64 mult = nrec / a.var.field(rk, kOrder);
+    for (int m = 0; m < npar; ++m) {
+      int p = gfirst + m;
+      if (!admits(a, p)) continue;
+      if (static_cast<std::size_t>(p) > a.var.parform.size()) return g5vflt(a.nfault, 3901);
+      int sel = selector_of(a, rk, m);
+      double tr, q;
+      if (trace_term(a, s, rk, p, sel, tr)) return 1;
+      if (g5vscf(a, s, n, r, k, p, sel, pair, q)) return 1;
+      a.score[wvcol(a, p) - 1] += 0.5 * (q - static_cast<double>(mult) * tr);
+    }
+  }
+  return 0;
+}
+
 int g5vscr(AiPhaseArgs& a, AiScratch& s) {
   i64 rec = 0;
   const auto& d = a.design;
   for (int k = 0; k < a.nsect; ++k) {
     i64 nrec = a.nrsect[3 * k];
     int ps = a.nrsect[3 * k + 1];
-    int srow = a.nrsect[3 * k + 2];
+    int sc = a.nrsect[3 * k + 2];
     i64 first = rec;
     rec += nrec;
-    if (!admits(a, ps)) continue;
-    if (srow > 0) {
-      g5verror(" Scores of structured residuals are not available yet", 3);
-      return g5vflt(a.nfault, 3901);
+    if (sc > 0) {
+      int n = sc > 9999 ? sc / 10000 : 1, r = sc > 9999 ? sc % 10000 : sc;
+      if (structured_rscore(a, s, first, nrec, ps, n, r)) return 1;
+      continue;
     }
+    if (!admits(a, ps)) continue;
     double g = a.gammas[ps - 1];
     double qf = 0.0, tr = 0.0;
     i64 n = 0;
     for (i64 r = first; r < rec; ++r) {
-      i64 st = d.start[r], last = d.start[r + 1] - 1;
+      i64 st = d.start[r];
       if (is_missing(d.val[st - 1])) continue;
       double e = a.resid[r];
       qf += e * e;
       ++n;
-      i32 pi = 1;
-      for (i64 i = st + 1; i <= last; ++i) {
-        i32 ei = d.col[i - 1];
-        if (ei <= pi) break;
-        pi = ei;
-        tr += d.val[i - 1] * d.val[i - 1] * zeq(a, s, ei, ei);
-        i32 pj = ei;
-        for (i64 j = i + 1; j <= last; ++j) {
-          i32 ej = d.col[j - 1];
-          if (ej <= pj) break;
-          pj = ej;
-          tr += 2.0 * d.val[i - 1] * d.val[j - 1] * zeq(a, s, ei, ej);
-        }
-      }
+      tr += wcw(a, s, r, r);
     }
     double sv = (qf / a.sigma2 + tr) / g;
     a.score[wvcol(a, ps) - 1] += ((sv - static_cast<double>(n)) * 0.5) / g;

@@ -137,6 +137,11 @@ struct Model {
   std::vector<int> struc;
   std::vector<FormRecord> secform, parform;
   std::vector<double> logdet, work;
+  // Structured residual R = gamma_1 rmat (empty: R = gamma_1 I), with
+  // dR/dtheta per parameter (empty where none).
+  Mat rmat;
+  std::vector<Mat> dr;
+  int rcode = 0;
 };
 
 struct Built {
@@ -161,12 +166,18 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, b
   int n = m.neq, nrec = m.y.size();
   double gr = m.gammas[0];
   Mat c = zeros(n + 1, n + 1);  // 1-based by equation, response at 1
-  for (int r = 0; r < nrec; ++r) {
-    std::vector<std::pair<int, double>> full = {{1, m.y[r]}};
-    full.insert(full.end(), m.rows[r].begin(), m.rows[r].end());
-    for (auto& a : full)
-      for (auto& q : full) c[a.first][q.first] += a.second * q.second / gr;
-  }
+  Mat ri;
+  if (!m.rmat.empty()) ri = inv(m.rmat);
+  for (int r = 0; r < nrec; ++r)
+    for (int r2 = 0; r2 < nrec; ++r2) {
+      double w = ri.empty() ? (r == r2 ? 1.0 / gr : 0.0) : ri[r][r2] / gr;
+      if (w == 0.0) continue;
+      std::vector<std::pair<int, double>> f1 = {{1, m.y[r]}}, f2 = {{1, m.y[r2]}};
+      f1.insert(f1.end(), m.rows[r].begin(), m.rows[r].end());
+      f2.insert(f2.end(), m.rows[r2].begin(), m.rows[r2].end());
+      for (auto& a : f1)
+        for (auto& q : f2) c[a.first][q.first] += a.second * q.second * w;
+    }
   for (int i = 2; i <= n; ++i)
     for (int j = 2; j <= n; ++j) c[i][j] += m.ginv[i - 2][j - 2];
   // Position form with pattern.
@@ -324,7 +335,7 @@ void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000,
   a.nlev = span<const i32>(m.nlev.data(), m.nlev.size());
   a.tcode = span<const i32>(m.tcode.data(), m.tcode.size());
   static std::vector<i32> nrsect;
-  nrsect = {static_cast<i32>(m.y.size()), 1, 0};
+  nrsect = {static_cast<i32>(m.y.size()), 1, m.rcode};
   a.nrsect = span<const i32>(nrsect.data(), 3);
   a.nsect = 1;
   a.gammas = span<double>(m.gammas);
@@ -358,7 +369,9 @@ void check_against_dense(const Model& m, const Built& b, const PhaseRun& r) {
   for (int i = 0; i < nrec; ++i)
     for (auto& e : m.rows[i]) W[i][e.first - 2] = e.second;
   Mat V = mul(mul(W, m.g), tr(W));
-  for (int i = 0; i < nrec; ++i) V[i][i] += m.gammas[0];
+  for (int i = 0; i < nrec; ++i)
+    for (int j = 0; j < nrec; ++j)
+      V[i][j] += m.gammas[0] * (m.rmat.empty() ? (i == j ? 1.0 : 0.0) : m.rmat[i][j]);
   // Fixed columns: equations with a zero row of G, singular ones left out.
   std::vector<int> fx;
   for (int e = 2; e <= m.neq; ++e) {
@@ -385,7 +398,13 @@ void check_against_dense(const Model& m, const Built& b, const PhaseRun& r) {
     if (p == 1) {
       dV[c] = V;
       dVs[c] = zeros(nrec, nrec);
-      for (int i = 0; i < nrec; ++i) dVs[c][i][i] = 1.0;
+      for (int i = 0; i < nrec; ++i)
+        for (int j = 0; j < nrec; ++j)
+          dVs[c][i][j] = m.rmat.empty() ? (i == j ? 1.0 : 0.0) : m.rmat[i][j];
+    } else if (p - 1 < m.dr.size() && !m.dr[p - 1].empty()) {
+      dV[c] = dVs[c] = zeros(nrec, nrec);
+      for (int i = 0; i < nrec; ++i)
+        for (int j = 0; j < nrec; ++j) dV[c][i][j] = dVs[c][i][j] = m.gammas[0] * m.dr[p - 1][i][j];
     } else {
       dV[c] = dVs[c] = mul(mul(W, m.dg[p - 1]), tr(W));
     }
@@ -638,8 +657,8 @@ TEST(AverageInfo, ClearFaultsForUnavailableAndBadInput) {
   r.a.nrsect = span<const i32>(ns.data(), 3);
   r.a.var.struc = span<int>(struc);
   r.a.var.nstruc = 1;
-  EXPECT_EQ(ai_phase(r.a), 1);
-  EXPECT_EQ(r.a.nfault, 2001);
+  EXPECT_EQ(ai_phase(r.a), 1);  // no form record for the structure
+  EXPECT_EQ(r.a.nfault, 2111);
   // A design column beyond NEQ and an order that is not a permutation.
   PhaseRun r2;
   run(m, b, r2);
@@ -763,5 +782,48 @@ TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
     check_against_dense(m, b, r);
     check_inverse(m, b);
     expect_rel(r.a.logdetg, logdetg, "log|G|");
+  }
+}
+
+TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
+  // y = mu + u(group) + e, R = gamma AR1(rho) over the records in order,
+  // formed by g5vvsf and delivered by g5vvrw.
+  Model m = one_way(4, 3, 0.7, 1.0, true);
+  int n = m.y.size();
+  double rho = 0.45;
+  vtest::Fit f;
+  f.gammas = {1.0, 0.7, rho};
+  f.add_section(n, 1, 1, 3, 1);
+  ASSERT_EQ(f.run(), 0) << f.ifault;
+  m.gammas = f.gammas;
+  m.rgmstr = {0, 0, 0};
+  m.wvcolumn = {1, 2, 3};
+  m.nwv = 3;
+  m.struc = f.struc;
+  m.secform = f.secform;
+  m.parform = f.parform;
+  m.logdet = f.logdet;
+  m.work = f.work;
+  m.rcode = 1;
+  m.rmat = zeros(n, n);
+  m.dr.assign(3, Mat());
+  m.dr[2] = zeros(n, n);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) {
+      int d = std::abs(i - j);
+      m.rmat[i][j] = std::pow(rho, d);
+      m.dr[2][i][j] = d == 0 ? 0.0 : d * std::pow(rho, d - 1);
+    }
+  m.dg.resize(3, zeros(m.neq - 1, m.neq - 1));
+  for (int variant = 0; variant < 2; ++variant) {
+    Built b;
+    std::vector<int> perm = natural(m.neq);
+    if (variant) std::reverse(perm.begin() + 2, perm.end());
+    build(m, perm, variant ? 2 : 1, b, true);
+    PhaseRun r;
+    run(m, b, r, variant ? m.neq + 2 * m.nwv + 3 : 0, 400000, tarnel::g5vvrw);
+    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+    check_against_dense(m, b, r);
+    check_inverse(m, b);
   }
 }
