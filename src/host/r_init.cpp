@@ -13,6 +13,10 @@ SEXP a2i(SEXP);
 SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
 SEXP Shelp(SEXP, SEXP);
+SEXP pdsort(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP sortpedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP pmat(SEXP, SEXP, SEXP);
+SEXP pedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -24,6 +28,10 @@ static const R_CallMethodDef call_entries[] = {
     {"mvpatch", (DL_FUNC)&mvpatch, 10},
     {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
     {"Shelp", (DL_FUNC)&Shelp, 2},
+    {"pdsort", (DL_FUNC)&pdsort, 6},
+    {"sortpedigree", (DL_FUNC)&sortpedigree, 6},
+    {"pmat", (DL_FUNC)&pmat, 3},
+    {"pedigree", (DL_FUNC)&pedigree, 6},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {
