@@ -201,9 +201,8 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
       errmsg = "nrow(pedigree)+insertions != number of individuals\n";
       return res;
     }
-    if (NEW == 0) break;
     // A second pass that still moves rows: make sure it is not a cycle.
-    if (pass >= 2 && !cycle_checked) {
+    if (NEW > 0 && pass >= 2 && !cycle_checked) {
       bool failed = false;
       const int k = find_cycle(rows, nan, ped, nan, errmsg, failed);
       if (failed) return res;
@@ -256,9 +255,12 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
         newfgen[k] = value;
       }
     }
+    // The rebuilt pedigree replaces the input; a pass that moved nothing
+    // ends the loop.
     rows += INSERTED;
     std::memcpy(ped, newped.get(), 3 * n * sizeof(int));
     if (fgen) std::memcpy(fgen, newfgen.get(), n * sizeof(double));
+    if (NEW == 0) break;
   }
   res.status = 0;
   res.rows = rows;
