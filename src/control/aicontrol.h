@@ -204,6 +204,8 @@ struct AiControlArgs {
 // One fit.  Leaves the outcome in status.ifault, results.errtxt,
 // results.converge and status.runTrn.
 void aicontrol(AiControlArgs& a);
+// Frees the driver's saved design and clears its statics.
+void reset_control_state();
 
 }  // namespace tarnel
 

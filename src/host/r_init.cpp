@@ -13,6 +13,7 @@ SEXP a2i(SEXP);
 SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
 SEXP Shelp(SEXP, SEXP);
+SEXP orthpoly(SEXP, SEXP);
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -24,6 +25,7 @@ static const R_CallMethodDef call_entries[] = {
     {"mvpatch", (DL_FUNC)&mvpatch, 10},
     {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
     {"Shelp", (DL_FUNC)&Shelp, 2},
+    {"orthpoly", (DL_FUNC)&orthpoly, 2},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {

@@ -1,0 +1,706 @@
+// Design formation: one pass over the records that leaves a sparse row of
+// (value, equation) pairs for each record and trait.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "design/design.h"
+#include "host/console.h"
+#include "host/messages.h"
+
+namespace tarnel {
+
+namespace {
+
+constexpr int kMaxStack = 10;
+// pi as a single-precision value, for the periodic functions.
+constexpr double kPi32 = 3.1415927410125732;
+
+// State of one formation pass.
+struct Former {
+  const DesignStores& st;
+  const DesignTerms& tt;
+  DesignData& dd;
+  int mvact, mvd, debug;
+  span<char> errtxt;
+  DesignResult& res;
+
+  RowCursor cur;
+  int record = 0;       // data record, from 1
+  int trait = 1;
+  double w = 1.0;       // the row's weight
+  bool resp_missing = false;
+  bool drop_row = false;
+  int position = 0;     // model position being formed, from 1
+  bool counts = true;   // the position counts as missing when a column is
+  int listed[4] = {0, 0, 0, 0};
+  int nlisted = 0;
+  i64 nmiss_design = 0;
+  int miss_count = 0;    // missing responses so far (mvact > 0)
+  bool miss_pending = false;
+  MarkerCommon marker;
+  span<double> bisq;     // scratch for the bisquare basis
+
+  Former(const DesignStores& s, const DesignTerms& t, DesignData& d, int ma, int md, int dbg,
+         span<char> et, DesignResult& r)
+      : st(s), tt(t), dd(d), mvact(ma), mvd(md), debug(dbg), errtxt(et), res(r) {
+    cur.val = st.x.r + st.kyxz;
+    cur.col = st.x.i + st.colbase;
+    cur.limit = st.limit;
+  }
+
+  void fault_text(const char* text, int code) {
+    put_text(errtxt.data(), errtxt.size(), text);
+    res.ifault = code;
+  }
+
+  double col(int c) const { return dd.rvec[static_cast<std::size_t>(c)]; }
+
+  // A design column is missing.
+  void missaction(int column) {
+    const bool takes_part = tt.submod != 0 || tt.submds[position - 1] != 1;
+    if (!takes_part || !counts) return;
+    for (int k = 0; k < nlisted; ++k)
+      if (listed[k] == column) return;
+    if (resp_missing && mvact >= 0) {
+      drop_row = true;
+      return;
+    }
+    if (nlisted < 4) listed[nlisted++] = column;
+    ++nmiss_design;
+    if (debug != 0 && nmiss_design <= 99)
+      vprt(" Missing value: record %d, column %d, model position %d\n", record, column, position);
+  }
+
+  // Value of a function of one data value; kMissing when it has none.
+  double transform(int code, double v, double fc, int c, bool response) const {
+    switch (code) {
+      case -16:
+        return fc == 0.0 ? kMissing : std::sin(2.0 * kPi32 * v / fc);
+      case -17:
+        return fc == 0.0 ? kMissing : std::cos(2.0 * kPi32 * v / fc);
+      case -18:
+        return v + fc < 0 ? kMissing : std::sqrt(v + fc);
+      case -19:
+        return std::fabs(v + fc) <= 35.0 ? std::exp(v + fc) : kMissing;
+      case -20:
+        return v + fc == 0.0 ? kMissing : 1.0 / (v + fc);
+      case -21:
+        return v + fc <= 0.0 ? kMissing : std::log(v + fc);
+      case -22:
+        return v > fc ? 1.0 : 0.0;
+      case -23:
+        return v < fc ? 1.0 : 0.0;
+      case -36:
+        return std::fabs(v);
+      case -30: {
+        const double u = v + fc;
+        if (c == 1000) return u;
+        if (c == 2000) return u * u;
+        if (c == 3000) return u * u * u;
+        if (response) {
+          if (u > 1e-08) return c == -1000 ? 1.0 / u : std::pow(u, c * 0.001);
+          if (u >= -1e-08) return 0.0;
+          return kMissing;
+        }
+        if (u < 1e-9) return 0.0;  // adds nothing
+        return c == -1000 ? 1.0 / u : std::pow(u, c * 0.001);
+      }
+      default:
+        return v;
+    }
+  }
+
+  bool is_function(int code) const {
+    return (code <= -16 && code >= -23) || code == -36 || code == -30;
+  }
+
+  // The level of a value read as a factor code.
+  static int level_of(double v) {
+    if (!(std::fabs(v) < 2.0e9)) return 0;
+    return static_cast<int>(v);
+  }
+
+  span<const double> jtable(int a, int len) const {
+    return tt.JBV.subspan(static_cast<std::size_t>(a - 1), static_cast<std::size_t>(len));
+  }
+  span<const int> itable(int a, int len) const {
+    return tt.IBV.subspan(static_cast<std::size_t>(a - 1), static_cast<std::size_t>(len));
+  }
+
+  // Adds the entries of a leaf term at base s.  Returns 1 on a fault.
+  int leaf(int t, int s) {
+    const int code = tt.code(t), a = tt.a(t), b = tt.b(t), c = tt.c(t);
+    const int flev = tt.flev[t - 1], nlev = tt.nlev[t - 1];
+    const double fc = tt.faconst[t - 1];
+    int level = trait;
+    double v = 0.0;
+    if (nlev == 1) {
+      v = col(b);
+      if (is_missing(v)) {
+        missaction(b);
+        return 0;
+      }
+      level = level_of(v);
+    }
+    if (code == -15) {
+      if (level == c) {
+        cur.add(s + 1, w);
+      } else {
+        counts = false;
+      }
+      return 0;
+    }
+    if (a == -1 && code == 0 && level > tt.nan) {
+      vprt("Recoded pedigree identifier %d\n", level);
+      vprt("in data record %d\n", record);
+      vprt("exceeds maximum %d\n", tt.nan);
+      res.ifault = static_cast<int>(res.records);
+      return 1;
+    }
+    switch (code) {
+      case -3:
+      case -5:
+      case -7:
+      case -10:
+      case -13:
+      case -34: {
+        int nmiss = 0;
+        if (aixspl(cur, code, flev, a, tt.kzbkey, st.x, record, level, s, nmiss) != 0) {
+          vprt("Basis table term %d (code %d) is not available yet\n", t, code);
+          fault_text("Faulted forming design matrix", record);
+          return 1;
+        }
+        if (nmiss > 0) missaction(b);
+        return 0;
+      }
+      case -4:
+        if (miss_pending) {
+          cur.add(s + miss_count, -w);
+          miss_pending = false;
+        }
+        return 0;
+      case -6:
+        aixfac(cur, 1, -1, level, flev, w, s);
+        aixfac(cur, 1, -1, level + 1, flev, w, s);
+        return 0;
+      case -8:
+        if (flev == 1) {
+          const char* name = static_cast<std::size_t>(t - 1) < tt.facnam.size() ? tt.facnam[t - 1] : nullptr;
+          const bool icpt = name != nullptr && std::strcmp(name, "(Intercept)") == 0;
+          cur.add(s + 1, icpt ? static_cast<double>(trait) : w);
+        } else {
+          aixfac(cur, 1, -1, trait, flev, w, s);
+        }
+        return 0;
+      case -9:
+        if (flev == 1) {
+          cur.add(s + 1, static_cast<double>(record));
+          return 0;
+        }
+        if (c > 0 && trait != c) return 0;
+        if (flev == dd.nrow) {
+          aixfac(cur, 1, -1, record, flev, w, s);
+        } else {
+          if (dd.lastseen[t - 1] != record) {
+            dd.lastseen[t - 1] = record;
+            ++dd.counter[t - 1];
+          }
+          if (dd.counter[t - 1] <= flev) aixfac(cur, 1, -1, dd.counter[t - 1], flev, w, s);
+        }
+        return 0;
+      case -25:
+        if (level >= 1 && level <= c) cur.add(s + 1, w);
+        return 0;
+      case -26: {
+        const double v2 = col(b + 1);
+        if (is_missing(v2)) {
+          missaction(b + 1);
+          return 0;
+        }
+        cur.add(s + 1, v * a + c * v2);
+        return 0;
+      }
+      case -27:
+        return lookup(t, s, v, level);
+      case -28:
+        if (record == c && trait == a) cur.add(s + 1, w);
+        return 0;
+      case -31: {
+        const double y = col(c);
+        if (is_missing(y)) {
+          missaction(c);
+          return 0;
+        }
+        span<double> out = bisq.subspan(0, static_cast<std::size_t>(flev));
+        bisqubasisfun(v, y, out);
+        for (int j = 1; j <= flev; ++j)
+          if (out[j - 1] != 0.0) cur.add(s + j, out[j - 1]);
+        return 0;
+      }
+      case -32:
+        cur.add(s + (flev < 2 ? 1 : trait), w);
+        return 0;
+      case -33:
+        if (level >= 1 && level <= c) {
+          const int e = itable(a, c)[level - 1];
+          if (e > 0 && e <= flev) cur.add(s + e, w);
+        }
+        return 0;
+      case -35: {
+        if (level < 1 || level > c) return 0;
+        const double tv = jtable(a, c)[level - 1];
+        if (is_missing(tv)) {
+          missaction(b);
+          return 0;
+        }
+        const int l = level_of(tv);
+        if (l >= 1) aixfac(cur, 1, -1, l, flev, w, s);
+        return 0;
+      }
+      case -37: {
+        const int l = groupfac(v, jtable(a, c), c);
+        if (l >= 1) aixfac(cur, 1, -1, l, flev, w, s);
+        return 0;
+      }
+      case -38: {
+        const span<const int> hdr = tt.IBV.subspan(static_cast<std::size_t>(a - 1));
+        marker.nmark = hdr[0];
+        marker.nind = hdr[1];
+        marker.stride = hdr[2];
+        marker.table = hdr.subspan(3);
+        const double sc = snp(level, c, marker);
+        if (sc != 0.0) cur.add(s + 1, sc * w);
+        return 0;
+      }
+      default:
+        break;
+    }
+    if (is_function(code)) {
+      const int ncol = nlev > 1 ? flev : 1;
+      for (int j = 1; j <= ncol; ++j) {
+        const double vj = col(b + j - 1);
+        if (is_missing(vj)) {
+          missaction(b + j - 1);
+          continue;
+        }
+        const double f = transform(code, vj, fc, c, false);
+        if (is_missing(f)) {
+          missaction(b + j - 1);
+        } else if (f != 0.0) {
+          cur.add(s + j, f * w);
+        }
+      }
+      return 0;
+    }
+    // Plain data terms: covariates over flev columns, indicator columns,
+    // or a factor.
+    if (nlev == flev && c >= 0) {
+      for (int j = 1; j <= flev; ++j) {
+        const double vj = col(b + j - 1);
+        if (is_missing(vj)) {
+          missaction(b + j - 1);
+        } else if (vj != 0.0) {
+          cur.add(s + j, vj * w);
+        } else if (fc != 0.0) {
+          cur.add(s + j, (0.0 - fc) * w);
+        }
+      }
+      return 0;
+    }
+    if (nlev > 1 && c >= 0) {
+      const int per = flev / nlev;
+      for (int j = 1; j <= nlev; ++j) {
+        const double vj = col(b + j - 1);
+        if (is_missing(vj)) {
+          missaction(b + j - 1);
+        } else if (vj != 0.0) {
+          const int l = level_of(vj);
+          if (l >= 1 && l <= per) cur.add(s + (j - 1) * per + l, w);
+        }
+      }
+      return 0;
+    }
+    if (nlev == 1) {
+      if (c == -29) {
+        aihelm(cur, level, flev, w, s);
+      } else {
+        aixfac(cur, 1, -1, level, flev, w, s);
+      }
+      return 0;
+    }
+    fault_text("Faulted forming design matrix", record);
+    return 1;
+  }
+
+  // Code -27: a level or a value looked up through a table or a column.
+  int lookup(int t, int s, double v, int level) {
+    const int a = tt.a(t), b = tt.b(t), c = tt.c(t);
+    const int flev = tt.flev[t - 1], nlev = tt.nlev[t - 1];
+    if (nlev < 2) {
+      if (a > 0) {
+        const int l = subsetfac(v, jtable(a, c), c);
+        if (l >= 1) aixfac(cur, 1, -1, l, flev, w, s);
+        return 0;
+      }
+      const int cc = b + c - 1;
+      const double vc = col(cc);
+      if (is_missing(vc)) {
+        missaction(cc);
+        return 0;
+      }
+      if (flev == 1) {
+        if (vc != 0.0) cur.add(s + 1, vc * w);
+      } else {
+        aixfac(cur, 1, -1, level_of(vc), flev, w, s);
+      }
+      return 0;
+    }
+    (void)level;
+    const span<const int> cols = itable(a, c);
+    for (int k = 1; k <= c; ++k) {
+      const int cc = cols[k - 1];
+      const double vc = col(cc);
+      if (is_missing(vc)) {
+        missaction(cc);
+        continue;
+      }
+      if (flev == c) {
+        if (vc != 0.0) cur.add(s + k, vc * w);
+      } else {
+        aixfac(cur, 1, -1, level_of(vc), flev, w, s);
+      }
+    }
+    return 0;
+  }
+
+  // Multiplies the entries [from, mid) of the components so far (m
+  // equations) with the new component's entries [mid, n), in place.
+  void combine(i64 from, i64 mid, int m, int s) {
+    const i64 n = mid - from, k = cur.n - mid;
+    double* val = cur.val;
+    i32* col = cur.col;
+    if (n == 0 || k == 0) {
+      cur.n = from;
+      return;
+    }
+    if (n == 1) {
+      const double pv = val[from];
+      const int pj = col[from] - s;
+      for (i64 i = 0; i < k; ++i) {
+        const int li = col[mid + i] - s;
+        val[from + i] = val[mid + i] * pv;
+        col[from + i] = s + (li - 1) * m + pj;
+      }
+      cur.n = from + k;
+      return;
+    }
+    const i64 total = n * k;
+    if (from + total > cur.limit) {
+      cur.full = true;
+      return;
+    }
+    // From the back, so that nothing still needed is overwritten; the first
+    // new entry is kept aside because the second's products cover it.
+    const double v1 = val[mid];
+    const int l1 = col[mid] - s;
+    for (i64 i = k - 1; i >= 0; --i) {
+      const double vi = i == 0 ? v1 : val[mid + i];
+      const int li = (i == 0 ? l1 : col[mid + i] - s);
+      for (i64 j = n - 1; j >= 0; --j) {
+        const i64 at = from + i * n + j;
+        val[at] = vi * val[from + j];
+        col[at] = s + (li - 1) * m + (col[from + j] - s);
+      }
+    }
+    cur.n = from + total;
+  }
+
+  // Evaluates one model position at base s.  Returns 1 on a fault.
+  int walk(int t, int s) {
+    const i64 from = cur.n;
+    int stack[kMaxStack];
+    int depth = 0;
+    int m = 0;  // equations of the components so far; 0 none yet
+    int term = t;
+    for (int guard = 0; guard < 64; ++guard) {
+      const int code = tt.code(term);
+      if (code == -40) {
+        if (tt.b(term) == 0) {
+          cur.n = from;
+          return 0;
+        }
+        term = tt.b(term);
+        continue;
+      }
+      if (code == -2 && tt.b(term) >= dd.lbin) {
+        term = tt.b(term) + 1;
+        continue;
+      }
+      if (tt.flev[term - 1] == 0) return 0;
+      if (code > 0 && tt.nlev[term - 1] == 0) {
+        const int b = tt.b(term);
+        if (b < 0) {
+          const int ct = code;
+          int lev;
+          if (tt.code(ct) == -8) {
+            lev = std::min(tt.flev[ct - 1], trait);
+          } else {
+            const double v = col(tt.b(ct));
+            if (is_missing(v)) {
+              missaction(tt.b(ct));
+              cur.n = from;
+              return 0;
+            }
+            lev = level_of(v);
+          }
+          if (lev != -b) {
+            cur.n = from;
+            return 0;
+          }
+          if (tt.a(term) < 1) {
+            cur.add(s + 1, w);
+            return 0;
+          }
+          term = tt.a(term);
+          continue;
+        }
+        if (depth >= kMaxStack) {
+          fault_text("Faulted forming design matrix", record);
+          return 1;
+        }
+        stack[depth++] = code;
+        term = tt.a(term);
+        continue;
+      }
+      const i64 mid = cur.n;
+      if (leaf(term, s) != 0) return 1;
+      if (cur.full) {
+        fault_text("Out of memory: forming design", static_cast<int>(res.records));
+        return 1;
+      }
+      if (m > 0) {
+        combine(from, mid, m, s);
+        if (cur.full) {
+          fault_text("Out of memory: forming design", static_cast<int>(res.records));
+          return 1;
+        }
+        m *= tt.flev[term - 1];
+      } else {
+        m = tt.flev[term - 1];
+      }
+      if (depth == 0) return 0;
+      term = stack[--depth];
+    }
+    fault_text("Faulted forming design matrix", record);
+    return 1;
+  }
+
+  // Sorts a row's entries after the response by equation, merging repeats.
+  void sort_row(i64 start) {
+    double* val = cur.val;
+    i32* col = cur.col;
+    for (i64 i = start + 2; i < cur.n; ++i) {
+      for (i64 j = i; j > start + 1 && col[j - 1] > col[j]; --j) {
+        std::swap(col[j - 1], col[j]);
+        std::swap(val[j - 1], val[j]);
+      }
+    }
+    i64 out = start + 1;
+    for (i64 i = start + 1; i < cur.n; ++i) {
+      if (out > start + 1 && col[out - 1] == col[i]) {
+        val[out - 1] += val[i];
+      } else {
+        col[out] = col[i];
+        val[out] = val[i];
+        ++out;
+      }
+    }
+    cur.n = out;
+  }
+
+  int response(int k, double& value) {
+    const int yt = dd.ytable[k - 1];
+    const int yc = dd.ycol[k - 1];
+    value = kMissing;
+    if (yc >= 1 && yc <= dd.lbin) value = col(yc);
+    if (yt < 1 || yt > tt.nfact) return 0;
+    const int code = tt.code(yt);
+    if (is_missing(value) && code != -27) return 0;
+    const double fc = tt.faconst[yt - 1];
+    switch (code) {
+      case 1:
+        if (dd.ntrt > 1 && dd.ycol[0] == dd.ycol[dd.ntrt - 1]) value = value == k ? 1.0 : 0.0;
+        break;
+      case -27:
+        if (tt.nlev[yt - 1] >= 2) {
+          const int cc = tt.b(yt) + k - 1;
+          value = cc >= 1 && cc <= dd.lbin ? col(cc) : kMissing;
+        }
+        break;
+      case -37:
+        if (dd.ntrt > 1)
+          value = groupfac(value, jtable(tt.a(yt), tt.c(yt)), tt.c(yt)) == k ? 1.0 : 0.0;
+        break;
+      case -15:
+        value = std::fabs(value - tt.c(yt)) <= 1e-08 ? 1.0 : 0.0;
+        break;
+      default:
+        if (is_function(code)) value = transform(code, value, fc, tt.c(yt), true);
+        break;
+    }
+    return 0;
+  }
+
+  int run() {
+    res.records = 0;
+    res.nonzero = 0;
+    const int nfactp = tt.nfactp;
+    const int lbin = dd.lbin;
+    // Dropped terms: a component of code -40 with no term to hand over to.
+    for (int t = 1; t <= tt.nfact; ++t) {
+      dd.lastseen[t - 1] = 0;
+      dd.counter[t - 1] = 0;
+    }
+    for (int t = 1; t <= tt.nfact; ++t) dd.dropped[t - 1] = 0;
+    for (int i = 1; i <= nfactp; ++i) {
+      const int t = tt.neword[i - 1];
+      if (t == 0 || tt.nlev[t - 1] != 0) continue;
+      int stack[kMaxStack];
+      int depth = 0;
+      stack[depth++] = t;
+      while (depth > 0) {
+        const int u = stack[--depth];
+        const int code = tt.code(u);
+        if (code == -40 && tt.b(u) == 0) {
+          dd.dropped[t - 1] = 1;
+          break;
+        }
+        if (code > 0 && tt.nlev[u - 1] == 0 && depth + 2 <= kMaxStack) {
+          stack[depth++] = code;
+          if (tt.a(u) >= 1) stack[depth++] = tt.a(u);
+        }
+      }
+    }
+    for (int r = 1; r <= dd.nrow; ++r) {
+      record = r;
+      rstore(dd.datafr, r, lbin, dd.rvec);
+      for (int k = 1; k <= dd.ntrt; ++k) {
+        trait = k;
+        dd.rvec[0] = k;
+        double value;
+        response(k, value);
+        resp_missing = is_missing(value);
+        drop_row = false;
+        if (resp_missing) {
+          if (mvact > 0) {
+            ++miss_count;
+            if (miss_count > tt.flev[mvact - 1]) {
+              fault_text("Missing Value Miscount forming design", static_cast<int>(res.records));
+              return 1;
+            }
+            miss_pending = true;
+            value = 0.0;
+          } else if (mvact == 0) {
+            continue;
+          }
+        } else {
+          miss_pending = false;
+        }
+        if (res.records >= st.rowlimit) {
+          fault_text("Out of memory: forming design", static_cast<int>(res.records));
+          return 1;
+        }
+        const i64 start = cur.n;
+        res.records += 1;
+        st.x.i[st.rowbase + res.records - 1] = static_cast<i32>(start);
+        st.x.i[st.recbase + res.records - 1] = r;
+        cur.add(1, value);
+        w = 1.0;
+        int base = 1;
+        bool order = false;
+        for (int i = 1; i <= nfactp; ++i) {
+          position = i;
+          int t = tt.neword[i - 1];
+          if (t == 0) continue;
+          counts = true;
+          nlisted = 0;
+          if (tt.nlev[t - 1] == -1 || dd.dropped[t - 1] != 0) {
+            base += tt.flev[t - 1];
+            continue;
+          }
+          double factor = 1.0;
+          if (tt.code(t) == -12) {
+            factor = static_cast<double>(static_cast<float>(tt.b(t)) *
+                                         std::pow(10.0f, static_cast<float>(-tt.c(t))));
+            t = tt.a(t);
+            base -= tt.flev[t - 1];
+            order = true;
+          }
+          const i64 before = cur.n;
+          if (walk(t, base) != 0) return 1;
+          if (factor != 1.0)
+            for (i64 q = before; q < cur.n; ++q) cur.val[q] *= factor;
+          base += tt.flev[t - 1];
+        }
+        if (cur.full) {
+          fault_text("Out of memory: forming design", static_cast<int>(res.records));
+          return 1;
+        }
+        if (drop_row) {
+          cur.n = start;
+          res.records -= 1;
+          continue;
+        }
+        if (order) sort_row(start);
+      }
+    }
+    st.x.i[st.rowbase + res.records] = static_cast<i32>(cur.n);  // end of the last row
+    res.nonzero = cur.n;
+    for (int t = 1; t <= tt.nfact; ++t) {
+      if (tt.code(t) == -9 && tt.flev[t - 1] > 1 && tt.flev[t - 1] != dd.nrow &&
+          tt.flev[t - 1] < dd.counter[t - 1]) {
+        res.ifault = 9;
+        return 1;
+      }
+    }
+    if (nmiss_design > 0 && mvd < 1) {
+      fault_text("Missing values in design variables/factors", static_cast<int>(nmiss_design));
+      return 1;
+    }
+    return 0;
+  }
+};
+
+}  // namespace
+
+void rstore(span<const double> data, int record, int lbin, span<double> rvec) {
+  const std::size_t from = static_cast<std::size_t>(record - 1) * lbin;
+  std::memcpy(rvec.data() + 1, data.data() + from, static_cast<std::size_t>(lbin) * sizeof(double));
+}
+
+int aidsgn(const DesignStores& st, const DesignTerms& tt, DesignData& dd, int mvact, int mvd,
+           int debug, span<char> errtxt, DesignResult& res) {
+  res.ifault = 0;
+  Former f(st, tt, dd, mvact, mvd, debug, errtxt, res);
+  f.bisq = dd.scratch;
+  // bisquare bases are set up from the coordinates' summaries.
+  for (int t = 1; t <= tt.nfact; ++t) {
+    if (tt.code(t) != -31) continue;
+    const double* xs = dd.summry.data() + 4 * static_cast<std::size_t>(tt.b(t) - 1);
+    const double* ys = tt.c(t) >= 1 ? dd.summry.data() + 4 * static_cast<std::size_t>(tt.c(t) - 1) : nullptr;
+    const int nb = bisquare(tt.a(t) > 0 ? tt.a(t) : tt.flev[t - 1], xs, ys);
+    if (nb != tt.flev[t - 1] || static_cast<std::size_t>(nb) > dd.scratch.size()) {
+      vprt("Term %d: the bisquare basis has %d functions, the term %d\n", t, nb, tt.flev[t - 1]);
+      put_text(errtxt.data(), errtxt.size(), "Faulted forming design matrix");
+      res.ifault = 1;
+      return 1;
+    }
+  }
+  const int rc = f.run();
+  res.nonzero = f.cur.n;
+  res.neq = count_equations(tt);
+  return rc;
+}
+
+}  // namespace tarnel
