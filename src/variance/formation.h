@@ -1,0 +1,78 @@
+// Formation of the variance structures for one REML iteration.
+//
+// Results of g5vvsf, all in spans that the caller owns:
+//   secform[s-1]   form record of section s (matrix and inverse);
+//   logdet[s-1]    log determinant of section s (of its effective order);
+//   parform[p-1]   form record of parameter p, in gammas order: dV/dtheta
+//                  and V^-1 (dV/dtheta) V^-1;
+//   trdrri[p-1]    tr(V^-1 dV/dtheta), the derivative of logdet;
+//   givlogdet[g-1] log determinant of GIV row g, kept across iterations.
+// Positions in the records point into the real work array, between the
+// `floor` and the `top` the caller gave, in the words g5vvsf takes from the
+// top downward.  The caller passes the same `top` at every iteration (all
+// structure words are rebuilt), and the words below the returned `top` are
+// free for the rest of the iteration.  The run driver is expected to carve
+// the four result tables out of the top of the work array (or out of
+// `strucm`) before that: FormRecord is six 8-byte words, so secform and
+// logdet take 7 words a section and parform and trdrri 7 a parameter.
+#ifndef TARNEL_VARIANCE_FORMATION_H
+#define TARNEL_VARIANCE_FORMATION_H
+
+#include "control/engine_types.h"
+#include "variance/structures.h"
+
+namespace tarnel {
+
+// Fault of g5vvrw for a record it cannot deliver.
+constexpr int kFaultUndefinedStructure = 109;
+
+struct VsfArgs {
+  int nsect = 0;          // sections
+  span<int> struc;        // nsect rows of lstruc integers
+  int lstruc = 15;
+  span<double> gammas;    // parameters, changed in place when moved
+  span<double> prvgam;    // the previous iteration's parameters
+  span<int> tgamma;       // kind of each parameter (written)
+  span<int> rgmstr;       // running constraint codes (read and written)
+  WorkArray work;         // the real work array
+  i64 top = 0;            // in: words floor+1 .. top are free; out: lowered
+  i64 floor = 0;          // words at or below this are the caller's
+  span<FormRecord> secform;
+  span<FormRecord> parform;
+  span<double> logdet;
+  span<double> trdrri;
+  GivTable giv;
+  span<double> givlogdet;  // one per GIV row, held across iterations
+  double sentinel = kMissing;  // a GIV log determinant still to be found
+  int iteration = 1;
+  int debug = 0;
+  int unit = 6;
+  int variance_kind = 1;  // tgamma of variances and scales: 1 or 2
+};
+
+// Forms all sections.  Returns 0, or 1 with ifault set (6 out of
+// workspace, 1000 + model for a section that cannot be formed).
+int g5vvsf(VsfArgs& a, int& ifault);
+
+// Writes a section record for sigma times the identity: pushes sigma and
+// 1/sigma onto the top of the work array and points pos and posi at them.
+// Returns 1 with ifault 6 when the words are not there.
+int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 floor,
+           int& ifault);
+
+// Takes m words from the top: returns the first position (1-based), or 0
+// when fewer than m words lie above the floor.
+i64 take_top(i64& top, i64 floor, i64 m);
+
+// Blocked AR1: the block level of row k is the integer at index(g) +
+// 2(k-1) of the GIV integer store (levels two entries apart).
+int block_level(const GivTable& giv, int g, int k);
+bool block_levels_valid(const GivTable& giv, int g, int order);
+
+// Row i of a CHOL or ANTE derivative (kinds 6001 to 10000).
+int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
+                          const i64* record, const WorkArray& work, int& ifault);
+
+}  // namespace tarnel
+
+#endif

@@ -1,0 +1,220 @@
+// One row of a structure matrix, its inverse or a derivative, rebuilt from
+// a form record.  The callers multiply rows of several sections to build
+// the rows of a direct product, which is never formed.
+#include <cmath>
+
+#include "host/messages.h"
+#include "variance/dense.h"
+#include "variance/formation.h"
+#include "variance/structures.h"
+
+namespace tarnel {
+
+namespace {
+
+// Work-array word at a 1-based position.
+inline double W(const WorkArray& work, i64 pos) { return work.r[pos - 1]; }
+
+// Packed element (i,j) of the matrix stored from position `pos`.
+inline double PW(const WorkArray& work, i64 pos, i64 i, i64 j) {
+  return work.r[pos - 1 + packed_index(i, j)];
+}
+
+inline void put(span<double> values, span<int> columns, int& count, int c, double v) {
+  columns[count++] = c;
+  values[c - 1] = v;
+}
+
+// Unpacks packed element number t (1-based) into (r, c), c <= r.  The
+// square root is taken in single precision, as the stored codes assume.
+void unpack_element(i64 t, int& r, int& c) {
+  r = static_cast<int>(std::sqrt(static_cast<float>(2 * t)));
+  c = static_cast<int>(t - static_cast<i64>(r) * (r - 1) / 2);
+  if (c > r) {
+    c -= r;
+    r += 1;
+  }
+}
+
+int undefined(int& count, int& ifault) {
+  count = 0;
+  g5verror(" G5VVRW Undefined Scructure ", 4);
+  return g5vflt(ifault, kFaultUndefinedStructure);
+}
+
+// The block level of row k of a blocked AR1 (see block_level in formation.h).
+}  // namespace
+
+int block_level(const GivTable& giv, int g, int k) {
+  return giv.integer.at1(static_cast<std::size_t>(giv.index(g)) + 2 * static_cast<std::size_t>(k - 1));
+}
+
+bool block_levels_valid(const GivTable& giv, int g, int order) {
+  if (g < 1 || g > giv.count) return false;
+  const i64 first = giv.index(g);
+  return first >= 1 && first + 2 * static_cast<i64>(order - 1) <= static_cast<i64>(giv.integer.size());
+}
+
+int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int order,
+           const i64* record, StrucRow strucrow, const WorkArray& work, int selector, int link,
+           const GivTable& giv, int unit, int& ifault) {
+  count = 0;
+  if (order < 1) return undefined(count, ifault);
+  const int i = static_cast<int>(rownum % order) + 1;
+  rownum /= order;
+  const i64 kind = record[0], scale = record[1], pos = record[2];
+  const int n = order;
+  const int gform = strucrow.p ? strucrow.field(kGform) : 1;
+
+  if (pos == 0 && kind < 100) {
+    put(values, columns, count, i, 1.0);
+  } else if (kind == -1) {
+    put(values, columns, count, i, 0.0);
+  } else if (kind == 0) {
+    if (link < 0) {
+      // Links to known matrices are delivered by the relationship code,
+      // which this version does not have.
+      g5verror(" G5VVRW link to a known matrix not available in this version", 4);
+      return g5vflt(ifault, kFaultUndefinedStructure);
+    }
+    put(values, columns, count, i, W(work, pos));
+  } else if (kind == 2) {
+    const int blockrow = strucrow.p ? strucrow.field(kBlockrow) : 0;
+    if (blockrow > 0) {
+      if (!block_levels_valid(giv, blockrow, n)) return undefined(count, ifault);
+      const int lev = block_level(giv, blockrow, i);
+      for (int j = 1; j <= n; ++j)
+        if (block_level(giv, blockrow, j) == lev) put(values, columns, count, j, W(work, pos + std::abs(i - j)));
+    } else {
+      for (int j = 1; j <= n; ++j) put(values, columns, count, j, W(work, pos + std::abs(i - j)));
+    }
+  } else if (kind >= 3 && kind <= 5) {
+    // Band of half-width w = kind - 2: vector d holds the elements
+    // (m, m+d) at position pos + d*n + m - 1.
+    const int w = static_cast<int>(kind) - 2;
+    for (int j = std::max(1, i - w); j <= std::min(n, i + w); ++j) {
+      const int d = std::abs(i - j);
+      const int m = std::min(i, j);
+      put(values, columns, count, j, W(work, pos + static_cast<i64>(d) * n + m - 1));
+    }
+  } else if (kind == 8 || kind == 9) {
+    if (gform == 2) {
+      const int h = n / 2;
+      if (i <= h) {
+        put(values, columns, count, h + i, 1.0);
+      } else {
+        const int r = i - h;
+        put(values, columns, count, r, 1.0);
+        if (kind == 8) {
+          put(values, columns, count, i, -W(work, pos + r - 1));
+        } else {
+          for (int j = 1; j <= h; ++j) put(values, columns, count, h + j, -PW(work, pos, r, j));
+        }
+      }
+    } else if (kind == 8) {
+      put(values, columns, count, i, W(work, pos + i - 1));
+    } else {
+      for (int j = 1; j <= n; ++j) put(values, columns, count, j, PW(work, pos, i, j));
+    }
+  } else if (kind >= 101 && kind <= 1000) {
+    const int k = static_cast<int>(kind) - 100;
+    if (i == k) {
+      if (pos != 0) {
+        if (scale < 1) {
+          const double v = W(work, pos + k - 1);
+          put(values, columns, count, i, v * v);
+        } else if (scale + k == i) {
+          put(values, columns, count, i, -1.0);
+        }
+      } else {
+        if (gform > 1) {
+          g5verror(" G5VVRW DERIV DIAG SING G", 4);
+          return g5vflt(ifault, 108);
+        }
+        put(values, columns, count, i, 1.0);
+      }
+    }
+  } else if ((kind >= 1001 && kind <= 5000) || (kind >= 5101 && kind <= 6000)) {
+    int r = 0, c = 0;
+    if (kind <= 5000) {
+      unpack_element(kind - 1000, r, c);
+    } else {
+      unpack_element(kind - 5100, r, c);
+      r += 1;
+    }
+    if (r > n || c < 1) return undefined(count, ifault);
+    if (pos == 0) {
+      if (i == r) put(values, columns, count, c, 1.0);
+      if (i == c && r != c) put(values, columns, count, r, 1.0);
+    } else {
+      // Row i of M (E_rc + E_cr) M.
+      const double mic = PW(work, pos, i, c), mir = PW(work, pos, i, r);
+      for (int j = 1; j <= n; ++j) {
+        const double v = r == c ? mir * PW(work, pos, r, j)
+                                : mic * PW(work, pos, r, j) + mir * PW(work, pos, c, j);
+        put(values, columns, count, j, v);
+      }
+    }
+  } else if (kind >= 5001 && kind <= 5100) {
+    const int k = static_cast<int>(kind) - 5000;
+    if (pos == 0) {
+      if (i - k >= 1) put(values, columns, count, i - k, 1.0);
+      if (i + k <= n) put(values, columns, count, i + k, 1.0);
+    } else {
+      // Row i of M B M, B the indicator of band k.
+      for (int j = 1; j <= n; ++j) {
+        double v = 0.0;
+        for (int l = 1; l <= n; ++l) {
+          double u = 0.0;
+          if (l - k >= 1) u += PW(work, pos, i, l - k);
+          if (l + k <= n) u += PW(work, pos, i, l + k);
+          if (u != 0.0) v += u * PW(work, pos, l, j);
+        }
+        put(values, columns, count, j, v);
+      }
+    }
+  } else if (kind >= 6001 && kind <= 10000) {
+    if (int rc = factor_derivative_row(values, columns, count, i, n, record, work, ifault)) return rc;
+  } else if (kind >= 10001) {
+    g5verror(" G5VVRW factor analytic rows not available in this version", 4);
+    return g5vflt(ifault, kFaultUndefinedStructure);
+  } else {
+    return undefined(count, ifault);
+  }
+
+  // Scale stage.
+  if (scale < 0) {
+    const double s = W(work, -scale);
+    double f = 0.0;
+    if (selector == 0 || (n > 2 && selector == n - 1)) {
+      f = s;
+    } else if (selector < 0) {
+      f = s * s;
+    }
+    if (f != 0.0)
+      for (int q = 0; q < count; ++q) values[columns[q] - 1] *= f;
+  } else if (scale > 1000) {
+    auto d = [&](int k) { return W(work, scale + k - 1); };
+    const double di = d(i);
+    for (int q = 0; q < count; ++q) {
+      const int j = columns[q];
+      double& v = values[j - 1];
+      if (selector == 0) {
+        v *= di * d(j);
+      } else if (selector == -i) {
+        v *= j == i ? di * di * di * di : 0.5 * di * di * di * d(j);
+      } else if (selector < 0) {
+        const int k = -selector;
+        v = j == k ? v * 0.5 * di * d(k) * d(k) * d(k) : 0.0;
+      } else if (selector == i) {
+        if (j != i) v *= 0.5 * d(j) / di;
+      } else {
+        const int k = selector;
+        v = j == k ? v * 0.5 * di / d(k) : 0.0;
+      }
+    }
+  }
+  return 0;
+}
+
+}  // namespace tarnel
