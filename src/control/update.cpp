@@ -4,7 +4,8 @@
 
 #include <cmath>
 #include <cstdio>
-#include <string>
+#include <string_view>
+#include <utility>
 
 #include "host/console.h"
 #include "host/messages.h"

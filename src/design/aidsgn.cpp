@@ -287,8 +287,8 @@ struct Former {
         const double f = transform(code, vj, fc, c, false);
         if (is_missing(f)) {
           missaction(b + j - 1);
-        } else if (f != 0.0 || code == -22 || code == -23) {
-          if (f != 0.0) cur.add(s + j, f * w);
+        } else if (f != 0.0) {
+          cur.add(s + j, f * w);
         }
       }
       return 0;
@@ -604,6 +604,8 @@ struct Former {
           } else if (mvact == 0) {
             continue;
           }
+        } else {
+          miss_pending = false;
         }
         if (res.records >= st.rowlimit) {
           fault_text("Out of memory: forming design", static_cast<int>(res.records));

@@ -53,6 +53,7 @@ int aixspl(RowCursor& cur, int code, int m, int table, span<const int> kzbkey,
   const std::size_t k = 3 * static_cast<std::size_t>(table - 1);
   if (table < 1 || k + 2 >= kzbkey.size()) return 1;
   const i64 s = kzbkey[k], e = kzbkey[k + 1], n = kzbkey[k + 2];
+  if (s < 0 || n < 0 || static_cast<u64>(s + n) > x.len) return 1;
   if (record < 1 || record > n) return 0;
   int row = static_cast<int>(x.r[s + record - 1]);
   if (row == 0) {
@@ -61,6 +62,9 @@ int aixspl(RowCursor& cur, int code, int m, int table, span<const int> kzbkey,
   }
   if (row == -1) row = level;
   if (row < 1 || row > n) return 0;
+  // The table's last value must lie inside the work array.
+  if (m > 0 && static_cast<u64>(e + row - 1 + static_cast<i64>(m - 1) * n) >= x.len) return 1;
+  if (static_cast<u64>(s + n) > x.len) return 1;
   auto value = [&](int j) { return x.r[e + row - 1 + static_cast<i64>(j - 1) * n]; };
   switch (code) {
     case -3:

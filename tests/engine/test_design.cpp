@@ -561,3 +561,32 @@ TEST(Design, KeynkeyAndSethigh) {
   // each group of four.
   EXPECT_EQ(std::vector<int>(out.begin(), out.begin() + n), (std::vector<int>{5, 6, 9, 10, 13, 14, 17, 18}));
 }
+
+TEST(Generators, AixsplReadsBasisTables) {
+  // One table of n = 3 rows and m = 2 columns: the row map of the three
+  // records (row 2, none, the level), then the values by columns.
+  std::vector<double> xw{2, 0, -1,  1.0, 2.0, 3.0,  0.0, kMissing, 6.0};
+  WorkArray x(xw.data(), xw.size());
+  const int key[3] = {0, 3, 3};
+  double v[16];
+  i32 c[16];
+  auto run = [&](int code, int record, int level, int& nmiss) {
+    RowCursor cur{v, c, 0, 16};
+    EXPECT_EQ(aixspl(cur, code, 2, 1, span<const int>(key, 3), x, record, level, 10, nmiss), 0);
+    Row out;
+    for (i64 k = 0; k < cur.n; ++k) out[c[k]] += v[k];
+    return out;
+  };
+  int nmiss = 0;
+  EXPECT_EQ(run(-3, 1, 0, nmiss), (Row{{11, 2.0}, {12, kMissing}}));  // dense: the mark stays
+  EXPECT_EQ(run(-7, 1, 0, nmiss), (Row{{11, 2.0}}));                  // column form drops it
+  EXPECT_EQ(nmiss, 1);
+  EXPECT_EQ(run(-7, 3, 3, nmiss), (Row{{11, 3.0}, {12, 6.0}}));        // row from the level
+  EXPECT_EQ(run(-5, 3, 1, nmiss), (Row{{11, 1.0}}));
+  nmiss = 5;
+  EXPECT_TRUE(run(-7, 2, 1, nmiss).empty());  // no row for this record
+  EXPECT_EQ(nmiss, 0);
+  RowCursor cur{v, c, 0, 16};
+  EXPECT_EQ(aixspl(cur, -34, 2, 1, span<const int>(key, 3), x, 1, 1, 10, nmiss), 1);  // not available
+  EXPECT_EQ(aixspl(cur, -7, 5, 1, span<const int>(key, 3), x, 1, 1, 10, nmiss), 1);   // beyond x
+}
