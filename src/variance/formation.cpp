@@ -23,6 +23,30 @@ i64 take_top(i64& top, i64 floor, i64 m) {
   return top + 1;
 }
 
+int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect, int ngamma, int ngiv,
+                           StructureTables& t, int& ifault) {
+  static_assert(sizeof(FormRecord) == 6 * sizeof(double), "a form record is six words");
+  if (nsect < 0 || ngamma < 0 || ngiv < 0) return g5vflt(ifault, 6);
+  const i64 ps = take_top(top, floor, 6 * static_cast<i64>(nsect));
+  const i64 pl = ps ? take_top(top, floor, nsect) : 0;
+  const i64 pp = pl ? take_top(top, floor, 6 * static_cast<i64>(ngamma)) : 0;
+  const i64 pt = pp ? take_top(top, floor, ngamma) : 0;
+  const i64 pg = pt ? take_top(top, floor, ngiv) : 0;
+  if (!pg) return g5vflt(ifault, 6);
+  // The records live in 8-byte words of the real array.
+  t.secform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + ps - 1), static_cast<std::size_t>(nsect));
+  t.parform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + pp - 1), static_cast<std::size_t>(ngamma));
+  t.logdet = span<double>(work.r + pl - 1, static_cast<std::size_t>(nsect));
+  t.trdrri = span<double>(work.r + pt - 1, static_cast<std::size_t>(ngamma));
+  t.givlogdet = span<double>(work.r + pg - 1, static_cast<std::size_t>(ngiv));
+  for (auto& r : t.secform) r = FormRecord{};
+  for (auto& r : t.parform) r = FormRecord{};
+  for (double& v : t.logdet) v = 0.0;
+  for (double& v : t.trdrri) v = 0.0;
+  for (double& v : t.givlogdet) v = 0.0;
+  return 0;
+}
+
 int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 floor,
            int& ifault) {
   const i64 p = take_top(top, floor, 2);

@@ -50,6 +50,20 @@ struct VsfArgs {
   int variance_kind = 1;  // tgamma of variances and scales: 1 or 2
 };
 
+// The result tables of g5vvsf carved out of the top of the work array:
+// secform (6 words a section), logdet (1), parform (6 a parameter), trdrri
+// (1) and givlogdet (1 a GIV row), from the top down in that order.  The
+// run driver carves them once per fit, before the first formation, since
+// the GIV log determinants are kept from one iteration to the next, and
+// then passes the lowered top to g5vvsf at every iteration.
+struct StructureTables {
+  span<FormRecord> secform, parform;
+  span<double> logdet, trdrri, givlogdet;
+};
+// Returns 1 with ifault 6 when the words are not there.
+int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect, int ngamma, int ngiv,
+                           StructureTables& t, int& ifault);
+
 // Forms all sections.  Returns 0, or 1 with ifault set (6 out of
 // workspace, 1000 + model for a section that cannot be formed).
 int g5vvsf(VsfArgs& a, int& ifault);

@@ -594,3 +594,41 @@ TEST(VarianceFormation, DebugPrintsTheStoredForms) {
   for (const char* w : {"R\n", "Ri\n", "dR1\n", "dRi1\n", "dR2\n", "dRi2\n", " ARMAinv", "DERIV2"})
     EXPECT_NE(out.find(w), std::string::npos) << w;
 }
+
+TEST(DenseKernels, PackedProductsAndTraces) {
+  const int n = 4;
+  const Mat a = test_matrix(n, 0.3), b = test_matrix(n, -0.2);
+  Mat full(n * n);
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= n; ++j) at(full, n, i, j) = i + 0.5 * j;  // not symmetric
+  const std::vector<double> pa = pack(a, n), pb = pack(b, n);
+  const Mat ab = matmul(a, b, n), ba = matmul(b, a, n);
+  double tr = 0;
+  for (int i = 1; i <= n; ++i) tr += at(ab, n, i, i);
+  EXPECT_NEAR(g5vvtr(span<const double>(pa.data(), pa.size()), span<const double>(pb.data(), pb.size()), n), tr,
+              1e-13);
+  std::vector<double> c(pa.size(), 1.0);
+  g5vvas(span<double>(c.data(), c.size()), span<const double>(pa.data(), pa.size()),
+         span<const double>(pb.data(), pb.size()), 3.0, n);
+  const Mat fb = matmul(full, b, n);
+  std::vector<double> d(pa.size(), 0.0);
+  g5vvast(span<double>(d.data(), d.size()), span<const double>(full.data(), full.size()),
+          span<const double>(pb.data(), pb.size()), 2.0, n);
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= i; ++j) {
+      EXPECT_NEAR(c[packed_index(i, j)], 1.0 + 1.5 * (at(ab, n, i, j) + at(ba, n, i, j)), 1e-12);
+      EXPECT_NEAR(d[packed_index(i, j)], at(fb, n, i, j) + at(fb, n, j, i), 1e-12);
+    }
+  // The result tables carved from the top, and a shortage.
+  std::vector<double> w(100, 0.0);
+  WorkArray work(w.data(), w.size());
+  i64 top = 100;
+  StructureTables t;
+  int flt = 0;
+  ASSERT_EQ(carve_structure_tables(work, top, 0, 2, 5, 1, t, flt), 0);
+  EXPECT_EQ(top, 100 - (12 + 2 + 30 + 5 + 1));
+  EXPECT_EQ(reinterpret_cast<double*>(t.secform.data()), w.data() + 88);
+  EXPECT_EQ(t.givlogdet.data(), w.data() + top);
+  EXPECT_EQ(carve_structure_tables(work, top, 1, 2, 5, 1, t, flt), 1);
+  EXPECT_EQ(flt, 6);
+}
