@@ -691,7 +691,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
   Dual ld;
   block_inverse(p, rho, inv, ld);
   for (int i = 0; i < p; ++i)
-    for (int j = i; j < p; ++j) band[(j - i) * n + s + i] += inv[i][j];
+    for (int j = i; j < p; ++j) band[static_cast<i64>(j - i) * n + s + i] += inv[i][j];
   Dual c[4];
   c[0] = Dual(1.0);
   for (int j = 1; j <= p; ++j) c[j] = -M.phi[j - 1];
@@ -700,7 +700,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
     for (int j = 0; j <= p; ++j)
       for (int l = j; l <= p; ++l)
         // pair (t-l, t-j), distance l-j
-        band[(l - j) * n + s + t - l] += c[j] * c[l] * w;
+        band[static_cast<i64>(l - j) * n + s + t - l] += c[j] * c[l] * w;
   return ld + Dual(static_cast<double>(m - p)) * dlog(s2);
 }
 
@@ -790,7 +790,7 @@ int Former::time_series(Section& S, int p, int which) {
     return e;
   };
 
-  const int nb = (p + 1) * n;
+  const i64 nb = static_cast<i64>(p + 1) * n;
   // Words: r (n), inverse band (nb); per parameter dr (n), dband (nb).
   // Scratch for the dual values is taken above them and given back.
   const i64 pr = take(n);
@@ -826,7 +826,7 @@ int Former::time_series(Section& S, int p, int which) {
       std::snprintf(buf, sizeof buf, " Autoregressive parameters of section %d outside the stationary region", S.s);
       return fail(1000 + S.model, buf);
     }
-    for (int k = 0; k < nb; ++k) band[k] = Dual(0.0);
+    for (i64 k = 0; k < nb; ++k) band[k] = Dual(0.0);
     Dual ld(0.0);
     for (int st = 0; st < n;) {
       const int e = run_end(st);
@@ -837,7 +837,7 @@ int Former::time_series(Section& S, int p, int which) {
     Dual gamma0(1.0);
     if (process) {
       gamma0 = Dual(1.0) / s2;
-      for (int k = 0; k < nb; ++k) band[k] = band[k] * s2;
+      for (i64 k = 0; k < nb; ++k) band[k] = band[k] * s2;
       ld = ld - Dual(static_cast<double>(n)) * dlog(s2);
     }
     for (int k = 0; k < n; ++k) {
@@ -845,7 +845,7 @@ int Former::time_series(Section& S, int p, int which) {
       if (q == 0) W(pr + k) = tiny_to_zero(v.v);
       W(pdr[q] + k) = tiny_to_zero(v.d);
     }
-    for (int k = 0; k < nb; ++k) {
+    for (i64 k = 0; k < nb; ++k) {
       if (q == 0) W(pb + k) = band[k].v;
       W(pdb[q] + k) = -band[k].d;
     }
