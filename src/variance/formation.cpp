@@ -281,7 +281,7 @@ int Former::linked(Section& S) {
   const int g = -S.model;
   char buf[160];
   const GivLayout L = giv_layout(a_.giv, g);
-  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size < n) {
+  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size != n) {
     std::snprintf(buf, sizeof buf, " Section %d: known matrix %d cannot be linked to a structure of order %d", S.s, g,
                   n);
     return fail(1000 + S.model, buf);
