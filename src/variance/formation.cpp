@@ -47,6 +47,13 @@ int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect
   return 0;
 }
 
+void g5vvp7(span<const double> band, span<double> diags, int n) {
+  for (i64 k = 0; k < 4 * static_cast<i64>(n); ++k) diags[k] = 0.0;
+  i64 q = 0;
+  for (int i = 1; i <= n; ++i)
+    for (int j = std::max(1, i - 3); j <= i; ++j) diags[static_cast<i64>(i - j) * n + j - 1] = band[q++];
+}
+
 int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 floor,
            int& ifault) {
   const i64 p = take_top(top, floor, 2);
@@ -120,6 +127,16 @@ class Former {
     const i64 p = take_top(a_.top, a_.floor, m);
     if (p == 0) g5vflt(ifault_, 6);
     return p;
+  }
+  // Writes the form record of parameter p.
+  void stlbri(int p, i64 kind, i64 scale, i64 pos, i64 kindi, i64 scalei, i64 posi) {
+    FormRecord& r = pf(p);
+    r.kind = kind;
+    r.scale = scale;
+    r.pos = pos;
+    r.kindi = kindi;
+    r.scalei = scalei;
+    r.posi = posi;
   }
   int fail(int code, const std::string& text) {
     if (!text.empty()) g5verror(text, 4);
@@ -853,11 +870,7 @@ int Former::time_series(Section& S, int p, int which) {
     const int gp = g + q;
     tr(gp) = ld.d;
     a_.tgamma.at1(gp) = 3;
-    FormRecord& r = pf(gp);
-    r.kind = 2;
-    r.pos = pdr[q];
-    r.kindi = p + 2;
-    r.posi = pdb[q];
+    stlbri(gp, 2, 0, pdr[q], p + 2, 0, pdb[q]);
   }
   a_.top = saved;
   S.rec->kind = 2;
@@ -892,11 +905,7 @@ int Former::g5vvsa(Section& S, int gp, i64 drow, i64 vinv) {
   tr(gp) = g5vvtr(WS(vinv, np), WS(pd, np), n);
   g5vvaa(WS(pc, np), WS(pd, np), WS(vinv, np), WS(pw, static_cast<i64>(n) * n), n);
   a_.top = saved;
-  FormRecord& r = pf(gp);
-  r.kind = 2;
-  r.pos = drow;
-  r.kindi = 9;
-  r.posi = pc;
+  stlbri(gp, 2, 0, drow, 9, 0, pc);
   return 0;
 }
 
@@ -1058,11 +1067,7 @@ int Former::coru(Section& S) {
   S.rec->pos = p;
   S.rec->kindi = 2;
   S.rec->posi = p + n;
-  FormRecord& d = pf(g);
-  d.kind = 2;
-  d.pos = p + 2 * n;
-  d.kindi = 2;
-  d.posi = p + 3 * n;
+  stlbri(g, 2, 0, p + 2 * n, 2, 0, p + 3 * n);
   tr(g) = n * (n - 1) * b;
   a_.tgamma.at1(g) = 3;
   a_.logdet.at1(S.s) = (n - 1) * std::log(1.0 - r) + std::log(1.0 + (n - 1) * r);
@@ -1158,21 +1163,13 @@ int Former::corb_corg(Section& S, bool corg) {
       for (int j = 1; j < i; ++j, ++k) {
         const int gp = g + k;
         const i64 t = packed_index(i, j) + 1;
-        FormRecord& d = pf(gp);
-        d.kind = 1000 + t;
-        d.pos = 0;
-        d.kindi = 1000 + t;
-        d.posi = pinv;
+        stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
         tr(gp) = 2.0 * Vi(i, j);
       }
   } else {
     for (int k = 1; k < n; ++k) {
       const int gp = g + k - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 5000 + k;
-      d.pos = 0;
-      d.kindi = 5000 + k;
-      d.posi = pinv;
+      stlbri(gp, 5000 + k, 0, 0, 5000 + k, 0, pinv);
       double s = 0.0;
       for (int m = 1; m + k <= n; ++m) s += Vi(m + k, m);
       tr(gp) = 2.0 * s;
@@ -1216,12 +1213,7 @@ int Former::diag(Section& S) {
     W(pv + k - 1) = v;
     W(pi + k - 1) = 1.0 / v;
     a_.logdet.at1(S.s) += std::log(std::fabs(v));
-    FormRecord& d = pf(gp);
-    d.kind = 100 + k;
-    d.pos = 0;
-    d.kindi = 100 + k;
-    d.scalei = 0;
-    d.posi = pi;
+    stlbri(gp, 100 + k, 0, 0, 100 + k, 0, pi);
     tr(gp) = 1.0 / v;
   }
   S.rec->kind = 8;
@@ -1321,11 +1313,7 @@ int Former::us(Section& S) {
     for (int j = 1; j <= i; ++j) {
       const i64 t = packed_index(i, j) + 1;
       const int gp = g + static_cast<int>(t) - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 1000 + t;
-      d.pos = 0;
-      d.kindi = 1000 + t;
-      d.posi = pinv;
+      stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
       const double e = W(pinv + t - 1);
       tr(gp) = i == j ? e : 2.0 * e;
     }

@@ -107,6 +107,11 @@ bool sparse_giv_valid(const GivTable& giv, const GivLayout& L);
 void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
             double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor);
 
+// Spreads a packed band of half-width 3 (row i holds (i, max(1,i-3)) to
+// (i,i): 1, 2, 3 entries in the first three rows, then 4) into the four
+// diagonals of a heptadiagonal record: element (m, m+d) at d*n + m - 1.
+void g5vvp7(span<const double> band, span<double> diags, int n);
+
 // Row i of a CHOL or ANTE derivative (kinds 6001 to 10000).
 int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
                           const i64* record, const WorkArray& work, int& ifault);

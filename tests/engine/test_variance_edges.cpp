@@ -619,6 +619,29 @@ TEST(DenseKernels, PackedProductsAndTraces) {
       EXPECT_NEAR(c[packed_index(i, j)], 1.0 + 1.5 * (at(ab, n, i, j) + at(ba, n, i, j)), 1e-12);
       EXPECT_NEAR(d[packed_index(i, j)], at(fb, n, i, j) + at(fb, n, j, i), 1e-12);
     }
+  // A packed band spread into the four diagonals that a heptadiagonal
+  // record delivers.
+  const int m = 6;
+  std::vector<double> band, diags(4 * m, -1.0), wk(4 * m + 10, 0.0);
+  for (int i = 1; i <= m; ++i)
+    for (int j = std::max(1, i - 3); j <= i; ++j) band.push_back(10.0 * i + j);
+  g5vvp7(span<const double>(band.data(), band.size()), span<double>(diags.data(), diags.size()), m);
+  for (int k = 0; k < 4 * m; ++k) wk[k] = diags[k];
+  int sr[15] = {m, 0, 1, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  GivTable giv;
+  for (int i = 1; i <= m; ++i) {
+    double v[m] = {0};
+    int c[m] = {0}, cnt = 0, flt = 0;
+    const i64 rec[3] = {5, 0, 1};
+    i64 rn = i - 1;
+    ASSERT_EQ(g5vvrw(span<double>(v, m), span<int>(c, m), cnt, rn, m, rec, StrucRow{sr},
+                     WorkArray(wk.data(), wk.size()), 0, 1, giv, 6, flt), 0);
+    for (int q = 0; q < cnt; ++q) {
+      const int j = c[q];
+      EXPECT_EQ(v[j - 1], 10.0 * std::max(i, j) + std::min(i, j)) << i << " " << j;
+    }
+    EXPECT_EQ(cnt, std::min(m, i + 3) - std::max(1, i - 3) + 1);
+  }
   // The result tables carved from the top, and a shortage.
   std::vector<double> w(100, 0.0);
   WorkArray work(w.data(), w.size());
