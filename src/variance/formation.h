@@ -15,6 +15,22 @@
 // the four result tables out of the top of the work array (or out of
 // `strucm`) before that: FormRecord is six 8-byte words, so secform and
 // logdet take 7 words a section and parform and trdrri 7 a parameter.
+//
+// What the records point at (n the effective order):
+//   kind 2      a Toeplitz first row, n words;
+//   kind 3,4,5  bands of half-width 1, 2, 3: (kind-1) vectors of n words,
+//               vector d (from 0) holds element (m, m+d) at pos + d*n + m-1;
+//   kind 8      n diagonal values;  kind 9  packed lower triangle by rows.
+// Sections: IDEN and links kind 0 (sigma, 1/sigma); AR1 2/3, AR2 and SAR
+// 2/4, AR3 and SAR2 2/5, MA1 MA2 ARMA 2/9, CORU 2/2, CORB 2/9, CORG 9/9,
+// DIAG 8/8, US CHOL ANTE 9/9.  Parameters: time series 2 with 3, 4, 5 or 9;
+// CORU 2/2; CORB 5000+k; CORG and US 1000+t; DIAG 100+k; CHOL 6000+t with
+// a packed V^-1 dV V^-1 (9) on the inverse side; ANTE a packed dV (9) with
+// 7000+t on the inverse side (pos negative: the rows are negated).
+// Variances and scales copy the section record; their rows need the
+// selector: +k / -k for variance k of the section (V side / inverse side),
+// a positive selector other than order-1 / a negative one for the scale.
+// Correlation parameters use selector 0.
 #ifndef TARNEL_VARIANCE_FORMATION_H
 #define TARNEL_VARIANCE_FORMATION_H
 
