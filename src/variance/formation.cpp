@@ -23,6 +23,37 @@ i64 take_top(i64& top, i64 floor, i64 m) {
   return top + 1;
 }
 
+int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect, int ngamma, int ngiv,
+                           StructureTables& t, int& ifault) {
+  static_assert(sizeof(FormRecord) == 6 * sizeof(double), "a form record is six words");
+  if (nsect < 0 || ngamma < 0 || ngiv < 0) return g5vflt(ifault, 6);
+  const i64 ps = take_top(top, floor, 6 * static_cast<i64>(nsect));
+  const i64 pl = ps ? take_top(top, floor, nsect) : 0;
+  const i64 pp = pl ? take_top(top, floor, 6 * static_cast<i64>(ngamma)) : 0;
+  const i64 pt = pp ? take_top(top, floor, ngamma) : 0;
+  const i64 pg = pt ? take_top(top, floor, ngiv) : 0;
+  if (!pg) return g5vflt(ifault, 6);
+  // The records live in 8-byte words of the real array.
+  t.secform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + ps - 1), static_cast<std::size_t>(nsect));
+  t.parform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + pp - 1), static_cast<std::size_t>(ngamma));
+  t.logdet = span<double>(work.r + pl - 1, static_cast<std::size_t>(nsect));
+  t.trdrri = span<double>(work.r + pt - 1, static_cast<std::size_t>(ngamma));
+  t.givlogdet = span<double>(work.r + pg - 1, static_cast<std::size_t>(ngiv));
+  for (auto& r : t.secform) r = FormRecord{};
+  for (auto& r : t.parform) r = FormRecord{};
+  for (double& v : t.logdet) v = 0.0;
+  for (double& v : t.trdrri) v = 0.0;
+  for (double& v : t.givlogdet) v = 0.0;
+  return 0;
+}
+
+void g5vvp7(span<const double> band, span<double> diags, int n) {
+  for (i64 k = 0; k < 4 * static_cast<i64>(n); ++k) diags[k] = 0.0;
+  i64 q = 0;
+  for (int i = 1; i <= n; ++i)
+    for (int j = std::max(1, i - 3); j <= i; ++j) diags[static_cast<i64>(i - j) * n + j - 1] = band[q++];
+}
+
 int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 floor,
            int& ifault) {
   const i64 p = take_top(top, floor, 2);
@@ -96,6 +127,16 @@ class Former {
     const i64 p = take_top(a_.top, a_.floor, m);
     if (p == 0) g5vflt(ifault_, 6);
     return p;
+  }
+  // Writes the form record of parameter p.
+  void stlbri(int p, i64 kind, i64 scale, i64 pos, i64 kindi, i64 scalei, i64 posi) {
+    FormRecord& r = pf(p);
+    r.kind = kind;
+    r.scale = scale;
+    r.pos = pos;
+    r.kindi = kindi;
+    r.scalei = scalei;
+    r.posi = posi;
   }
   int fail(int code, const std::string& text) {
     if (!text.empty()) g5verror(text, 4);
@@ -257,7 +298,7 @@ int Former::linked(Section& S) {
   const int g = -S.model;
   char buf[160];
   const GivLayout L = giv_layout(a_.giv, g);
-  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size < n) {
+  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size != n) {
     std::snprintf(buf, sizeof buf, " Section %d: known matrix %d cannot be linked to a structure of order %d", S.s, g,
                   n);
     return fail(1000 + S.model, buf);
@@ -667,7 +708,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
   Dual ld;
   block_inverse(p, rho, inv, ld);
   for (int i = 0; i < p; ++i)
-    for (int j = i; j < p; ++j) band[(j - i) * n + s + i] += inv[i][j];
+    for (int j = i; j < p; ++j) band[static_cast<i64>(j - i) * n + s + i] += inv[i][j];
   Dual c[4];
   c[0] = Dual(1.0);
   for (int j = 1; j <= p; ++j) c[j] = -M.phi[j - 1];
@@ -676,7 +717,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
     for (int j = 0; j <= p; ++j)
       for (int l = j; l <= p; ++l)
         // pair (t-l, t-j), distance l-j
-        band[(l - j) * n + s + t - l] += c[j] * c[l] * w;
+        band[static_cast<i64>(l - j) * n + s + t - l] += c[j] * c[l] * w;
   return ld + Dual(static_cast<double>(m - p)) * dlog(s2);
 }
 
@@ -766,7 +807,7 @@ int Former::time_series(Section& S, int p, int which) {
     return e;
   };
 
-  const int nb = (p + 1) * n;
+  const i64 nb = static_cast<i64>(p + 1) * n;
   // Words: r (n), inverse band (nb); per parameter dr (n), dband (nb).
   // Scratch for the dual values is taken above them and given back.
   const i64 pr = take(n);
@@ -802,7 +843,7 @@ int Former::time_series(Section& S, int p, int which) {
       std::snprintf(buf, sizeof buf, " Autoregressive parameters of section %d outside the stationary region", S.s);
       return fail(1000 + S.model, buf);
     }
-    for (int k = 0; k < nb; ++k) band[k] = Dual(0.0);
+    for (i64 k = 0; k < nb; ++k) band[k] = Dual(0.0);
     Dual ld(0.0);
     for (int st = 0; st < n;) {
       const int e = run_end(st);
@@ -813,7 +854,7 @@ int Former::time_series(Section& S, int p, int which) {
     Dual gamma0(1.0);
     if (process) {
       gamma0 = Dual(1.0) / s2;
-      for (int k = 0; k < nb; ++k) band[k] = band[k] * s2;
+      for (i64 k = 0; k < nb; ++k) band[k] = band[k] * s2;
       ld = ld - Dual(static_cast<double>(n)) * dlog(s2);
     }
     for (int k = 0; k < n; ++k) {
@@ -821,7 +862,7 @@ int Former::time_series(Section& S, int p, int which) {
       if (q == 0) W(pr + k) = tiny_to_zero(v.v);
       W(pdr[q] + k) = tiny_to_zero(v.d);
     }
-    for (int k = 0; k < nb; ++k) {
+    for (i64 k = 0; k < nb; ++k) {
       if (q == 0) W(pb + k) = band[k].v;
       W(pdb[q] + k) = -band[k].d;
     }
@@ -829,11 +870,7 @@ int Former::time_series(Section& S, int p, int which) {
     const int gp = g + q;
     tr(gp) = ld.d;
     a_.tgamma.at1(gp) = 3;
-    FormRecord& r = pf(gp);
-    r.kind = 2;
-    r.pos = pdr[q];
-    r.kindi = p + 2;
-    r.posi = pdb[q];
+    stlbri(gp, 2, 0, pdr[q], p + 2, 0, pdb[q]);
   }
   a_.top = saved;
   S.rec->kind = 2;
@@ -868,11 +905,7 @@ int Former::g5vvsa(Section& S, int gp, i64 drow, i64 vinv) {
   tr(gp) = g5vvtr(WS(vinv, np), WS(pd, np), n);
   g5vvaa(WS(pc, np), WS(pd, np), WS(vinv, np), WS(pw, static_cast<i64>(n) * n), n);
   a_.top = saved;
-  FormRecord& r = pf(gp);
-  r.kind = 2;
-  r.pos = drow;
-  r.kindi = 9;
-  r.posi = pc;
+  stlbri(gp, 2, 0, drow, 9, 0, pc);
   return 0;
 }
 
@@ -1034,11 +1067,7 @@ int Former::coru(Section& S) {
   S.rec->pos = p;
   S.rec->kindi = 2;
   S.rec->posi = p + n;
-  FormRecord& d = pf(g);
-  d.kind = 2;
-  d.pos = p + 2 * n;
-  d.kindi = 2;
-  d.posi = p + 3 * n;
+  stlbri(g, 2, 0, p + 2 * n, 2, 0, p + 3 * n);
   tr(g) = n * (n - 1) * b;
   a_.tgamma.at1(g) = 3;
   a_.logdet.at1(S.s) = (n - 1) * std::log(1.0 - r) + std::log(1.0 + (n - 1) * r);
@@ -1134,21 +1163,13 @@ int Former::corb_corg(Section& S, bool corg) {
       for (int j = 1; j < i; ++j, ++k) {
         const int gp = g + k;
         const i64 t = packed_index(i, j) + 1;
-        FormRecord& d = pf(gp);
-        d.kind = 1000 + t;
-        d.pos = 0;
-        d.kindi = 1000 + t;
-        d.posi = pinv;
+        stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
         tr(gp) = 2.0 * Vi(i, j);
       }
   } else {
     for (int k = 1; k < n; ++k) {
       const int gp = g + k - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 5000 + k;
-      d.pos = 0;
-      d.kindi = 5000 + k;
-      d.posi = pinv;
+      stlbri(gp, 5000 + k, 0, 0, 5000 + k, 0, pinv);
       double s = 0.0;
       for (int m = 1; m + k <= n; ++m) s += Vi(m + k, m);
       tr(gp) = 2.0 * s;
@@ -1192,12 +1213,7 @@ int Former::diag(Section& S) {
     W(pv + k - 1) = v;
     W(pi + k - 1) = 1.0 / v;
     a_.logdet.at1(S.s) += std::log(std::fabs(v));
-    FormRecord& d = pf(gp);
-    d.kind = 100 + k;
-    d.pos = 0;
-    d.kindi = 100 + k;
-    d.scalei = 0;
-    d.posi = pi;
+    stlbri(gp, 100 + k, 0, 0, 100 + k, 0, pi);
     tr(gp) = 1.0 / v;
   }
   S.rec->kind = 8;
@@ -1297,11 +1313,7 @@ int Former::us(Section& S) {
     for (int j = 1; j <= i; ++j) {
       const i64 t = packed_index(i, j) + 1;
       const int gp = g + static_cast<int>(t) - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 1000 + t;
-      d.pos = 0;
-      d.kindi = 1000 + t;
-      d.posi = pinv;
+      stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
       const double e = W(pinv + t - 1);
       tr(gp) = i == j ? e : 2.0 * e;
     }

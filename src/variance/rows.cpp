@@ -171,7 +171,10 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
            const i64* record, StrucRow strucrow, const WorkArray& work, int selector, int link,
            const GivTable& giv, int unit, int& ifault) {
   count = 0;
-  if (order < 1) return undefined(count, ifault);
+  // The caller's row must hold every column of the section.
+  if (order < 1 || values.size() < static_cast<std::size_t>(order) ||
+      columns.size() < static_cast<std::size_t>(order))
+    return undefined(count, ifault);
   const int i = static_cast<int>(rownum % order) + 1;
   rownum /= order;
   const i64 kind = record[0], scale = record[1], pos = record[2];
@@ -186,7 +189,7 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
     const double v = W(work, pos);
     if (link < 0) {
       const GivLayout L = giv_layout(giv, -link);
-      if (!L.ok || i > L.size) return undefined(count, ifault);
+      if (!L.ok || L.size != n) return undefined(count, ifault);
       auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
       if (L.type == 7) {
         g5vvar(values, columns, count, i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,

@@ -142,6 +142,7 @@ struct Model {
   Mat rmat;
   std::vector<Mat> dr;
   int rcode = 0;
+  std::vector<i32> nrsect;  // empty: one section of all records
 };
 
 struct Built {
@@ -336,8 +337,9 @@ void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000,
   a.tcode = span<const i32>(m.tcode.data(), m.tcode.size());
   static std::vector<i32> nrsect;
   nrsect = {static_cast<i32>(m.y.size()), 1, m.rcode};
-  a.nrsect = span<const i32>(nrsect.data(), 3);
-  a.nsect = 1;
+  if (!m.nrsect.empty()) nrsect = m.nrsect;
+  a.nrsect = span<const i32>(nrsect.data(), nrsect.size());
+  a.nsect = static_cast<int>(nrsect.size() / 3);
   a.gammas = span<double>(m.gammas);
   a.rgmstr = span<const i32>(m.rgmstr.data(), m.rgmstr.size());
   a.wvmap = span<const i32>(r.wvmap.data(), r.wvmap.size());
@@ -826,4 +828,42 @@ TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
     check_against_dense(m, b, r);
     check_inverse(m, b);
   }
+}
+
+TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
+  // The overall scale (parameter 1) is held at 1; each section's residual
+  // is a scaled identity of its own: R = diag(s1 I, s2 I).
+  Model m = one_way(4, 3, 0.9, 1.0, true);
+  int n = m.y.size(), n1 = n / 2, n2 = n - n1;
+  double s1 = 0.6, s2 = 1.8;
+  vtest::Fit f;
+  f.gammas = {1.0, 0.9, s1, s2};
+  f.add_section(n1, 1, 0, 3);
+  f.add_section(n2, 1, 0, 4);
+  ASSERT_EQ(f.run(), 0) << f.ifault;
+  m.gammas = f.gammas;
+  m.rgmstr = {4, 0, 0, 0};
+  m.wvcolumn = {0, 1, 2, 3};
+  m.nwv = 3;
+  m.struc = f.struc;
+  m.secform = f.secform;
+  m.parform = f.parform;
+  m.logdet = f.logdet;
+  m.work = f.work;
+  m.nrsect = {n1, 1, 1, n2, 1, 2};
+  m.rmat = zeros(n, n);
+  m.dr.assign(4, Mat());
+  m.dr[2] = zeros(n, n);
+  m.dr[3] = zeros(n, n);
+  for (int i = 0; i < n; ++i) {
+    m.rmat[i][i] = i < n1 ? s1 : s2;
+    m.dr[i < n1 ? 2 : 3][i][i] = 1.0;
+  }
+  m.dg.resize(4, zeros(m.neq - 1, m.neq - 1));
+  Built b;
+  build(m, natural(m.neq), 1, b, true);
+  PhaseRun r;
+  run(m, b, r, 0, 400000, tarnel::g5vvrw);
+  ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+  check_against_dense(m, b, r);
 }

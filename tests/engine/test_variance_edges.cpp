@@ -594,3 +594,64 @@ TEST(VarianceFormation, DebugPrintsTheStoredForms) {
   for (const char* w : {"R\n", "Ri\n", "dR1\n", "dRi1\n", "dR2\n", "dRi2\n", " ARMAinv", "DERIV2"})
     EXPECT_NE(out.find(w), std::string::npos) << w;
 }
+
+TEST(DenseKernels, PackedProductsAndTraces) {
+  const int n = 4;
+  const Mat a = test_matrix(n, 0.3), b = test_matrix(n, -0.2);
+  Mat full(n * n);
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= n; ++j) at(full, n, i, j) = i + 0.5 * j;  // not symmetric
+  const std::vector<double> pa = pack(a, n), pb = pack(b, n);
+  const Mat ab = matmul(a, b, n), ba = matmul(b, a, n);
+  double tr = 0;
+  for (int i = 1; i <= n; ++i) tr += at(ab, n, i, i);
+  EXPECT_NEAR(g5vvtr(span<const double>(pa.data(), pa.size()), span<const double>(pb.data(), pb.size()), n), tr,
+              1e-13);
+  std::vector<double> c(pa.size(), 1.0);
+  g5vvas(span<double>(c.data(), c.size()), span<const double>(pa.data(), pa.size()),
+         span<const double>(pb.data(), pb.size()), 3.0, n);
+  const Mat fb = matmul(full, b, n);
+  std::vector<double> d(pa.size(), 0.0);
+  g5vvast(span<double>(d.data(), d.size()), span<const double>(full.data(), full.size()),
+          span<const double>(pb.data(), pb.size()), 2.0, n);
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= i; ++j) {
+      EXPECT_NEAR(c[packed_index(i, j)], 1.0 + 1.5 * (at(ab, n, i, j) + at(ba, n, i, j)), 1e-12);
+      EXPECT_NEAR(d[packed_index(i, j)], at(fb, n, i, j) + at(fb, n, j, i), 1e-12);
+    }
+  // A packed band spread into the four diagonals that a heptadiagonal
+  // record delivers.
+  const int m = 6;
+  std::vector<double> band, diags(4 * m, -1.0), wk(4 * m + 10, 0.0);
+  for (int i = 1; i <= m; ++i)
+    for (int j = std::max(1, i - 3); j <= i; ++j) band.push_back(10.0 * i + j);
+  g5vvp7(span<const double>(band.data(), band.size()), span<double>(diags.data(), diags.size()), m);
+  for (int k = 0; k < 4 * m; ++k) wk[k] = diags[k];
+  int sr[15] = {m, 0, 1, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  GivTable giv;
+  for (int i = 1; i <= m; ++i) {
+    double v[m] = {0};
+    int c[m] = {0}, cnt = 0, flt = 0;
+    const i64 rec[3] = {5, 0, 1};
+    i64 rn = i - 1;
+    ASSERT_EQ(g5vvrw(span<double>(v, m), span<int>(c, m), cnt, rn, m, rec, StrucRow{sr},
+                     WorkArray(wk.data(), wk.size()), 0, 1, giv, 6, flt), 0);
+    for (int q = 0; q < cnt; ++q) {
+      const int j = c[q];
+      EXPECT_EQ(v[j - 1], 10.0 * std::max(i, j) + std::min(i, j)) << i << " " << j;
+    }
+    EXPECT_EQ(cnt, std::min(m, i + 3) - std::max(1, i - 3) + 1);
+  }
+  // The result tables carved from the top, and a shortage.
+  std::vector<double> w(100, 0.0);
+  WorkArray work(w.data(), w.size());
+  i64 top = 100;
+  StructureTables t;
+  int flt = 0;
+  ASSERT_EQ(carve_structure_tables(work, top, 0, 2, 5, 1, t, flt), 0);
+  EXPECT_EQ(top, 100 - (12 + 2 + 30 + 5 + 1));
+  EXPECT_EQ(reinterpret_cast<double*>(t.secform.data()), w.data() + 88);
+  EXPECT_EQ(t.givlogdet.data(), w.data() + top);
+  EXPECT_EQ(carve_structure_tables(work, top, 1, 2, 5, 1, t, flt), 1);
+  EXPECT_EQ(flt, 6);
+}
