@@ -251,7 +251,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   double* scratch = bump.take(neq + 1);
   i32* scols = reinterpret_cast<i32*>(bump.take(neq / 2 + 2));
   const i64 upd_words = static_cast<i64>(g5vupd_work_words(nwv, ngamma, a.constraints.ngmcon)) +
-                        static_cast<i64>(nwv) * (nwv + 1) / 2 + 16;
+                        static_cast<i64>(nwv) * (nwv + 1) + 16;
   double* updwork = bump.take(upd_words);
   double* aiinv = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8);
   GTerm* gterms = reinterpret_cast<GTerm*>(bump.take((static_cast<i64>(nfactp) * sizeof(GTerm) + 7) / 8));
@@ -577,11 +577,32 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   if (nwv == 0) return 0;
 
   // 31. The update.
+  // With the scale profiled, the others move by the Newton step of the
+  // profiled likelihood: the information of the other parameters is the
+  // Schur complement of the scale's, and the scale itself stays where it
+  // is.  The full matrix stays in st.ai for the host.
+  double* aiu = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8) -
+                (static_cast<i64>(nwv) * (nwv + 1) / 2 + 1);
+  std::copy(st.ai.begin(), st.ai.begin() + nai, aiu);
+  if (st.profiled && cs > 0) {
+    auto at = [](int i, int j) {  // packed, 1-based
+      if (j > i) std::swap(i, j);
+      return static_cast<std::size_t>(i) * (i - 1) / 2 + j - 1;
+    };
+    const double ass = st.ai[at(cs, cs)];
+    if (ass > 0) {
+      for (int i = 1; i <= nwv; ++i)
+        for (int j = 1; j <= i; ++j)
+          if (i != cs && j != cs) aiu[at(i, j)] -= st.ai[at(i, cs)] * st.ai[at(j, cs)] / ass;
+    }
+    for (int j = 1; j <= nwv; ++j) aiu[at(cs, j)] = 0.0;
+    aiu[at(cs, cs)] = 1.0;
+  }
   UpdateArgs u;
   u.gammas = span<double>(s.gammas.data(), ngamma);
   u.prev1 = span<double>(st.prev1.data(), ngamma);
   u.prev2 = span<double>(st.prev2.data(), ngamma);
-  u.ai = span<const double>(st.ai.data(), nai);
+  u.ai = span<const double>(aiu, nai);
   u.score = span<const double>(st.score.data(), nwv);
   u.wvpar = span<const int>(st.wvpar.data(), nwv);
   u.stepsz = o.stepsize;
@@ -598,7 +619,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   u.gmcon = a.constraints.gmcon;
   u.ngmcon = a.constraints.ngmcon;
   u.aiinv = span<double>(aiinv, nai);
-  u.work = span<double>(updwork, static_cast<std::size_t>(upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8)));
+  u.work = span<double>(updwork, static_cast<std::size_t>(upd_words - static_cast<i64>(nwv) * (nwv + 1) - 16));
   u.debug = o.debug != 0;
   const double scale_before = s.gammas[st.scalepos - 1];
   std::vector<double> before(s.gammas.begin(), s.gammas.begin() + ngamma);
