@@ -326,6 +326,9 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     } else if (n == 1 && valid_product(s, 1, r) && struc_row(s, r).field(kModel) == 0) {
       sec.termcode = -1;
       sec.section = r;
+      // The section's own variance: its log determinant once a record.
+      const int ord = std::max(1, struc_row(s, r).field(kOrder));
+      st.logdet_r += static_cast<double>(nrec) / ord * st.tabs.logdet[r - 1];
     } else {
       if (!valid_product(s, n, r)) {
         vprt(" Residual section %d names structures that do not exist\n", k + 1);
@@ -355,8 +358,10 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   // 9. G structures.
   for (int i = 0; i < nfactp; ++i) {
     GTerm& g = gterms[i];
-    g.nlev = t.rlevel[i];
     const int code = i < static_cast<int>(t.tyfact.size()) ? t.tyfact[i] : 0;
+    // A joined position's levels belong to the term before it.
+    const bool joined = code < 0 && i > 0;
+    g.nlev = joined ? 0 : t.rlevel[i];
     if (code < 0) {
       g.code = 0;
       continue;

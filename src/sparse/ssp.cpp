@@ -189,17 +189,18 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
       count = 0;
       return 0;
     }
-    // Multiply out from the back: new column (cs-1)*order + c.
-    for (int is = cnt - 1; is >= 0; --is) {
-      const int cs = src.scols[is];
-      const double vs = src.scratch[cs - 1];
-      for (int ic = count - 1; ic >= 0; --ic) {
-        const int c = cols[ic];
+    // Multiply out from the back: new column (cs-1)*order + c.  Each of the
+    // row's entries is read before any product lands on it: the products of
+    // entry c fall on columns congruent to c, so no other entry is touched.
+    for (int ic = count - 1; ic >= 0; --ic) {
+      const int c = cols[ic];
+      const double v = values[c - 1];
+      values[c - 1] = 0.0;
+      for (int is = cnt - 1; is >= 0; --is) {
+        const int cs = src.scols[is];
         const i64 nc = static_cast<i64>(cs - 1) * order + c;
-        const double v = values[c - 1];
         cols[static_cast<size_t>(is) * count + ic] = static_cast<int>(nc);
-        values[nc - 1] = vs * v;
-        if (nc != c) values[c - 1] = 0.0;  // keep unlisted entries clear
+        values[nc - 1] = src.scratch[cs - 1] * v;
       }
     }
     count *= cnt;
