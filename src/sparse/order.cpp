@@ -83,31 +83,19 @@ struct Ord {
     IW1(ep) = q;
   }
 
-  // Removes column c from row r's chain; result 1 when it was there.
-  int unlink(i32 r, i32 c) {
-    i64 prev = head(r), s = WL(prev);
-    while (s > 0 && WC(s) < c) {
-      prev = s;
-      s = WL(s);
-    }
-    if (s > 0 && WC(s) == c) {
-      WL(prev) = WL(s);
-      give(s);
-      return 1;
-    }
-    return 0;
-  }
-
   // g5vedr: takes the full row at position q out of selection.
   void g5vedr(i32 q) {
     const i32 e = IW2(q);
     swap_pos(q, nebot);
     ++nebot;
     const i32 w = weight(e);
+    // The neighbours lose this row from their length.  Their elements of it
+    // stay in place: a row outside selection is never collected again, and
+    // unlinking would cost a walk of each neighbour.
     if (ISZ1(e) > 1) {
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
-        if (active(c) && unlink(c, e)) ISZ1(c) -= w;
+        if (active(c)) ISZ1(c) -= w;
       }
     }
     DLY1(e) = -1;
@@ -434,7 +422,8 @@ int order_main(OrderArgs& a, int variant) {
     lenhi = std::max({o.ISZ1(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
                       minlen + 1 + static_cast<i32>(std::lround(sq))});
     if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
-    if (lenlo > (o.nemid - nd) / 3 + 1) break;
+    // Rows long against what is left fill in anyway: stop ordering.
+    if (lenlo > (o.nemid - o.nebot + 1) / 3 + 1) break;
     bool chose = false;
     bool stop = false;
     while (true) {
