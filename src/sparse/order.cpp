@@ -51,7 +51,10 @@ struct Ord {
   i32& WL(i64 s) { return wr[2 * (s - 1) + 1]; }
   i64 head(i32 e) const { return static_cast<i64>(e) - nd; }
 
+  i64 taken = 0;  // slots handed out since the last relayout
+
   i64 take() {
+    ++taken;
     if (freel > 0) {
       const i64 s = freel;
       freel = WL(s);
@@ -193,6 +196,50 @@ struct Ord {
       missing += (n - 1) - have;
     }
     return missing / 2;
+  }
+
+  // Lays the chains of the rows still in selection out again, each in
+  // consecutive slots straight after the heads; chains of rows that left
+  // selection are dropped.  Copies into the free room above NEXT and back.
+  // Returns the number of elements, or -1 (nothing changed) when the room
+  // is short.
+  i64 relayout() {
+    const i64 nheads = static_cast<i64>(neq) - nd;
+    i64 live = 0;
+    for (i32 q = nebot; q <= nemid; ++q)
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) ++live;
+    if (next + live + 1 > maxlx) return -1;
+    i64 at = next;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) {
+        ++at;
+        WC(at) = WC(s);
+        WL(at) = WL(s) > 0 ? 1 : 0;
+      }
+    }
+    if (at > a.peak) a.peak = at;
+    for (i32 e = nd + 1; e <= neq; ++e) {
+      const i32 q = IW1(e);
+      if (q < nebot || q > nemid) WL(head(e)) = 0;
+    }
+    i64 dst = nheads, src = next;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      const i64 h = head(IW2(q));
+      if (WL(h) <= 0) continue;
+      WL(h) = static_cast<i32>(dst + 1);
+      while (true) {
+        ++dst;
+        ++src;
+        const bool more = WL(src) != 0;
+        WC(dst) = WC(src);
+        WL(dst) = more ? static_cast<i32>(dst + 1) : 0;
+        if (!more) break;
+      }
+    }
+    next = dst;
+    freel = 0;
+    taken = 0;
+    return live;
   }
 
   // Counting sort of positions nebot..nemid by length: the shortest at the
@@ -374,6 +421,8 @@ int order_main(OrderArgs& a, int variant) {
   // Passes.
   i32 lenhi = 0;
   int idle = 0;
+  i64 laid = o.relayout();
+  if (laid < 0) laid = o.next;
   while (o.nemid > o.nebot) {
     // Delay release: a delayed row is freed once one of its neighbours in
     // the store's own pattern has been eliminated.
@@ -398,6 +447,10 @@ int order_main(OrderArgs& a, int variant) {
         }
       }
       if (!any) delays = false;
+    }
+    if (o.taken > laid / 2 + 50000) {
+      const i64 l2 = o.relayout();
+      laid = l2 >= 0 ? l2 : laid * 2;
     }
     o.sort_active();
     // Full rows.
