@@ -55,8 +55,12 @@ struct OrderArgs {
   i64 peak = 0;               // out: highest working-pattern slot used
 };
 
-// g5veor: main minimum-degree ordering with groups, delays and nesting.
-// Result 0; 1 on failure (err = 7).
+// g5veor: main minimum-degree ordering (mode 3 adds delays for zero
+// diagonals).  On return IW(1,e) is the position of e and IW(2,p) the
+// equation at p; before g5vxxa the caller sets IW(1,.) back to the terms
+// (g5vmor) and keeps IW(2,.).  Positions 1..NDENSE stay; untouched rows
+// take the highest positions; priority equations the lowest sparse ones.
+// Result 0; 1 on failure (err = 7, also when the working pattern is full).
 int g5veor(OrderArgs& a);
 // g5veora: variant choosing by true fill counts.
 int g5veora(OrderArgs& a);
@@ -201,6 +205,14 @@ struct AbsorbArgs {
 };
 
 // g5vxxa: factors the store in place (positions NEQ down to 2) and solves.
+// The store must be in equation order (as formed); the heads and columns are
+// brought to the order of IW(2,.) here.  Linked rows may be moved within the
+// pool (LX can fall).  L needs OFF+NEQ pairs: L(1,OFF+e) holds the new
+// position of e during set-up, L(2,OFF+p) the start of packed row p.  After
+// the call packed row p (positions above NDENSE) runs from slot L(2,OFF+p)
+// down to its diagonal, column 1 first; DD(p) is its reciprocal pivot.
+// Faults: 100000+p "Out of memory absorbing" when the pool is too small
+// (error word 496 or 667), 6 for views too small, 7 for a bad order.
 // Result 0; 1 after a fault (err and/or nfault set).
 int g5vxxa(MmeStore& s, AbsorbArgs& a, int& nfault);
 

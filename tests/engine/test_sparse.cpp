@@ -343,3 +343,19 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     EXPECT_NEAR(logdet, ldref, 1e-9);
   }
 }
+
+TEST(Order, NaturalOrderTermsAndMarkers) {
+  std::vector<i32> iw(2 * 8, -5);
+  std::vector<i32> nlev{3, 2, 2}, marker{0, -999, 0};
+  int nf = 0;
+  ASSERT_EQ(tarnel::g5vmor(span<i32>(iw.data(), iw.size()), 8, span<const i32>(nlev.data(), 3),
+                           span<const i32>(marker.data(), 3), nf),
+            0);
+  const std::vector<i32> want{0, 1, 1, 2, 1, 3, 1, 4, -2, 5, -2, 6, 3, 7, 3, 8};
+  EXPECT_EQ(iw, want);
+  // Levels that do not add up to NEQ - 1 are refused.
+  EXPECT_EQ(tarnel::g5vmor(span<i32>(iw.data(), iw.size()), 9, span<const i32>(nlev.data(), 3),
+                           span<const i32>(marker.data(), 3), nf),
+            1);
+  EXPECT_EQ(nf, 7);
+}
