@@ -108,35 +108,12 @@ struct DesignView {
 };
 
 // Scratch of SSP formation: acc NEQ reals (kept clear between records),
-// list NEQ+1 ints, links 2*NEQ+2 ints (general case).
+// list NEQ+1 ints, links NEQ ints kept zero (marks of the general case).
 struct SspScratch {
   span<double> acc;
   span<i32> list;
   span<i32> links;
 };
-
-// One R section for g5vxxs.
-struct SspSection {
-  DesignView design;
-  span<const i32> colflag;     // per equation: below 1 takes part; empty: all
-  span<const int> struc;       // structure table, rows of `lstruc` fields
-  int lstruc = 0;
-  int section = 1;             // this section's row of struc (1-based)
-  int termcode = 0;            // -1 identity, -3 general, >= 0 diagonal type
-  i64 first = 1, last = 0;     // record range (1-based, inclusive)
-  double sigma2 = 1.0;         // scale
-  span<const double> gammas;   // parameter values (1-based positions)
-  span<const double> weights;  // per-record response weights; empty: none
-  int ntraits = 0;             // traits count (0 or 1: univariate)
-  double* logdet = nullptr;    // the R section's log determinant (adds)
-  i64* skipped = nullptr;      // records skipped
-  int* err = nullptr;          // error word
-  bool trace = false;
-};
-
-// g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
-// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
-int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
 
 // g5vxxr: one row of R^-1 (a direct product of nsect sections, handled last
 // to first) for record `rec` (1-based).  values: dense over the section's
@@ -153,6 +130,35 @@ struct RowSource {
   span<double> scratch;                 // one section row, scattered
   span<int> scols;                      // its columns
 };
+// One R section for g5vxxs.
+struct SspSection {
+  DesignView design;
+  span<const i32> colflag;     // per equation: below 1 takes part; empty: all
+  span<const int> struc;       // structure table, rows of `lstruc` fields
+  int lstruc = 0;
+  int section = 1;             // this section's row of struc (1-based)
+  int termcode = 0;            // -1 identity, -3 general, >= 0 diagonal type
+  i64 first = 1, last = 0;     // record range (1-based, inclusive)
+  double sigma2 = 1.0;         // scale
+  span<const double> gammas;   // parameter values (1-based positions)
+  span<const double> weights;  // per-record response weights; empty: none
+  int ntraits = 0;             // traits count (0 or 1: univariate)
+  RowSource rsrc;              // general case: the section's product
+  span<double> rrow;           // general case: one row of R^-1, scattered
+                               // over the section's records (records reals)
+  span<int> rcols;             // general case: its columns (records ints)
+  double sectlogdet = 0;       // general case: log |R| of the section's
+                               // own structure, added as it stands
+  double* logdet = nullptr;    // the R section's log determinant (adds)
+  i64* skipped = nullptr;      // records skipped
+  int* err = nullptr;          // error word
+  bool trace = false;
+};
+
+// g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
+// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
+int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
+
 int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
            double scale, int& ifault);
 
