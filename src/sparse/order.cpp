@@ -321,6 +321,8 @@ int order_main(OrderArgs& a, int variant) {
       }
     }
   }
+  if (o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0)
+    g5verror(" Row groups in ordering not available yet: rows ordered one by one", 1);
   if (a.nest[1] * a.nest[2] != 0)
     g5verror(" Nested ordering not available yet: ordinary selection used", 2);
 
