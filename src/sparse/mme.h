@@ -53,6 +53,8 @@ struct OrderArgs {
                               // (lower triangle, sparse positions, with
                               // diagonals), as the elimination counted it
   i64 peak = 0;               // out: highest working-pattern slot used
+  i32 tail = 0;               // out: rows left to fill in as a block (full
+                              // rows and rows where the ordering stopped)
 };
 
 // g5veor: main minimum-degree ordering (mode 3 adds delays for zero

@@ -565,6 +565,7 @@ int order_main(OrderArgs& a, int variant) {
     if (nb > 0) o.fill += nb * (nb + 1) / 2 + nb * (m > 0 ? m : 0);
   }
   a.fill = o.fill;
+  a.tail = (o.netop > o.nebot ? o.netop - o.nebot + 1 : 0) + (o.nebot - (nd + 1));
 
   // Check: every equation once.
   for (i32 e = 1; e <= neq; ++e) o.tmp[e - 1] = 0;
