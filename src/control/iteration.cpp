@@ -248,14 +248,23 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   i32* links = reinterpret_cast<i32*>(bump.take(neq + 2));
   i32* rank = reinterpret_cast<i32*>(bump.take(nfactp / 2 + 1));
   i32* status = reinterpret_cast<i32*>(bump.take(4));
-  double* scratch = bump.take(neq + 1);
-  i32* scols = reinterpret_cast<i32*>(bump.take(neq / 2 + 2));
+  i64 maxord = neq + 1;
+  for (int k = 1; k <= s.nstruc; ++k) maxord = std::max<i64>(maxord, struc_row(s, k).field(kOrder) + 1);
+  double* scratch = bump.take(maxord);
+  i32* scols = reinterpret_cast<i32*>(bump.take(maxord / 2 + 2));
   const i64 upd_words = static_cast<i64>(g5vupd_work_words(nwv, ngamma, a.constraints.ngmcon)) +
                         static_cast<i64>(nwv) * (nwv + 1) + 16;
   double* updwork = bump.take(upd_words);
   double* aiinv = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8);
   GTerm* gterms = reinterpret_cast<GTerm*>(bump.take((static_cast<i64>(nfactp) * sizeof(GTerm) + 7) / 8));
   StrucRow* grows = reinterpret_cast<StrucRow*>(bump.take(s.nstruc + 1));
+  // One row of a residual section's R^-1, and the rows of structures: the
+  // larger of the section sizes and of the structure orders.
+  i64 maxsect = neq + 1;
+  for (int k = 0; k < s.nsect; ++k) maxsect = std::max<i64>(maxsect, s.nrsect[3 * k]);
+  for (int k = 1; k <= s.nstruc; ++k) maxsect = std::max<i64>(maxsect, struc_row(s, k).field(kOrder));
+  double* rrow = bump.take(maxsect);
+  i32* rcols = reinterpret_cast<i32*>(bump.take(maxsect / 2 + 1));
   if (!bump.ok) return g5vflt(nfault, 6);
   for (int i = 0; i < nfactp; ++i) new (&gterms[i]) GTerm();
   const i64 remaining = bump.hi - bump.lo;
@@ -337,13 +346,21 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
       sec.termcode = -3;
       sec.section = r;
       // Each factor's log determinant counts once per repeat of it.
-      i64 N = 1;
-      for (int j = 0; j < n; ++j) N *= std::max(1, struc_row(s, r + j).field(kOrder));
       for (int j = 0; j < n; ++j) {
         const int ord = std::max(1, struc_row(s, r + j).field(kOrder));
-        st.logdet_r += static_cast<double>(nrec) / ord * st.tabs.logdet[r + j - 1];
+        sec.sectlogdet += static_cast<double>(nrec) / ord * st.tabs.logdet[r + j - 1];
+        grows[r - 1 + j] = struc_row(s, r + j);
       }
-      (void)N;
+      sec.rsrc.records = st.tabs.secform.data() + (r - 1);
+      sec.rsrc.rows = grows + (r - 1);
+      sec.rsrc.nsect = n;
+      sec.rsrc.work = &a.work.x;
+      sec.rsrc.giv = &giv;
+      sec.rsrc.second = true;
+      sec.rsrc.scratch = span<double>(scratch, static_cast<std::size_t>(maxord));
+      sec.rsrc.scols = span<int>(scols, static_cast<std::size_t>(maxord));
+      sec.rrow = span<double>(rrow, static_cast<std::size_t>(maxsect));
+      sec.rcols = span<int>(rcols, static_cast<std::size_t>(maxsect));
     }
     if (g5vxxs(ms, sec, ssp)) {
       if (err % 1000 == 6 || err == 6) return g5vflt(nfault, 6);
@@ -393,8 +410,8 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     g.src.work = &a.work.x;
     g.src.giv = &giv;
     g.src.second = true;
-    g.src.scratch = span<double>(scratch, neq + 1);
-    g.src.scols = span<int>(scols, neq + 1);
+    g.src.scratch = span<double>(scratch, static_cast<std::size_t>(maxord));
+    g.src.scols = span<int>(scols, static_cast<std::size_t>(maxord));
   }
   if (g5vxxg(ms, span<const GTerm>(gterms, nfactp), span<const double>(s.gammas.data(), ngamma), ssp,
              nfault))
