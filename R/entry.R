@@ -6,34 +6,31 @@
 
 #' @noRd
 entry_defaults <- function(datafr = double(), lbin = 1L, nrow = 0L) {
-  iarg <- integer(16)
-  iarg[1] <- as.integer(lbin)
-  iarg[2] <- as.integer(nrow)
-  iarg[3] <- 1L  # ny
-  iarg[4] <- 1L  # ntrt
+  # Every vector the engine writes is made here and bound to nothing else:
+  # the entry refuses vectors that R may share.
   list(
     datafr = as.double(datafr),
-    iarg = iarg,
+    iarg = c(as.integer(lbin), as.integer(nrow), 1L, 1L, integer(12)),
     dpmv = NA_real_,
     inter = list(inter = matrix(0L, 4, 0), flev = integer(), nlev = integer(),
                  IBV = matrix(0L, 0, 0), JBV = matrix(0, 0, 0), neword = integer(),
                  submds = integer(), submod = 0L, faconst = double(), points = double(),
-                 neq = 0L, neqd = 0L, facnam = character()),
+                 neq = integer(1), neqd = 0L, facnam = character()),
     struc = list(struc = matrix(0L, 15, 0), nspat = 0L, nrsect = matrix(0L, 3, 0),
-                 gammas = 0, tgamma = integer(), printGammas = integer(), tyfact = integer(),
-                 gmcstr = integer(), nfrstg = 0L),
+                 gammas = double(1), tgamma = integer(), printGammas = integer(), tyfact = integer(),
+                 gmcstr = integer(), nfrstg = integer(1)),
     ainv = list(nainv = 0L, lcainv = integer(), llainv = integer(), ainv = double()),
     glm = list(id = 1L, link = 1L, glmphi = 1, thrlevels = integer()),
-    predict = list(npred = 0L, nfinmd = integer(), pvals = double(), lpvals = integer(),
+    predict = list(npred = integer(1), nfinmd = integer(), pvals = double(), lpvals = integer(),
                    lpwts = integer(), prdvals = matrix(0, 0, 5), nptabl = integer(),
                    npfact = integer(), ivals = integer(), vpvmat = double(),
                    avsed = double(), pvtext = raw(0)),
     constr = list(ngmcon = 0L, gequal = integer(), gmcon = double()),
     mbfList = list(mbfAddr = integer(), mbfX = double()),
-    control = list(workspace = 1e5, pworkspace = 1e4, maxiter = 20L, knots = 0L,
-                   nsppoints = 0L, stepsize = 1, splstp = 0, splinescale = 0, trace = 0L,
+    control = list(workspace = 1e5, pworkspace = 1e4, maxiter = c(20L), knots = 0L,
+                   nsppoints = 0L, stepsize = c(1), splstp = 0, splinescale = 0, trace = 0L,
                    Ftest = 0L, design = 0L),
-    aiopt = integer(60),
+    aiopt = integer(100),
     trn = entry_results(),
     design = matrix(0, 0, 0)
   )
@@ -41,13 +38,13 @@ entry_defaults <- function(datafr = double(), lbin = 1L, nrow = 0L) {
 
 #' @noRd
 entry_results <- function(neq = 0L, ngamma = 0L, nrow = 0L, maxiter = 20L) {
-  list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = 0,
+  list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
        soln = double(neq), vsoln = double(neq), resid = double(nrow),
-       linearPredictors = double(nrow), hat = double(nrow), sigma2 = 1, deviance = 0,
-       nedf = 0L, nwv = 0L, noeff = integer(max(1L, neq)), nsing = 0L,
+       linearPredictors = double(nrow), hat = double(nrow), sigma2 = double(1), deviance = double(1),
+       nedf = integer(1), nwv = integer(1), noeff = integer(max(1L, neq)), nsing = integer(1),
        ai = double(max(1L, ngamma * (ngamma + 1L) / 2L)), yssqu = double(max(1L, neq)),
-       Cfixed = 0, Csparse = double(1), CfacNum = integer(1), nCfac = 0L,
-       aovTbl = double(1), apstvar = double(1), converge = 0L,
+       Cfixed = double(1), Csparse = double(1), CfacNum = integer(1), nCfac = integer(1),
+       aovTbl = double(1), apstvar = double(1), converge = integer(1),
        trArray = double((ngamma + 3L) * (maxiter + 2L)),
        errtxt = as.raw(rep(32L, 80L)), license = "", where = "")
 }

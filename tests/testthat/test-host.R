@@ -59,57 +59,63 @@ test_that("every entry rejects malformed arguments with an R error", {
 test_that("the model-fit entry names a missing or mistyped element", {
   base <- tarnel:::entry_defaults()
   run <- function(a) tarnel:::call_entry(a)
-  expect_equal(run(base)$status, 0L)
+  expect_equal(run(tarnel:::entry_defaults())$status, 0L)
   lists <- c("inter", "struc", "ainv", "glm", "predict", "constr", "mbfList", "control", "trn")
   for (l in lists) {
     for (el in names(base[[l]])) {
       if (l == "trn" && el == "license") next  # fetched and not used
-      a <- base
+      a <- tarnel:::entry_defaults()
       a[[l]][[el]] <- NULL
       expect_error(run(a), paste0("'", el, "' of '", l, "'"), info = paste(l, el))
-      a <- base
+      a <- tarnel:::entry_defaults()
       a[[l]][[el]] <- list(1)
       expect_error(run(a), paste0("'", el, "'"), info = paste(l, el))
     }
   }
-  a <- base; a$iarg <- 1:3
+  a <- tarnel:::entry_defaults(); a$iarg <- 1:3
   expect_error(run(a), "'iarg'")
-  a <- base; a$iarg <- as.double(base$iarg)
+  a <- tarnel:::entry_defaults(); a$iarg <- as.double(base$iarg)
   expect_error(run(a), "'iarg'")
-  a <- base; a$inter <- 1
+  a <- tarnel:::entry_defaults(); a$inter <- 1
   expect_error(run(a), "'inter' must be a named list")
-  a <- base; a$datafr <- "x"
+  a <- tarnel:::entry_defaults(); a$datafr <- "x"
   expect_error(run(a), "'datafr'")
 })
 
 test_that("absurd sizes give errors or the workspace text, never a crash", {
-  base <- tarnel:::entry_defaults()
   run <- function(a) tarnel:::call_entry(a)
-  a <- base; a$control$workspace <- -1
+  a <- tarnel:::entry_defaults(); a$control$workspace <- -1
   expect_error(run(a), "non-negative")
-  a <- base; a$control$workspace <- NaN
+  a <- tarnel:::entry_defaults(); a$control$workspace <- NaN
   expect_error(run(a), "non-negative")
-  a <- base; a$iarg[2] <- 1000000L  # more records than data
+  a <- tarnel:::entry_defaults(); a$iarg[2] <- 1000000L  # more records than data
   expect_error(run(a), "'datafr'")
-  a <- base; a$iarg[1] <- 0L
+  a <- tarnel:::entry_defaults(); a$iarg[1] <- 0L
   expect_error(run(a), "columns per record")
-  a <- base; a$inter$neword <- 5L; a$inter$submds <- 0L
+  a <- tarnel:::entry_defaults(); a$inter$neword <- 5L; a$inter$submds <- 0L
   expect_error(run(a), "not in the term table")
-  a <- base; a$control$workspace <- 1e30
+  a <- tarnel:::entry_defaults(); a$control$workspace <- 1e30
   out <- capture.output(r <- run(a))
   expect_equal(r$status, -1L)
   expect_equal(r$errtxt, "Unable to allocate dynamic memory (workspace)")
   expect_true(any(grepl("Unable to allocate .* bytes of dynamic memory", out)))
 })
 
+test_that("vectors the engine writes must not be shared", {
+  a <- tarnel:::entry_defaults()
+  keep <- a$struc$gammas
+  expect_error(tarnel:::call_entry(a), "'gammas' of 'struc' is shared")
+})
+
 test_that("the debug switch returns before the run", {
   a <- tarnel:::entry_defaults()
   a$iarg[16] <- 1L
-  a$control$stepsize <- 0.25
+  a$control$stepsize <- c(0.25)
   r <- tarnel:::call_entry(a)
   expect_equal(r$status, 0L)
   expect_equal(a$control$stepsize, 0.25)  # the run did not happen
-  a$iarg[16] <- 0L
+  a <- tarnel:::entry_defaults()
+  a$control$stepsize <- c(0.25)
   capture.output(r <- tarnel:::call_entry(a))
   expect_equal(a$control$stepsize, 0.5)  # the square root is stored back
 })
