@@ -92,6 +92,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     ab.dd = span<double>(dd.data(), dd.size());
     ab.status = span<i32>(status.data(), status.size());
     ab.err = &err;
+    ab.tail = tail;
     const int rc = g5vxxa(s, ab, nfault);
     auto t2 = clk::now();
     if (rc) throw ArgError(std::string("absorption failed: ") + errortext_of(nfault));
