@@ -39,8 +39,8 @@ void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
 
 // Lays the linked rows of positions NDENSE+1..upto out again: every row's
 // elements in consecutive slots in column order, straight after the heads,
-// so that walking a row reads memory in sequence.  Rows from position
-// `full` on (0: none) are laid out complete over the columns 2..row, with
+// so that walking a row reads memory in sequence.  Rows NDENSE+1..`full`
+// (0: none) are laid out complete over the columns 2..row, with
 // explicit zeros where an element is missing: the block that the order
 // leaves to fill in then takes its fill without insertions, and column c
 // of such a row (c >= 2) lies at a fixed distance from its first element.  The rows
@@ -54,7 +54,7 @@ i64 relayout(const Pool& p, i64& lx, i64 top, i32 nd, i32 neq, i32 upto, i32 ful
   for (i32 r = nd + 1; r <= upto; ++r) {
     const i64 h = r - nd;
     if (p.lnk(h) <= 0) continue;
-    const bool whole = full > 0 && r >= full;
+    const bool whole = r <= full;
     for (i64 s = p.lnk(h); s > 0; s = p.lnk(s))
       if (!whole || p.col(s) < lo) ++live;
     if (whole) live += r - lo + 1;
@@ -70,7 +70,7 @@ i64 relayout(const Pool& p, i64& lx, i64 top, i32 nd, i32 neq, i32 upto, i32 ful
   for (i32 r = nd + 1; r <= upto; ++r) {
     const i64 h = r - nd;
     if (p.lnk(h) <= 0) continue;
-    const bool whole = full > 0 && r >= full;
+    const bool whole = r <= full;
     i64 s = p.lnk(h);
     if (whole) {
       for (; s > 0 && p.col(s) < lo; s = p.lnk(s)) put(p.col(s), p.val(s));
@@ -305,25 +305,21 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     a.dd.at1(q) = 1.0 / d;
   };
 
-  // Rows laid out contiguously now and again as fill-in scatters them.
-  i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq, 0) : -1;
-  if (laid < 0) laid = lx - nheads;
+  // Rows laid out contiguously now and again as fill-in scatters them; the
+  // rows of the block that the order leaves to fill in (positions
+  // NDENSE+1..blocktop) are laid out complete.  While `intact` holds, the
+  // element of column c >= 2 of a block row sits at (its first element) +
+  // c - 2.  Compaction and moves may break that, and clear it.
   const i32 blocktop = a.tail >= 1 && a.tail <= neq - nd ? nd + a.tail : 0;
-  // True while the rows of the block are complete and contiguous: then the
-  // element of column c >= 2 of block row q sits at (first element) + c - 2.
-  // Compaction and moves may break that, and clear it.
-  bool intact = false;
+  i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq, blocktop) : -1;
+  bool intact = laid >= 0 && blocktop > 0;
+  if (laid < 0) laid = lx - nheads;
   i32 p = neq;
   while (p >= 2) {
-    if (p > nd && p == blocktop) {
-      // The block that fills in: its rows complete and contiguous.
-      const i64 l2 = relayout(pool, lx, top, nd, neq, p, nd + 1);
-      if (l2 >= 0) laid = l2;
-      intact = l2 >= 0;
-    } else if (p > nd && lx - nheads > laid + laid / 2 + 50000) {
-      const i64 l2 = relayout(pool, lx, top, nd, neq, p, p <= blocktop ? nd + 1 : 0);
+    if (p > nd && (lx - nheads > laid + laid / 2 + 50000 || (blocktop > 0 && p == blocktop && !intact))) {
+      const i64 l2 = relayout(pool, lx, top, nd, neq, p, blocktop);
       laid = l2 >= 0 ? l2 : lx - nheads;
-      if (l2 >= 0 && p <= blocktop) intact = true;
+      if (l2 >= 0 && blocktop > 0) intact = true;
     }
     if (p > nd && top - p < lx) intact = false;  // packing may compact
     if (a.trace && lx > nextreport) {
