@@ -121,7 +121,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     nobs = sum(present), records = out$records, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars)
   if (isTRUE(attr(control, "keep"))) fit$args <- a
-  if (!is.null(design) && ncol(design) > nfe) {
+  if (isTRUE(out$keep_design)) {
     d <- design
     dimnames(d) <- list(NULL, lab[seq_len(ncol(d))])
     fit$design <- d

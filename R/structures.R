@@ -509,9 +509,10 @@ build_struc <- function(model, table) {
   printg <- integer(ngamma)
   printg[seq_len(ngamma) > nfactp] <- 1L
   pars$profiled <- profiled
-  list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
-       printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
-       params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled)
+  out <- list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
+              printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
+              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled)
+  apply_constraints(out, NULL, NULL, NULL, NULL)
 }
 
 # Applies the user's starting values and constraints to the structures and

@@ -109,7 +109,7 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
   records <- args$aiopt[63L]
   if (records > 0L && records != nrow)
     stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, nrow), call. = FALSE)
-  list(args = args, status = status, text = text, workspace = ws, records = records,
+  list(args = args, status = status, text = text, workspace = ws, records = records, keep_design = isTRUE(keep_design),
        nonzero = args$aiopt[64L], neq = args$inter$neq[1])
 }
 
