@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/driver.h"
 #include "design/design.h"
 #include "host/console.h"
 #include "host/messages.h"
@@ -282,10 +283,13 @@ void aicontrol(AiControlArgs& a) {
   //                               from kyxz, with the end of the last row behind
   //   [kyxz, kyxz + nonzero)      values; the first of each row is the response
   //   from word kyxz + nonzero    as integers: the equation of each value
-  // The REML iteration that reads them is not part of this driver yet: the
-  // run ends here with status 0 so that the kept design reaches the host.
-  set_errtxt(a, "");
-  st.ifault = 0;
+  DesignLayout layout;
+  layout.kyxz = kyxz;
+  layout.K = K;
+  layout.records = res.records;
+  layout.nonzero = nonzero;
+  const i64 floor = static_cast<i64>(kyxz) + nonzero + (nonzero + 1) / 2 + 1;
+  run_iterations(a, layout, floor);
 }
 
 }  // namespace tarnel

@@ -14,6 +14,11 @@ SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
 SEXP Shelp(SEXP, SEXP);
 SEXP orthpoly(SEXP, SEXP);
+SEXP tarnel_bench_absorb(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP pdsort(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP sortpedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP pmat(SEXP, SEXP, SEXP);
+SEXP pedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -26,6 +31,11 @@ static const R_CallMethodDef call_entries[] = {
     {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
     {"Shelp", (DL_FUNC)&Shelp, 2},
     {"orthpoly", (DL_FUNC)&orthpoly, 2},
+    {"tarnel_bench_absorb", (DL_FUNC)&tarnel_bench_absorb, 7},
+    {"pdsort", (DL_FUNC)&pdsort, 6},
+    {"sortpedigree", (DL_FUNC)&sortpedigree, 6},
+    {"pmat", (DL_FUNC)&pmat, 3},
+    {"pedigree", (DL_FUNC)&pedigree, 6},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {

@@ -302,28 +302,53 @@ void g5vvma(double r0, double r1, span<double> v, int n) {
     v[2] = r0 / det;
     return;
   }
-  // Last row of the inverse: x solves T x = e_n up to scale.  With r1 = 0
-  // the matrix is diagonal.
   if (r1 == 0.0) {
     for (i64 k = 0; k < packed_size(n); ++k) v[k] = 0.0;
     for (int i = 1; i <= n; ++i) P(v, i, i) = 1.0 / r0;
     return;
   }
-  // x1 = 1, x2 = -r0/r1, xk = -(x(k-1) r0/r1 + x(k-2)), scaled so that the
-  // last equation gives 1.  Row n of the inverse is x; row i (i <= j) of a
-  // tridiagonal Toeplitz inverse is x(i) y(j)/x(n) where y is x reversed.
-  // x is built in the slots of row n, which are the last to be read.
-  double* last = v.data() + packed_index(n, 1);
-  last[0] = 1.0;
-  last[1] = -r0 / r1;
-  for (int k = 3; k <= n; ++k) last[k - 1] = -(last[k - 2] * r0 / r1 + last[k - 3]);
-  const double s = 1.0 / (last[n - 1] * r0 + last[n - 2] * r1);
-  for (int k = 1; k <= n; ++k) last[k - 1] *= s;
-  // Inverse (i,j), j <= i: x(j) * x(n+1-i) / x(1) with x the scaled last
-  // row, by the symmetry and persymmetry of the Toeplitz inverse.
-  const double x1 = last[0];
-  for (int i = n - 1; i >= 1; --i)
-    for (int j = 1; j <= i; ++j) P(v, i, j) = last[j - 1] * last[n - i] / x1;
+  // With t(k) the determinant of the leading k x k block (t(0) = 1,
+  // t(k) = r0 t(k-1) - r1^2 t(k-2)), element (i,j), j <= i, of the inverse
+  // is (-r1)^(i-j) t(j-1) t(n-i) / t(n).  The determinants grow like a
+  // power of n, so they are carried as logs with their signs; the row-n
+  // slots hold log|t(k-1)| (and the sign) until row n itself is written.
+  double* lt = v.data() + packed_index(n, 1);  // lt[k] = log|t(k)|, k < n
+  lt[0] = 0.0;
+  double lq = 0.0, q = r0;  // q(k) = t(k)/t(k-1)
+  int neg_q = 0;
+  // A negative ratio flips the sign of the later determinants.  For the
+  // positive definite matrices of MA1 there is none; otherwise the signs
+  // are found again from the ratios when needed.
+  for (int k = 1; k <= n; ++k) {
+    if (k > 1) q = r0 - r1 * r1 / q;
+    if (q < 0.0) ++neg_q;
+    lq = std::log(std::fabs(q));
+    if (k < n) lt[k] = lt[k - 1] + lq;
+  }
+  const double ltn = (n >= 2 ? lt[n - 1] : 0.0) + lq;
+  auto sign_t = [&](int k) {  // sign of t(k), from the ratios again
+    int c = 0;
+    double qq = r0;
+    for (int m = 1; m <= k; ++m) {
+      if (m > 1) qq = r0 - r1 * r1 / qq;
+      if (qq < 0.0) ++c;
+    }
+    return (c % 2) ? -1.0 : 1.0;
+  };
+  const bool all_positive = neg_q == 0;
+  const double sn = all_positive ? 1.0 : sign_t(n);
+  const double lr = std::log(std::fabs(r1));
+  auto element = [&](int i, int j, double ltj, double lti) {
+    const int d = i - j;
+    double e = std::exp(ltj + lti - ltn + d * lr);
+    if (r1 > 0.0 && (d % 2)) e = -e;  // (-r1)^d
+    if (!all_positive) e *= sign_t(j - 1) * sign_t(n - i) * sn;
+    return e;
+  };
+  for (int i = 1; i < n; ++i)
+    for (int j = 1; j <= i; ++j) P(v, i, j) = element(i, j, lt[j - 1], lt[n - i]);
+  // Row n: t(n-i) = t(0) = 1; slot j-1 holds log|t(j-1)| until written.
+  for (int j = 1; j <= n; ++j) lt[j - 1] = element(n, j, lt[j - 1], 0.0);
 }
 
 namespace {

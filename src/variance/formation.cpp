@@ -23,6 +23,37 @@ i64 take_top(i64& top, i64 floor, i64 m) {
   return top + 1;
 }
 
+int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect, int ngamma, int ngiv,
+                           StructureTables& t, int& ifault) {
+  static_assert(sizeof(FormRecord) == 6 * sizeof(double), "a form record is six words");
+  if (nsect < 0 || ngamma < 0 || ngiv < 0) return g5vflt(ifault, 6);
+  const i64 ps = take_top(top, floor, 6 * static_cast<i64>(nsect));
+  const i64 pl = ps ? take_top(top, floor, nsect) : 0;
+  const i64 pp = pl ? take_top(top, floor, 6 * static_cast<i64>(ngamma)) : 0;
+  const i64 pt = pp ? take_top(top, floor, ngamma) : 0;
+  const i64 pg = pt ? take_top(top, floor, ngiv) : 0;
+  if (!pg) return g5vflt(ifault, 6);
+  // The records live in 8-byte words of the real array.
+  t.secform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + ps - 1), static_cast<std::size_t>(nsect));
+  t.parform = span<FormRecord>(reinterpret_cast<FormRecord*>(work.r + pp - 1), static_cast<std::size_t>(ngamma));
+  t.logdet = span<double>(work.r + pl - 1, static_cast<std::size_t>(nsect));
+  t.trdrri = span<double>(work.r + pt - 1, static_cast<std::size_t>(ngamma));
+  t.givlogdet = span<double>(work.r + pg - 1, static_cast<std::size_t>(ngiv));
+  for (auto& r : t.secform) r = FormRecord{};
+  for (auto& r : t.parform) r = FormRecord{};
+  for (double& v : t.logdet) v = 0.0;
+  for (double& v : t.trdrri) v = 0.0;
+  for (double& v : t.givlogdet) v = 0.0;
+  return 0;
+}
+
+void g5vvp7(span<const double> band, span<double> diags, int n) {
+  for (i64 k = 0; k < 4 * static_cast<i64>(n); ++k) diags[k] = 0.0;
+  i64 q = 0;
+  for (int i = 1; i <= n; ++i)
+    for (int j = std::max(1, i - 3); j <= i; ++j) diags[static_cast<i64>(i - j) * n + j - 1] = band[q++];
+}
+
 int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 floor,
            int& ifault) {
   const i64 p = take_top(top, floor, 2);
@@ -36,13 +67,6 @@ int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 f
   rec.pos = p;
   rec.posi = p + 1;
   return 0;
-}
-
-int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
-                          const i64* record, const WorkArray& work, int& ifault) {
-  count = 0;
-  g5verror(" G5VVRW CHOL/ANTE rows not available in this version", 4);
-  return g5vflt(ifault, kFaultUndefinedStructure);
 }
 
 namespace {
@@ -104,6 +128,16 @@ class Former {
     if (p == 0) g5vflt(ifault_, 6);
     return p;
   }
+  // Writes the form record of parameter p.
+  void stlbri(int p, i64 kind, i64 scale, i64 pos, i64 kindi, i64 scalei, i64 posi) {
+    FormRecord& r = pf(p);
+    r.kind = kind;
+    r.scale = scale;
+    r.pos = pos;
+    r.kindi = kindi;
+    r.scalei = scalei;
+    r.posi = posi;
+  }
   int fail(int code, const std::string& text) {
     if (!text.empty()) g5verror(text, 4);
     return g5vflt(ifault_, code);
@@ -118,12 +152,14 @@ class Former {
   int fall_back(Section& S, int model, int ncor_new, const char* name);
 
   int model0(Section& S);
+  int linked(Section& S);
   int time_series(Section& S, int p, int which);
   int moving_average(Section& S, int which);
   int coru(Section& S);
   int corb_corg(Section& S, bool corg);
   int diag(Section& S);
   int us(Section& S);
+  int factor_form(Section& S, bool ante);
 
   // Expands a Toeplitz first row into packed form at `dst`.
   void expand_toeplitz(i64 dst, i64 row, int n) {
@@ -175,61 +211,74 @@ int Former::run() {
 int Former::giv_walk() {
   if (a_.iteration <= 1)
     for (auto& v : a_.givlogdet) v = 0.0;
+  if (a_.giv.count > 0 && a_.givlogdet.size() < static_cast<std::size_t>(a_.giv.count))
+    return fail(1000, " Known matrix table longer than its log determinants");
+  char buf[160];
   for (int g = 1; g <= a_.giv.count; ++g) {
     const int size = a_.giv.size(g);
-    int type = a_.giv.type(g);
-    if (size == 0 || type == 10 || type == 20) continue;
-    if (type >= 6000) continue;  // coordinates and own-structure descriptions
-    const bool behind = type > 10;
-    if (behind) type -= 10;
-    i64 nval = 0;
-    if (type == 3) nval = 2 * static_cast<i64>(size);
-    else if (type == 8) nval = size;
-    else if (type == 9) nval = packed_size(size);
-    else
-      return fail(1000, " Known matrices of this type are not available in this version");
-    const i64 start = a_.giv.start(g);
-    const i64 first = behind ? start : start + 1;
-    const i64 slot = behind ? start + nval : start;
-    if (start < 1 || first + nval - 1 > static_cast<i64>(a_.giv.real.size()) ||
-        slot > static_cast<i64>(a_.giv.real.size()) ||
-        a_.givlogdet.size() < static_cast<std::size_t>(a_.giv.count))
-      return fail(1000, " Known matrix outside its store");
+    const int rawtype = a_.giv.type(g);
+    if (size == 0 || rawtype == 10 || rawtype == 20) continue;
+    if (rawtype >= 6000) continue;  // coordinates and own-structure descriptions
+    const GivLayout L = giv_layout(a_.giv, g);
+    if (!L.ok || (L.type == 7 && !sparse_giv_valid(a_.giv, L))) {
+      std::snprintf(buf, sizeof buf, " Known matrix %d (type %d) does not fit its store", g, rawtype);
+      return fail(1000, buf);
+    }
     double& held = a_.givlogdet.at1(g);
-    const double s = a_.giv.real.at1(slot);
-    if (s != 0.0 && s == held) continue;
-    auto val = [&](i64 k) { return a_.giv.real.at1(first + k - 1); };
+    double& slot = a_.giv.real.at1(static_cast<std::size_t>(L.slot));
+    const double sv = slot;
+    if (sv != 0.0 && sv == held) continue;
+    auto val = [&](i64 k) { return a_.giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
     double ld = 0.0;
-    if (type == 3) {
+    if (L.type == 3) {
       for (int k = 1; k <= size; ++k) {
         const double q = std::fabs(val(2 * k) - val(2 * k - 1) * val(2 * k - 1));
         if (q > 1e-12) ld -= std::log(q);
       }
-    } else if (type == 8) {
-      if (s < 0.0 && s > -10.0 * size) {
-        ld = s;
+    } else if (L.type == 8) {
+      if (sv < 0.0 && sv > -10.0 * size) {
+        ld = sv;
       } else {
         for (int k = 1; k <= size; ++k)
-          if (val(k) != 0.0) ld -= std::log(val(k));
+          if (val(k) != 0.0) ld -= std::log(std::fabs(val(k)));
       }
     } else {
-      if (a_.giv.index(g) != 0 && s != 0.0 && s != a_.sentinel) {
-        ld = s;
+      // A sparse inverse keeps its stored value unless it is implausible
+      // or marked unknown; a dense one needs an index and a value.
+      const bool stands = L.type == 7 ? (std::fabs(sv) < 5.0 * size && sv != a_.sentinel)
+                                      : (a_.giv.index(g) != 0 && sv != 0.0 && sv != a_.sentinel);
+      if (stands) {
+        ld = sv;
       } else {
-        // The log determinant of the stored inverse, from a factorisation
-        // of a copy taken from the top of the work array.
+        // The log determinant from a dense factorisation of a copy taken
+        // from the top of the work array.
+        if (size > 2000) {
+          std::snprintf(buf, sizeof buf,
+                        " Known matrix %d: log determinant of a sparse matrix of order %d not available in this version",
+                        g, size);
+          return fail(1000, buf);
+        }
+        const i64 nval = packed_size(size);
         const i64 saved = a_.top;
-        const i64 p = take(nval + 3 * static_cast<i64>(size));
+        const i64 p = take(nval + 2 * static_cast<i64>(size));
         if (!p) return 1;
-        for (i64 k = 1; k <= nval; ++k) W(p + k - 1) = val(k);
+        for (i64 k = 0; k < nval; ++k) W(p + k) = 0.0;
+        if (L.type == 9) {
+          for (i64 k = 1; k <= nval; ++k) W(p + k - 1) = val(k);
+        } else {
+          for (int r = 1; r <= size; ++r)
+            for (int q = a_.giv.integer.at1(L.rowstart + r - 1); q < a_.giv.integer.at1(L.rowstart + r); ++q)
+              W(p + packed_index(r, a_.giv.integer.at1(L.colindex + q - 1))) = val(q);
+        }
         span<int> perm(a_.work.i + 2 * (p + nval - 1), static_cast<std::size_t>(size));
         span<int> perm2(a_.work.i + 2 * (p + nval - 1) + size, static_cast<std::size_t>(size));
+        const i64 ps = take(size);
+        if (!ps) return 1;
         int mode = -98, rank = size, neg = 0;
         double lg = 0.0;
-        g5vsmi(WS(p, nval), WS(p + nval + size, size), perm, perm2, mode, rank, lg, neg);
+        g5vsmi(WS(p, nval), WS(ps, size), perm, perm2, mode, rank, lg, neg);
         a_.top = saved;
         if (mode > a_.giv.rank(g)) {
-          char buf[96];
           std::snprintf(buf, sizeof buf, "GIV matrix not positive definite: Singular pivots %d", mode);
           g5verror(buf, 3);
         }
@@ -237,7 +286,44 @@ int Former::giv_walk() {
       }
     }
     held = ld;
-    a_.giv.real.at1(slot) = ld;
+    slot = ld;
+  }
+  return 0;
+}
+
+// A section linked to a known matrix (GIV row -model), held as its
+// inverse: sigma times the matrix, delivered through its inverse rows.
+int Former::linked(Section& S) {
+  const int n = S.n;
+  const int g = -S.model;
+  char buf[160];
+  const GivLayout L = giv_layout(a_.giv, g);
+  if (!L.ok || L.type == 3 || (L.type == 7 && !sparse_giv_valid(a_.giv, L)) || L.size != n) {
+    std::snprintf(buf, sizeof buf, " Section %d: known matrix %d cannot be linked to a structure of order %d", S.s, g,
+                  n);
+    return fail(1000 + S.model, buf);
+  }
+  double sig = 1.0;
+  if (!S.scaled && S.npar >= 1) sig = gam(S.gfirst);
+  if (S.npar > 1 || sig == 0.0) {
+    std::snprintf(buf, sizeof buf, " Linked section %d with %d parameters or zero scale", S.s, S.npar);
+    return fail(1000 + S.model, buf);
+  }
+  const FormRecord keep = *S.rec;
+  if (g5vva0(*S.rec, sig, a_.work, a_.top, a_.floor, ifault_)) return 1;
+  S.rec->scale = keep.scale;
+  S.rec->scalei = keep.scalei;
+  const int eff = std::min(n, a_.giv.size(g) - a_.giv.rank(g));
+  a_.logdet.at1(S.s) = (S.scaled ? 0.0 : eff * std::log(std::fabs(sig))) + a_.givlogdet.at1(g);
+  if (!S.scaled && S.npar == 1) {
+    const i64 p = take(1);
+    if (!p) return 1;
+    W(p) = 1.0 / (sig * sig);
+    FormRecord& r = pf(S.gfirst);
+    r = FormRecord{};
+    r.posi = p;
+    tr(S.gfirst) = 1.0 / sig;
+    a_.tgamma.at1(S.gfirst) = a_.variance_kind;
   }
   return 0;
 }
@@ -294,7 +380,7 @@ restart:
   const int m = S.model;
   const int nc = S.ncor;
   if (m < 0) {
-    return fail(1000 + m, " Links to known matrices are not available in this version");
+    rc = linked(S);
   } else if (m == 0) {
     rc = model0(S);
   } else if (m == 1 && nc == 1) {
@@ -355,12 +441,7 @@ restart:
   } else if (m == 10 || m == 13 || m == 15) {
     return fail(1000 + m, " Factor analytic structures are not available in this version");
   } else if (m == 11 || m == 12) {
-    if (n < 2) {
-      if (fall_back(S, 0, 0, m == 11 ? "CHOL" : "ANTE")) return 1;
-      goto restart;
-    }
-    return fail(1000 + m, m == 11 ? " CHOL structures are not available in this version"
-                                  : " ANTE structures are not available in this version");
+    rc = factor_form(S, m == 12);
   } else {
     std::snprintf(buf, sizeof buf, " Variance model %d with %d parameters is not defined", m, nc);
     return fail(1000 + m, buf);
@@ -491,15 +572,24 @@ int Former::finish(Section& S) {
     pf(gp).scalei = S.rec->scalei;
   }
   if (a_.debug && n < 21 && S.model >= 1 && S.model <= 4) {
-    const FormRecord& r = *S.rec;
-    if (r.kind == 2 && r.pos > 0) g5vplt("R", WS(r.pos, n), n, a_.unit);
+    // The stored forms: a Toeplitz row, bands of the inverse (n words
+    // each) or a packed inverse.
+    auto show = [&](const char* label, i64 kind, i64 pos) {
+      if (pos <= 0) return;
+      i64 len = n;
+      if (kind >= 3 && kind <= 5) len = (kind - 1) * static_cast<i64>(n);
+      if (kind == 9) len = packed_size(n);
+      g5vplt(label, WS(pos, len), static_cast<int>(len), a_.unit);
+    };
+    show("R", S.rec->kind, S.rec->pos);
+    show("Ri", S.rec->kindi, S.rec->posi);
     if (S.ncor >= 1) {
-      const FormRecord& d = pf(S.gfirst);
-      if (d.kind == 2 && d.pos > 0) g5vplt("dR1", WS(d.pos, n), n, a_.unit);
+      show("dR1", pf(S.gfirst).kind, pf(S.gfirst).pos);
+      show("dRi1", pf(S.gfirst).kindi, pf(S.gfirst).posi);
     }
     if (S.ncor >= 2) {
-      const FormRecord& d = pf(S.gfirst + 1);
-      if (d.kind == 2 && d.pos > 0) g5vplt("dR2", WS(d.pos, n), n, a_.unit);
+      show("dR2", pf(S.gfirst + 1).kind, pf(S.gfirst + 1).pos);
+      show("dRi2", pf(S.gfirst + 1).kindi, pf(S.gfirst + 1).posi);
     }
   }
   return 0;
@@ -618,7 +708,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
   Dual ld;
   block_inverse(p, rho, inv, ld);
   for (int i = 0; i < p; ++i)
-    for (int j = i; j < p; ++j) band[(j - i) * n + s + i] += inv[i][j];
+    for (int j = i; j < p; ++j) band[static_cast<i64>(j - i) * n + s + i] += inv[i][j];
   Dual c[4];
   c[0] = Dual(1.0);
   for (int j = 1; j <= p; ++j) c[j] = -M.phi[j - 1];
@@ -627,7 +717,7 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
     for (int j = 0; j <= p; ++j)
       for (int l = j; l <= p; ++l)
         // pair (t-l, t-j), distance l-j
-        band[(l - j) * n + s + t - l] += c[j] * c[l] * w;
+        band[static_cast<i64>(l - j) * n + s + t - l] += c[j] * c[l] * w;
   return ld + Dual(static_cast<double>(m - p)) * dlog(s2);
 }
 
@@ -717,7 +807,7 @@ int Former::time_series(Section& S, int p, int which) {
     return e;
   };
 
-  const int nb = (p + 1) * n;
+  const i64 nb = static_cast<i64>(p + 1) * n;
   // Words: r (n), inverse band (nb); per parameter dr (n), dband (nb).
   // Scratch for the dual values is taken above them and given back.
   const i64 pr = take(n);
@@ -749,7 +839,11 @@ int Former::time_series(Section& S, int p, int which) {
     }
     Dual s2;
     ar::correlations(M, rho, s2);
-    for (int k = 0; k < nb; ++k) band[k] = Dual(0.0);
+    if (!(s2.v > 0.0) || !std::isfinite(s2.v)) {
+      std::snprintf(buf, sizeof buf, " Autoregressive parameters of section %d outside the stationary region", S.s);
+      return fail(1000 + S.model, buf);
+    }
+    for (i64 k = 0; k < nb; ++k) band[k] = Dual(0.0);
     Dual ld(0.0);
     for (int st = 0; st < n;) {
       const int e = run_end(st);
@@ -760,7 +854,7 @@ int Former::time_series(Section& S, int p, int which) {
     Dual gamma0(1.0);
     if (process) {
       gamma0 = Dual(1.0) / s2;
-      for (int k = 0; k < nb; ++k) band[k] = band[k] * s2;
+      for (i64 k = 0; k < nb; ++k) band[k] = band[k] * s2;
       ld = ld - Dual(static_cast<double>(n)) * dlog(s2);
     }
     for (int k = 0; k < n; ++k) {
@@ -768,7 +862,7 @@ int Former::time_series(Section& S, int p, int which) {
       if (q == 0) W(pr + k) = tiny_to_zero(v.v);
       W(pdr[q] + k) = tiny_to_zero(v.d);
     }
-    for (int k = 0; k < nb; ++k) {
+    for (i64 k = 0; k < nb; ++k) {
       if (q == 0) W(pb + k) = band[k].v;
       W(pdb[q] + k) = -band[k].d;
     }
@@ -776,11 +870,7 @@ int Former::time_series(Section& S, int p, int which) {
     const int gp = g + q;
     tr(gp) = ld.d;
     a_.tgamma.at1(gp) = 3;
-    FormRecord& r = pf(gp);
-    r.kind = 2;
-    r.pos = pdr[q];
-    r.kindi = p + 2;
-    r.posi = pdb[q];
+    stlbri(gp, 2, 0, pdr[q], p + 2, 0, pdb[q]);
   }
   a_.top = saved;
   S.rec->kind = 2;
@@ -815,11 +905,7 @@ int Former::g5vvsa(Section& S, int gp, i64 drow, i64 vinv) {
   tr(gp) = g5vvtr(WS(vinv, np), WS(pd, np), n);
   g5vvaa(WS(pc, np), WS(pd, np), WS(vinv, np), WS(pw, static_cast<i64>(n) * n), n);
   a_.top = saved;
-  FormRecord& r = pf(gp);
-  r.kind = 2;
-  r.pos = drow;
-  r.kindi = 9;
-  r.posi = pc;
+  stlbri(gp, 2, 0, drow, 9, 0, pc);
   return 0;
 }
 
@@ -935,9 +1021,14 @@ int Former::moving_average(Section& S, int which) {
     }
     a_.logdet.at1(S.s) = ld;
   }
+  if (a_.debug && which == 3) {
+    g5vtme(a_.unit, " ARMA", 5);
+    g5vtme(a_.unit, " ARMAinv", 8);
+  }
   for (int q = 0; q < nparam; ++q) {
     a_.tgamma.at1(g + q) = 3;
     if (g5vvsa(S, g + q, pdr[q], pinv)) return 1;
+    if (a_.debug && which == 3) g5vtme(a_.unit, q == 0 ? "DERIV1" : "DERIV2", 6);
   }
   S.rec->kind = 2;
   S.rec->pos = pr;
@@ -954,6 +1045,12 @@ int Former::coru(Section& S) {
   double& rho = gam(g);
   if (std::fabs(1.0 - std::fabs(rho)) < f32(1e-4)) rho = std::copysign(0.999, rho);
   const double r = rho;
+  if (!(1.0 + (n - 1) * r > 0.0) || !(r < 1.0)) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, " Uniform correlation %g of section %d is not positive definite for order %d", r,
+                  S.s, n);
+    return fail(1005, buf);
+  }
   const double a = 1.0 / (1.0 - r);
   const double b = -r / ((1.0 - r) * (1.0 + (n - 1) * r));
   const double q = (2 * a + n * b) * (n - 1) * b + a * a;
@@ -970,11 +1067,7 @@ int Former::coru(Section& S) {
   S.rec->pos = p;
   S.rec->kindi = 2;
   S.rec->posi = p + n;
-  FormRecord& d = pf(g);
-  d.kind = 2;
-  d.pos = p + 2 * n;
-  d.kindi = 2;
-  d.posi = p + 3 * n;
+  stlbri(g, 2, 0, p + 2 * n, 2, 0, p + 3 * n);
   tr(g) = n * (n - 1) * b;
   a_.tgamma.at1(g) = 3;
   a_.logdet.at1(S.s) = (n - 1) * std::log(1.0 - r) + std::log(1.0 + (n - 1) * r);
@@ -1070,21 +1163,13 @@ int Former::corb_corg(Section& S, bool corg) {
       for (int j = 1; j < i; ++j, ++k) {
         const int gp = g + k;
         const i64 t = packed_index(i, j) + 1;
-        FormRecord& d = pf(gp);
-        d.kind = 1000 + t;
-        d.pos = 0;
-        d.kindi = 1000 + t;
-        d.posi = pinv;
+        stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
         tr(gp) = 2.0 * Vi(i, j);
       }
   } else {
     for (int k = 1; k < n; ++k) {
       const int gp = g + k - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 5000 + k;
-      d.pos = 0;
-      d.kindi = 5000 + k;
-      d.posi = pinv;
+      stlbri(gp, 5000 + k, 0, 0, 5000 + k, 0, pinv);
       double s = 0.0;
       for (int m = 1; m + k <= n; ++m) s += Vi(m + k, m);
       tr(gp) = 2.0 * s;
@@ -1128,12 +1213,7 @@ int Former::diag(Section& S) {
     W(pv + k - 1) = v;
     W(pi + k - 1) = 1.0 / v;
     a_.logdet.at1(S.s) += std::log(std::fabs(v));
-    FormRecord& d = pf(gp);
-    d.kind = 100 + k;
-    d.pos = 0;
-    d.kindi = 100 + k;
-    d.scalei = 0;
-    d.posi = pi;
+    stlbri(gp, 100 + k, 0, 0, 100 + k, 0, pi);
     tr(gp) = 1.0 / v;
   }
   S.rec->kind = 8;
@@ -1233,13 +1313,165 @@ int Former::us(Section& S) {
     for (int j = 1; j <= i; ++j) {
       const i64 t = packed_index(i, j) + 1;
       const int gp = g + static_cast<int>(t) - 1;
-      FormRecord& d = pf(gp);
-      d.kind = 1000 + t;
-      d.pos = 0;
-      d.kindi = 1000 + t;
-      d.posi = pinv;
+      stlbri(gp, 1000 + t, 0, 0, 1000 + t, 0, pinv);
       const double e = W(pinv + t - 1);
       tr(gp) = i == j ? e : 2.0 * e;
+    }
+  return 0;
+}
+
+// CHOL (G = L D L') and ANTE (G^-1 = U D U'): a general matrix kept in
+// factor form, with the factor limited to a band.  The parameters are the
+// packed factor: D on the diagonal, L(i,j) (CHOL) or U(j,i) (ANTE) at
+// packed (i,j), j < i.
+int Former::factor_form(Section& S, bool ante) {
+  const int n = S.n;
+  const int g = S.gfirst;
+  const i64 np = packed_size(n);
+  const int base = ante ? 120 : 110;
+  char buf[160];
+  if (S.ncor != np) {
+    std::snprintf(buf, sizeof buf, " %s section %d has %d parameters for order %d", ante ? "ANTE" : "CHOL", S.s,
+                  S.ncor, n);
+    return fail(1000 + base, buf);
+  }
+  if (np > 1000) return fail(1000 + base, " Factor structure too large for its derivative codes");
+  int bw = S.row.field(kBand);
+  if (bw < 1 || bw > n - 1) bw = n - 1;
+  auto gi = [&](int i, int j) -> double& { return gam(g + static_cast<int>(packed_index(i, j))); };
+  auto ri = [&](int i, int j) -> int& { return rg(g + static_cast<int>(packed_index(i, j))); };
+  for (i64 k = 0; k < np; ++k) a_.tgamma.at1(g + static_cast<int>(k)) = 7;
+
+  const i64 pf_ = take(np);  // the factor
+  if (!pf_) return 1;
+  const i64 pg = take(np);   // G
+  if (!pg) return 1;
+  const i64 pgi = take(np);  // G^-1
+  if (!pgi) return 1;
+  const i64 saved = a_.top;
+  const i64 psc = take(2 * static_cast<i64>(n));
+  if (!psc) return 1;
+  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
+  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
+  const i64 pscr = take(n);
+  if (!pscr) return 1;
+
+  if (S.row.field(kInited) == 0) {
+    // The parameters are still G itself: factorise it.
+    for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
+    if (a_.debug) g5vtme(a_.unit, " GV init", 8);
+    int mode = ante ? -99 : -98, rank = n, neg = 0;
+    double ld = 0.0;
+    g5vsmi(WS(pf_, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
+    if (a_.debug) g5vtme(a_.unit, ante ? " ANTE UD" : " GV LD", ante ? 8 : 6);
+    const bool swapped = neg < 0;
+    const int nneg = neg < 0 ? -1 - neg : neg;
+    if (ante && (mode != 0 || nneg != 0 || swapped)) return fail(1121, " ANTE matrix not positive definite");
+    if (!ante && (swapped || ((mode != 0 || nneg != 0) && rg(g) == 1)))
+      return fail(1111, " CHOL matrix not positive definite");
+    for (int i = 1; i <= n; ++i)
+      for (int j = 1; j <= i; ++j) {
+        double v = W(pf_ + packed_index(i, j));
+        if (i - j > bw) {
+          v = 0.0;
+          ri(i, j) = 2;
+        }
+        gi(i, j) = v;
+        if (ante && i == j && v > 1e6) ri(i, j) = 4;
+      }
+    S.row.field(kInited) = 1;
+  } else if (ante) {
+    for (int i = 1; i <= n; ++i)
+      if (gi(i, i) >= 100000.0 && ri(i, i) < 4) {
+        ri(i, i) = 5;
+        gi(i, i) = 100000.0;
+      }
+  }
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= i; ++j) {
+      if (ri(i, j) == 2) gi(i, j) = 0.0;
+      else if (!ante && gi(i, j) == 0.0) gi(i, j) = f32(1e-4);
+    }
+  for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
+  double ld = 0.0;
+  if (ante) {
+    for (i64 k = 0; k < np; ++k) W(pgi + k) = W(pf_ + k);
+    g5vudu(WS(pgi, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GIV UDU", 8);
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k);
+    int mode = 0, rank = n, neg = 0;
+    g5vsmi(WS(pg, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
+    if (mode != 0) return fail(1120, " ANTE structure is singular");
+    ld = -ld;
+  } else {
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k) = W(pf_ + k);
+    g5vldl(WS(pg, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL", 7);
+    int nsing = 0;
+    g5vldi(WS(pgi, np), n, ld, nsing);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL inv", 11);
+    if (nsing != 0) return fail(1110, " CHOL structure is singular");
+  }
+  a_.top = saved;
+  a_.logdet.at1(S.s) = ld;
+  S.rec->kind = 9;
+  S.rec->pos = pg;
+  S.rec->kindi = 9;
+  S.rec->posi = pgi;
+
+  // Per parameter: the derivative of the factor product (packed, scratch),
+  // its trace against the other matrix, and the dense other side.
+  for (int r = 1; r <= n; ++r)
+    for (int c = 1; c <= r; ++c) {
+      const i64 t = packed_index(r, c) + 1;
+      const int gp = g + static_cast<int>(t) - 1;
+      FormRecord& d = pf(gp);
+      d = FormRecord{};
+      if (rg(gp) == 2 || rg(gp) == 4) continue;  // held: the zero record
+      const i64 pd = take(np);
+      if (!pd) return 1;
+      const i64 keep = a_.top;
+      const i64 pp = take(np);
+      if (!pp) return 1;
+      const i64 pw = take(static_cast<i64>(n) * n);
+      if (!pw) return 1;
+      // pp: derivative of L D L' (CHOL) or of U D U' (ANTE) at element (r,c).
+      auto F = [&](int i, int j) { return W(pf_ + packed_index(i, j)); };
+      auto col = [&](int k, int i) -> double {  // column k of L, or of U
+        if (i == k) return 1.0;
+        if (!ante) return i > k ? F(i, k) : 0.0;
+        return i < k ? F(k, i) : 0.0;
+      };
+      for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= i; ++j) {
+          double v;
+          if (r == c) {
+            v = col(r, i) * col(r, j);
+          } else if (!ante) {
+            v = F(c, c) * ((i == r ? col(c, j) : 0.0) + (j == r ? col(c, i) : 0.0));
+          } else {
+            v = F(r, r) * ((i == c ? col(r, j) : 0.0) + (j == c ? col(r, i) : 0.0));
+          }
+          W(pp + packed_index(i, j)) = v;
+        }
+      if (!ante) {
+        tr(gp) = g5vvtr(WS(pgi, np), WS(pp, np), n);
+        g5vvaa(WS(pd, np), WS(pp, np), WS(pgi, np), WS(pw, static_cast<i64>(n) * n), n);
+        d.kind = 6000 + t;
+        d.pos = pf_;
+        d.kindi = 9;
+        d.posi = pd;
+      } else {
+        // dG = -G d(G^-1) G; V^-1 dV V^-1 = -d(G^-1).
+        tr(gp) = -g5vvtr(WS(pg, np), WS(pp, np), n);
+        g5vvaa(WS(pd, np), WS(pp, np), WS(pg, np), WS(pw, static_cast<i64>(n) * n), n);
+        for (i64 k = 0; k < np; ++k) W(pd + k) = -W(pd + k);
+        d.kind = 9;
+        d.pos = pd;
+        d.kindi = 7000 + t;
+        d.posi = -pf_;
+      }
+      a_.top = keep;
     }
   return 0;
 }

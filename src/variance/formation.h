@@ -15,6 +15,22 @@
 // the four result tables out of the top of the work array (or out of
 // `strucm`) before that: FormRecord is six 8-byte words, so secform and
 // logdet take 7 words a section and parform and trdrri 7 a parameter.
+//
+// What the records point at (n the effective order):
+//   kind 2      a Toeplitz first row, n words;
+//   kind 3,4,5  bands of half-width 1, 2, 3: (kind-1) vectors of n words,
+//               vector d (from 0) holds element (m, m+d) at pos + d*n + m-1;
+//   kind 8      n diagonal values;  kind 9  packed lower triangle by rows.
+// Sections: IDEN and links kind 0 (sigma, 1/sigma); AR1 2/3, AR2 and SAR
+// 2/4, AR3 and SAR2 2/5, MA1 MA2 ARMA 2/9, CORU 2/2, CORB 2/9, CORG 9/9,
+// DIAG 8/8, US CHOL ANTE 9/9.  Parameters: time series 2 with 3, 4, 5 or 9;
+// CORU 2/2; CORB 5000+k; CORG and US 1000+t; DIAG 100+k; CHOL 6000+t with
+// a packed V^-1 dV V^-1 (9) on the inverse side; ANTE a packed dV (9) with
+// 7000+t on the inverse side (pos negative: the rows are negated).
+// Variances and scales copy the section record; their rows need the
+// selector: +k / -k for variance k of the section (V side / inverse side),
+// a positive selector other than order-1 / a negative one for the scale.
+// Correlation parameters use selector 0.
 #ifndef TARNEL_VARIANCE_FORMATION_H
 #define TARNEL_VARIANCE_FORMATION_H
 
@@ -50,6 +66,20 @@ struct VsfArgs {
   int variance_kind = 1;  // tgamma of variances and scales: 1 or 2
 };
 
+// The result tables of g5vvsf carved out of the top of the work array:
+// secform (6 words a section), logdet (1), parform (6 a parameter), trdrri
+// (1) and givlogdet (1 a GIV row), from the top down in that order.  The
+// run driver carves them once per fit, before the first formation, since
+// the GIV log determinants are kept from one iteration to the next, and
+// then passes the lowered top to g5vvsf at every iteration.
+struct StructureTables {
+  span<FormRecord> secform, parform;
+  span<double> logdet, trdrri, givlogdet;
+};
+// Returns 1 with ifault 6 when the words are not there.
+int carve_structure_tables(const WorkArray& work, i64& top, i64 floor, int nsect, int ngamma, int ngiv,
+                           StructureTables& t, int& ifault);
+
 // Forms all sections.  Returns 0, or 1 with ifault set (6 out of
 // workspace, 1000 + model for a section that cannot be formed).
 int g5vvsf(VsfArgs& a, int& ifault);
@@ -68,6 +98,35 @@ i64 take_top(i64& top, i64 floor, i64 m);
 // 2(k-1) of the GIV integer store (levels two entries apart).
 int block_level(const GivTable& giv, int g, int k);
 bool block_levels_valid(const GivTable& giv, int g, int order);
+
+// Where the values of GIV row g lie.  A type above 10 is read as type - 10
+// with the stored log determinant behind the values instead of in front.
+//   type 3: pairs (a, b) per level;  type 8: the diagonal;  type 9: the
+//   packed lower triangle;  type 7: a sparse lower triangle by rows, its
+//   values in the real store and, from index(g) in the integer store,
+//   rowstart (size+1 positions, 1-based, rowstart(size+1) - 1 = nnz),
+//   then the column of each value (ascending, each row ending with its
+//   diagonal), then `size` cursor words used by g5vvar.
+struct GivLayout {
+  bool ok = false;
+  int type = 0, size = 0;
+  i64 first = 0, slot = 0, nval = 0;   // real store, 1-based
+  i64 rowstart = 0, colindex = 0, cursor = 0;  // integer store, 1-based
+};
+GivLayout giv_layout(const GivTable& giv, int g);
+// Checks the row starts and columns of a type 7 row.
+bool sparse_giv_valid(const GivTable& giv, const GivLayout& L);
+
+// Row i of a sparse symmetric matrix held by its lower triangle, times
+// `scale`; see GivLayout.  Rows must be asked for in ascending order from
+// row 1 (the cursors follow the part right of the diagonal).
+void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor);
+
+// Spreads a packed band of half-width 3 (row i holds (i, max(1,i-3)) to
+// (i,i): 1, 2, 3 entries in the first three rows, then 4) into the four
+// diagonals of a heptadiagonal record: element (m, m+d) at d*n + m - 1.
+void g5vvp7(span<const double> band, span<double> diags, int n);
 
 // Row i of a CHOL or ANTE derivative (kinds 6001 to 10000).
 int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,

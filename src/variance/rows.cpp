@@ -42,8 +42,85 @@ int undefined(int& count, int& ifault) {
   return g5vflt(ifault, kFaultUndefinedStructure);
 }
 
-// The block level of row k of a blocked AR1 (see block_level in formation.h).
 }  // namespace
+
+GivLayout giv_layout(const GivTable& giv, int g) {
+  GivLayout L;
+  if (g < 1 || g > giv.count) return L;
+  L.size = giv.size(g);
+  int type = giv.type(g);
+  if (L.size < 1 || type < 1 || type > 20) return L;
+  const bool behind = type > 10;
+  if (behind) type -= 10;
+  L.type = type;
+  const i64 start = giv.start(g);
+  const i64 nreal = static_cast<i64>(giv.real.size());
+  const i64 nint = static_cast<i64>(giv.integer.size());
+  i64 nval = 0;
+  if (type == 3) {
+    nval = 2 * static_cast<i64>(L.size);
+  } else if (type == 8) {
+    nval = L.size;
+  } else if (type == 9) {
+    nval = packed_size(L.size);
+  } else if (type == 7) {
+    L.rowstart = giv.index(g);
+    if (L.rowstart < 1 || L.rowstart + L.size > nint) return L;
+    const i64 nnz = static_cast<i64>(giv.integer.at1(L.rowstart + L.size)) - 1;
+    if (nnz < L.size) return L;
+    L.colindex = L.rowstart + L.size + 1;
+    L.cursor = L.colindex + nnz;
+    if (L.cursor + L.size - 1 > nint) return L;
+    nval = nnz;
+  } else {
+    return L;
+  }
+  L.first = behind ? start : start + 1;
+  L.slot = behind ? start + nval : start;
+  L.nval = nval;
+  if (start < 1 || L.first + nval - 1 > nreal || L.slot > nreal) return L;
+  L.ok = true;
+  return L;
+}
+
+bool sparse_giv_valid(const GivTable& giv, const GivLayout& L) {
+  if (!L.ok || L.type != 7) return false;
+  auto rs = [&](int k) { return static_cast<i64>(giv.integer.at1(L.rowstart + k - 1)); };
+  if (rs(1) != 1) return false;
+  for (int r = 1; r <= L.size; ++r) {
+    const i64 a = rs(r), b = rs(r + 1);
+    if (b <= a || b - 1 > L.nval) return false;  // each row ends with its diagonal
+    int prev = 0;
+    for (i64 q = a; q < b; ++q) {
+      const int c = giv.integer.at1(L.colindex + q - 1);
+      if (c <= prev || c > r) return false;
+      prev = c;
+    }
+    if (prev != r) return false;
+  }
+  return true;
+}
+
+void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor) {
+  if (i == 1)
+    for (int j = 1; j <= n; ++j) cursor.at1(j) = rowstart.at1(j);
+  for (int q = rowstart.at1(i); q < rowstart.at1(i + 1); ++q) {
+    const int c = colindex.at1(q);
+    columns[count++] = c;
+    values[c - 1] = scale * store.at1(q);
+  }
+  if (lower) return;
+  for (int j = i + 1; j <= n; ++j) {
+    int& q = cursor.at1(j);
+    while (q < rowstart.at1(j + 1) && colindex.at1(q) < i) ++q;
+    if (q < rowstart.at1(j + 1) && colindex.at1(q) == i) {
+      columns[count++] = j;
+      values[j - 1] = scale * store.at1(q);
+      ++q;
+    }
+  }
+}
 
 int block_level(const GivTable& giv, int g, int k) {
   return giv.integer.at1(static_cast<std::size_t>(giv.index(g)) + 2 * static_cast<std::size_t>(k - 1));
@@ -55,11 +132,49 @@ bool block_levels_valid(const GivTable& giv, int g, int order) {
   return first >= 1 && first + 2 * static_cast<i64>(order - 1) <= static_cast<i64>(giv.integer.size());
 }
 
+// Row i of the derivative of a factor product with respect to one element
+// of the packed factor at |pos|.  CHOL (6001 to 7000): L D L', L unit
+// lower.  ANTE (7001 to 10000): U D U', U unit upper with U(j,i) held at
+// packed (i,j); a negative pos delivers the row negated (the inverse side,
+// -d(G^-1)).
+int factor_derivative_row(span<double> values, span<int> columns, int& count, int i, int n,
+                          const i64* record, const WorkArray& work, int& ifault) {
+  const i64 kind = record[0];
+  const bool ante = kind > 7000;
+  const i64 pos = record[2] < 0 ? -record[2] : record[2];
+  const double sign = record[2] < 0 ? -1.0 : 1.0;
+  int r = 0, c = 0;
+  unpack_element(kind - (ante ? 7000 : 6000), r, c);
+  if (r > n || c < 1 || pos == 0) return undefined(count, ifault);
+  auto F = [&](int a, int b) { return PW(work, pos, a, b); };
+  auto col = [&](int k, int a) -> double {
+    if (a == k) return 1.0;
+    if (!ante) return a > k ? F(a, k) : 0.0;
+    return a < k ? F(k, a) : 0.0;
+  };
+  for (int j = 1; j <= n; ++j) {
+    double v;
+    if (r == c) {
+      v = col(r, i) * col(r, j);
+    } else if (!ante) {
+      v = F(c, c) * ((i == r ? col(c, j) : 0.0) + (j == r ? col(c, i) : 0.0));
+    } else {
+      v = F(r, r) * ((i == c ? col(r, j) : 0.0) + (j == c ? col(r, i) : 0.0));
+    }
+    if (std::fabs(v) <= 1e-16) v = 0.0;
+    put(values, columns, count, j, sign * v);
+  }
+  return 0;
+}
+
 int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int order,
            const i64* record, StrucRow strucrow, const WorkArray& work, int selector, int link,
            const GivTable& giv, int unit, int& ifault) {
   count = 0;
-  if (order < 1) return undefined(count, ifault);
+  // The caller's row must hold every column of the section.
+  if (order < 1 || values.size() < static_cast<std::size_t>(order) ||
+      columns.size() < static_cast<std::size_t>(order))
+    return undefined(count, ifault);
   const int i = static_cast<int>(rownum % order) + 1;
   rownum /= order;
   const i64 kind = record[0], scale = record[1], pos = record[2];
@@ -71,13 +186,26 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
   } else if (kind == -1) {
     put(values, columns, count, i, 0.0);
   } else if (kind == 0) {
+    const double v = W(work, pos);
     if (link < 0) {
-      // Links to known matrices are delivered by the relationship code,
-      // which this version does not have.
-      g5verror(" G5VVRW link to a known matrix not available in this version", 4);
-      return g5vflt(ifault, kFaultUndefinedStructure);
+      const GivLayout L = giv_layout(giv, -link);
+      if (!L.ok || L.size != n) return undefined(count, ifault);
+      auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
+      if (L.type == 7) {
+        g5vvar(values, columns, count, i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,
+               giv.integer.subspan(static_cast<std::size_t>(L.rowstart - 1), L.size + 1),
+               giv.integer.subspan(static_cast<std::size_t>(L.colindex - 1)), 0,
+               giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size));
+      } else if (L.type == 8) {
+        put(values, columns, count, i, v * val(i));
+      } else if (L.type == 9) {
+        for (int j = 1; j <= L.size; ++j) put(values, columns, count, j, v * val(packed_index(i, j) + 1));
+      } else {
+        return undefined(count, ifault);
+      }
+    } else {
+      put(values, columns, count, i, v);
     }
-    put(values, columns, count, i, W(work, pos));
   } else if (kind == 2) {
     const int blockrow = strucrow.p ? strucrow.field(kBlockrow) : 0;
     if (blockrow > 0) {

@@ -1,0 +1,283 @@
+// AI assembly: the record sums w' R^-1 w, the forward pass of the WVXP rows
+// through the factor of C, and the subset of C^-1 on the factor's pattern.
+//
+// Absorption eliminated positions NEQ down to 2; the packed row of position
+// p holds a(p,c), c < p, the values of row p when it was pivoted, and
+// DD(p) = 1/a(p,p).  With l(p,c) = a(p,c) DD(p) the inverse Z = C^-1 on the
+// pattern follows from the last pivot upward (position 2 first):
+//   Z(p,c) = -sum_k l(p,k) Z(k,c)   for c in row p,
+//   Z(p,p) = DD(p) - sum_k l(p,k) Z(p,k),
+// the sums over the columns k of row p.  Every Z(k,c) needed lies in row
+// max(k,c), since eliminating p filled row k with column c.
+#include <cmath>
+
+#include "average_info/ai_internal.h"
+#include "host/console.h"
+#include "host/messages.h"
+
+namespace tarnel {
+
+static inline double& aiel(span<double> ai, i64 i, i64 j) { return ai[i * (i - 1) / 2 + j - 1]; }
+
+int g5vwv1(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64 start, i64 last,
+           double weight) {
+  span<double> w = s.wv, t = s.t;
+  const span<const double> val = a.design.val;
+  const span<const i32> col = a.design.col;
+  i32 prev = 1;
+  for (i64 k = start; k <= last; ++k) {
+    i32 e = col[k - 1];
+    if (e <= prev) break;
+    prev = e;
+    if (wv.col(e) == 0) continue;
+    for (i64 n = e; n > 0; n = wv.lnk(n)) w[wv.col(n) - 1] += val[k - 1] * wv.val(n);
+  }
+  for (int i = 0; i < a.nwv; ++i) t[i] = weight * w[i];
+  for (int i = 1; i <= a.nwv; ++i) {
+    if (w[i - 1] == 0.0) continue;
+    for (int j = 1; j <= i; ++j) aiel(a.ai, i, j) += t[j - 1] * w[i - 1];
+  }
+  prev = 1;
+  for (i64 k = start; k <= last; ++k) {
+    i32 e = col[k - 1];
+    if (e <= prev) break;
+    prev = e;
+    if (a.iw[2 * (e - 1)] < 0) continue;  // singular equation
+    if (g5vwvv(a, s, e, val[k - 1], t)) return 1;
+    if (g_aistate.nfree < 0) return g5vflt(a.nfault, 6);
+  }
+  return 0;
+}
+
+int g5vwvc(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv) {
+  // Direct products with a half-order factor carry their G part here; such
+  // structures stop in g5vwvr before this point.
+  for (std::size_t t = 0; t < a.tcode.size(); ++t) {
+    int c = a.tcode[t];
+    if (c <= 9999) continue;
+    int n = c / 10000, r = c % 10000;
+    for (int k = 0; k < n; ++k) {
+      if (r + k >= 1 && r + k <= a.var.nstruc && a.var.field(r + k, kField14) == 2) {
+        g5verror(" Half-order direct products are not available yet", 3);
+        return g5vflt(a.nfault, 2015);
+      }
+    }
+  }
+  return 0;
+}
+
+double cinv_at(const MmeStore& st, i64 off, i32 p, i32 q) {
+  if (p < q) std::swap(p, q);
+  if (q < 1 || p > st.neq) return 0.0;
+  if (p <= st.ndense) return st.dense(p, q);
+  Pool pl = st.pool();
+  i64 sl = packed_start(st, off, p);
+  for (i32 steps = 0; sl >= 1 && sl <= pl.nval && steps <= p; --sl, ++steps) {
+    i32 c = pl.col(sl);
+    if (c == q) return pl.val(sl);
+    if (c > q || c < 1) return 0.0;
+  }
+  return 0.0;
+}
+
+// Gathers the off-diagonal columns 2..p-1 of factor row p into crow/lrow;
+// returns their count, the diagonal slot in `dslot` (0 for a dense row), or
+// -1 for a broken row.
+static i64 gather_row(const AiPhaseArgs& a, AiScratch& s, i32 p, i64& dslot) {
+  const MmeStore& st = *a.store;
+  i64 m = 0;
+  dslot = 0;
+  if (p <= st.ndense) {
+    for (i32 c = 2; c < p; ++c) {
+      s.crow[m] = c;
+      s.lrow[m] = st.dense(p, c);
+      ++m;
+    }
+    return m;
+  }
+  Pool pl = st.pool();
+  i64 sl = packed_start(st, a.off, p);
+  for (i32 steps = 0;; --sl, ++steps) {
+    if (sl < 1 || sl > pl.nval || steps > p) return -1;
+    i32 c = pl.col(sl);
+    if (c == p) {
+      dslot = sl;
+      return m;
+    }
+    if (c < 1 || c > p) return -1;
+    if (c >= 2) {
+      s.crow[m] = c;
+      s.lrow[m] = pl.val(sl);
+      ++m;
+    }
+  }
+}
+
+static bool singular_at(const AiPhaseArgs& a, i32 p) {
+  i32 e = a.iw[2 * (p - 1) + 1];
+  if (e < 1 || e > a.store->neq) return true;
+  return a.iw[2 * (e - 1)] < 0 || a.dd[p - 1] == 0.0;
+}
+
+// Overwrites the factor by the subset of its inverse.
+static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
+  MmeStore& st = *a.store;
+  Pool pl = st.pool();
+  const double tiny = f32(1e-10);
+  for (i32 p = 2; p <= st.neq; ++p) {
+    bool sing = singular_at(a, p);
+    if (p <= st.ndense) {
+      if (sing) {
+        for (i32 c = 1; c <= p; ++c) st.dense(p, c) = 0.0;
+        continue;
+      }
+    } else if (sing) {
+      // The packed row of an unpivoted position may not exist: clear only a
+      // row that walks to its diagonal.
+      i64 dslot;
+      i64 m = gather_row(a, s, p, dslot);
+      if (m >= 0) {
+        i64 sl = packed_start(st, a.off, p);
+        for (; sl >= dslot; --sl) pl.val(sl) = 0.0;
+      }
+      continue;
+    }
+    i64 dslot;
+    i64 m = gather_row(a, s, p, dslot);
+    if (m < 0) {
+      vprt("Sparse inverse: row %d broken\n", p);
+      return g5vflt(a.nfault, 2666);
+    }
+    double d = a.dd[p - 1];
+    for (i64 q = 0; q < m; ++q) {
+      s.lrow[q] *= d;
+      s.zrow[q] = 0.0;
+    }
+    for (i64 ia = 0; ia < m; ++ia) {
+      i32 k = s.crow[ia];
+      if (singular_at(a, k)) continue;
+      double la = s.lrow[ia];
+      if (k <= st.ndense) {
+        for (i64 ib = 0; ib < ia; ++ib) {
+          double zkc = st.dense(k, s.crow[ib]);
+          s.zrow[ib] -= la * zkc;
+          s.zrow[ia] -= s.lrow[ib] * zkc;
+        }
+        s.zrow[ia] -= la * st.dense(k, k);
+        continue;
+      }
+      i64 sl = packed_start(st, a.off, k);
+      i64 ib = 0;
+      for (i32 steps = 0;; --sl, ++steps) {
+        if (sl < 1 || sl > pl.nval || steps > k) return g5vflt(a.nfault, 2666);
+        i32 c = pl.col(sl);
+        if (c == k) {
+          s.zrow[ia] -= la * pl.val(sl);
+          break;
+        }
+        if (c < 2) continue;
+        while (ib < ia && s.crow[ib] < c) ++ib;
+        if (ib < ia && s.crow[ib] == c) {
+          double zkc = pl.val(sl);
+          s.zrow[ib] -= la * zkc;
+          s.zrow[ia] -= s.lrow[ib] * zkc;
+        }
+      }
+    }
+    double zpp = d;
+    for (i64 q = 0; q < m; ++q) {
+      if (singular_at(a, s.crow[q])) s.zrow[q] = 0.0;
+      zpp -= s.lrow[q] * s.zrow[q];
+    }
+    if (std::fabs(zpp / d) < tiny) zpp = 0.0;
+    if (p <= st.ndense) {
+      st.dense(p, 1) = 0.0;
+      for (i64 q = 0; q < m; ++q) st.dense(p, s.crow[q]) = s.zrow[q];
+      st.dense(p, p) = zpp;
+    } else {
+      i64 q = 0;
+      for (i64 sl = packed_start(st, a.off, p); sl > dslot; --sl) {
+        i32 c = pl.col(sl);
+        if (c < 2) {
+          pl.val(sl) = 0.0;
+        } else {
+          pl.val(sl) = s.zrow[q++];
+        }
+      }
+      pl.val(dslot) = zpp;
+    }
+  }
+  return 0;
+}
+
+int g5vwva(AiPhaseArgs& a, AiScratch& s) {
+  MmeStore& st = *a.store;
+  AverageInfoState& ls = g_aistate;
+  const NodeStore& L = ls.lists;
+  Pool pl = st.pool();
+  span<double> v = s.v, t = s.t;
+  for (i32 p = st.neq; p >= 2; --p) {
+    i32 e = a.iw[2 * (p - 1) + 1];
+    if (e < 1 || e > st.neq) return g5vflt(a.nfault, 2020);
+    for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
+    bool any = false;
+    // The row of equation e: the part in TEMPWV, then the live chain.
+    i64 n = 0;
+    if (L.col(e) < 0) {
+      if (read_spilled_row(a, e, v)) return 1;
+      any = true;
+      n = L.lnk(e);
+    } else if (L.col(e) > 0) {
+      n = e;
+    }
+    for (; n > 0;) {
+      if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
+      any = true;
+      i64 nx = L.lnk(n);
+      if (n != e) {
+        L.clear(n);
+        L.lnk(n) = static_cast<i32>(ls.freehead);
+        ls.freehead = n;
+        ++ls.nfree;
+      }
+      n = nx;
+    }
+    L.col(e) = 0;
+    L.val(e) = 0.0;
+    L.lnk(e) = -1;  // used: nothing more may be added
+    if (singular_at(a, p) || !any) continue;
+    double d = a.dd[p - 1];
+    for (int k = 0; k < a.nwv; ++k) t[k] = d * v[k];
+    for (int k = 1; k <= a.nwv; ++k) {
+      if (v[k - 1] == 0.0) continue;
+      for (int j = 1; j <= k; ++j) aiel(a.ai, k, j) -= t[j - 1] * v[k - 1];
+    }
+    if (p > st.ndense) {
+      i64 sl = packed_start(st, a.off, p);
+      for (i32 steps = 0;; --sl, ++steps) {
+        if (sl < 1 || sl > pl.nval || steps > p) return g5vflt(a.nfault, 2666);
+        i32 c = pl.col(sl);
+        if (c == p) break;
+        if (c < 1 || c > p) return g5vflt(a.nfault, 2666);
+        if (c < 2 || pl.val(sl) == 0.0) continue;
+        if (g5vwvv(a, s, a.iw[2 * (c - 1) + 1], -pl.val(sl), t)) return 1;
+        if (ls.nfree < 0) return g5vflt(a.nfault, 6);
+      }
+    } else {
+      for (i32 c = 2; c < p; ++c) {
+        double l = st.dense(p, c);
+        if (l == 0.0) continue;
+        if (g5vwvv(a, s, a.iw[2 * (c - 1) + 1], -l, t)) return 1;
+        if (ls.nfree < 0) return g5vflt(a.nfault, 6);
+      }
+    }
+  }
+  if (a.trace) cprintc(" X'WV Absorbed");
+  if (a.want_inverse && !s.lrow.empty()) {
+    if (sparse_inverse(a, s)) return 1;
+    a.inverse_formed = true;
+  }
+  return 0;
+}
+
+}  // namespace tarnel

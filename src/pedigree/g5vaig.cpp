@@ -1,0 +1,503 @@
+// The inverse of the numerator relationship matrix, row by row.
+//
+// For row i with parents S and D, A^-1 gains (1/MV) t t', where t has 1 at
+// i and minus the parent weights at S and D, and MV is the Mendelian
+// sampling variance of i.  MV depends on the inbreeding of the parents, so
+// the rows are taken in order and each row's inbreeding is found as it
+// goes: from the diagonal of A, which is the sum over the row's ancestors j
+// of (weight of j in i)^2 * MV(j).  The ancestors are visited highest row
+// first, so that every ancestor has received the weights of all its
+// progeny on the path before it hands them on to its own parents.
+//
+// Genetic groups are the first ngrp rows.  They have no variance of their
+// own: they count as unknown parents in MV and inbreeding (F = -1, like the
+// unknown parent, and MV 0), but their rows receive the contributions of
+// their progeny.
+#include "pedigree/g5vaig.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "host/console.h"
+#include "host/ctrn.h"
+#include "host/messages.h"
+
+namespace tarnel {
+
+namespace {
+
+// Floors and caps of the row values.
+constexpr double kMinMV = 5e-06;
+constexpr double kMaxF = 0.99999;
+// 1 - 0.5^10: the inbreeding given to more than ten selfing generations.
+constexpr double kLimit = 1.0 - 0.0009765625;
+
+// 0.5^k for k = 1..10.
+struct HalfPowers {
+  double v[11];
+  constexpr HalfPowers() : v() {
+    double h = 1.0;
+    v[0] = 1.0;
+    for (int k = 1; k <= 10; ++k) {
+      h *= 0.5;
+      v[k] = h;
+    }
+  }
+};
+constexpr HalfPowers kHalf;
+
+// X-linked method, by sex of the row (1 male, 2 female).  A male carries
+// his dam's X only; a female carries her sire's whole X and a sampled half
+// of her dam's.  With additive X variance 1 for a non-inbred female and
+// 1/2 for a male, a founder's MV is 1.5 less the founder value.
+struct XlinkRow {
+  double pr[2];
+  double founder;
+};
+constexpr XlinkRow kXlink[3] = {{{0.0, 0.0}, 0.0}, {{0.0, 0.5}, 1.0}, {{1.0, 0.5}, 0.5}};
+
+// Row store access, slots from 1.
+struct Store {
+  span<double> x;
+  span<i32> l;
+  i64 lenai;
+  i32& col(i64 s) const { return l[static_cast<std::size_t>(2 * (s - 1))]; }
+  i32& link(i64 s) const { return l[static_cast<std::size_t>(2 * (s - 1) + 1)]; }
+  double& val(i64 s) const { return x[static_cast<std::size_t>(s - 1)]; }
+};
+
+// Adds `v` to element (row, c), c not above row, walking the row from its
+// head.  A missing column is inserted the way the sparse kernels insert:
+// the element in its way moves to a new slot and its old slot takes the new
+// element, so a head never moves.
+int add_to_row(const Store& st, i64& NEXT, i32 row, i32 c, double v, int& flag,
+               span<i32> dslot) {
+  if (c == row && !dslot.empty()) {
+    const i32 s = dslot[static_cast<std::size_t>(row)];
+    if (s > 0) {
+      st.val(s) += v;
+      return 0;
+    }
+  }
+  i64 s = row;
+  for (;;) {
+    const i32 cur = st.col(s);
+    if (cur == c) {
+      st.val(s) += v;
+      return 0;
+    }
+    if (cur > c) {
+      if (NEXT >= st.lenai) {
+        flag = kAinvPoolFull;
+        return 1;
+      }
+      ++NEXT;
+      st.col(NEXT) = cur;
+      st.link(NEXT) = st.link(s);
+      st.val(NEXT) = st.val(s);
+      if (cur == row && !dslot.empty()) dslot[static_cast<std::size_t>(row)] = static_cast<i32>(NEXT);
+      st.col(s) = c;
+      st.link(s) = static_cast<i32>(NEXT);
+      st.val(s) = v;
+      return 0;
+    }
+    const i32 next = st.link(s);
+    if (next <= 0) {
+      flag = kAinvBrokenRow;
+      return 1;
+    }
+    s = next;
+  }
+}
+
+// Work vectors of g5vaig, carved from the work array.
+struct AigWork {
+  double* mv;     // nan+1: MV of each row (the diagonal of D)
+  double* pr;     // 2(nan+1): parent weights of each row
+  double* w;      // nan+1: weights of the ancestor walk
+  i32* heap;      // nan+1: ancestors waiting, highest row on top
+  i32* dslot;     // nan+1: slot of each row's diagonal
+  i32* stack;     // 2(2nan+2): pairs of the coancestry stack (inbred lines)
+  double* sw;     // 2nan+2: weights of those pairs
+  i64 stack_cap;
+};
+
+i64 half_words(i64 ints) { return (ints + 1) / 2; }
+
+// Max-heap of row numbers.
+void heap_push(i32* h, i64& n, i32 v) {
+  i64 k = n++;
+  while (k > 0) {
+    const i64 p = (k - 1) / 2;
+    if (h[p] >= v) break;
+    h[k] = h[p];
+    k = p;
+  }
+  h[k] = v;
+}
+
+i32 heap_pop(i32* h, i64& n) {
+  const i32 top = h[0];
+  const i32 last = h[--n];
+  i64 k = 0;
+  for (;;) {
+    i64 c = 2 * k + 1;
+    if (c >= n) break;
+    if (c + 1 < n && h[c + 1] > h[c]) ++c;
+    if (h[c] <= last) break;
+    h[k] = h[c];
+    k = c;
+  }
+  if (n > 0) h[k] = last;
+  return top;
+}
+
+int fault(AinvArgs& a, int code, int row, const char* text) {
+  char buf[160];
+  if (row > 0) {
+    std::snprintf(buf, sizeof buf, "Pedigree row %d: %s", row, text);
+  } else {
+    std::snprintf(buf, sizeof buf, "%s", text);
+  }
+  g5verror(buf, 4);
+  a.where = row;
+  return g5vflt(a.ifault, code);
+}
+
+// Inbreeding after n selfing generations starting from g.
+double selfing_series(double g, double fgen) {
+  const long n = static_cast<long>(fgen);
+  for (long k = 0; k < n && k < 2000; ++k) g = (g + 1.0) * 0.5;
+  return g;
+}
+
+}  // namespace
+
+u64 g5vaig_work_words(i64 nan, int ibl) {
+  if (nan < 0) return 0;
+  const i64 n1 = nan + 1;
+  u64 words = static_cast<u64>(4 * n1 + 2 * half_words(n1));
+  if (ibl == 1) words += static_cast<u64>(2 * (2 * nan + 2));
+  return words;
+}
+
+int g5vllin(span<double> ainv, span<i32> llainv, i64 lenai, i64& NEXT, i32 I, i32 S, i32 D,
+            const double PR[2], double C, int& FLAG, span<i32> dslot) {
+  const Store st{ainv, llainv, lenai};
+  if (add_to_row(st, NEXT, I, I, C, FLAG, dslot)) return 1;
+  const bool s_on = S > 0 && PR[0] != 0.0;
+  const bool d_on = D > 0 && PR[1] != 0.0;
+  if (s_on) {
+    if (add_to_row(st, NEXT, S, S, C * PR[0] * PR[0], FLAG, dslot)) return 1;
+    if (add_to_row(st, NEXT, I, S, -C * PR[0], FLAG, dslot)) return 1;
+  }
+  if (d_on) {
+    if (add_to_row(st, NEXT, D, D, C * PR[1] * PR[1], FLAG, dslot)) return 1;
+    if (add_to_row(st, NEXT, I, D, -C * PR[1], FLAG, dslot)) return 1;
+  }
+  if (s_on && d_on) {
+    const double v = C * PR[0] * PR[1];
+    if (S == D) {
+      // Both parents the same: the cross term falls on its diagonal twice.
+      if (add_to_row(st, NEXT, S, S, 2.0 * v, FLAG, dslot)) return 1;
+    } else {
+      const i32 hi = S > D ? S : D, lo = S > D ? D : S;
+      if (add_to_row(st, NEXT, hi, lo, v, FLAG, dslot)) return 1;
+    }
+  }
+  return 0;
+}
+
+int g5vaig(AinvArgs& a, WorkArray work) {
+  const AinvOptions& o = a.opt;
+  const i64 nan = a.nan;
+  a.ifault = 0;
+  a.where = 0;
+  a.empty_groups = 0;
+  a.constraints = 0;
+  if (nan < 0 || o.ngrp < 0 || o.ngrp > nan || a.lenai < nan ||
+      a.llainv.size() < static_cast<std::size_t>(2 * a.lenai) ||
+      a.ainv.size() < static_cast<std::size_t>(a.lenai) ||
+      a.plist.size() < static_cast<std::size_t>(2 * nan) ||
+      a.inbreeding.size() < static_cast<std::size_t>(nan + 1) ||
+      ((o.fmode > 0 || o.xlink > 0) && a.fgsx.size() < static_cast<std::size_t>(nan))) {
+    // A store shorter than one slot a row is a shortage like any other.
+    if (a.lenai < nan && a.lenai >= 0) return fault(a, kAinvPoolFull, 0, "Pedigree row store is full");
+    return fault(a, kAinvSizes, 0, "Pedigree sizes are inconsistent");
+  }
+  if (o.ngrp > 0 && (o.xlink > 0 || o.ibl == 1))
+    return fault(a, kAinvGroupMethod, 0,
+                 "Genetic groups cannot be combined with the X-linked or inbred-line methods");
+  if (!work.valid() || work.len < g5vaig_work_words(nan, o.ibl))
+    return fault(a, kAinvWorkShort, 0, "Pedigree work array is too short");
+  if (o.debug) vprt("G5VAIG #IDs= %d Group= %d Xlink= %d\n", a.nan, o.ngrp, o.xlink);
+
+  const std::size_t n1 = static_cast<std::size_t>(nan + 1);
+  AigWork wk;
+  wk.mv = work.r;
+  wk.pr = wk.mv + n1;
+  wk.w = wk.pr + 2 * n1;
+  wk.heap = reinterpret_cast<i32*>(wk.w + n1);
+  wk.dslot = reinterpret_cast<i32*>(wk.w + n1 + half_words(static_cast<i64>(n1)));
+  double* after = wk.w + n1 + 2 * half_words(static_cast<i64>(n1));
+  wk.stack_cap = 2 * nan + 2;
+  wk.stack = reinterpret_cast<i32*>(after);
+  wk.sw = after + wk.stack_cap;
+
+  const Store st{a.ainv, a.llainv, a.lenai};
+  span<i32> dslot(wk.dslot, n1);
+  for (i64 r = 1; r <= nan; ++r) {
+    st.col(r) = static_cast<i32>(r);
+    st.link(r) = 0;
+    st.val(r) = 0.0;
+    dslot[static_cast<std::size_t>(r)] = static_cast<i32>(r);
+  }
+  a.NEXT = nan;
+  double* F = a.inbreeding.data();
+  for (std::size_t k = 0; k < n1; ++k) {
+    wk.mv[k] = 0.0;
+    wk.w[k] = 0.0;
+    wk.pr[2 * k] = wk.pr[2 * k + 1] = 0.0;
+  }
+  // The unknown parent and the groups: no variance, inbreeding -1, so that
+  // 1 + F, their diagonal of A, is 0.
+  for (i64 g = 0; g <= o.ngrp; ++g) F[g] = -1.0;
+
+  auto sex_of = [&](i64 r) { return static_cast<int>(a.fgsx[static_cast<std::size_t>(r - 1)]); };
+  const bool copy_sibs = o.fmode == 0 && o.xlink == 0;
+
+  for (i64 i = o.ngrp + 1; i <= nan; ++i) {
+    const i32 S = a.plist[static_cast<std::size_t>(2 * (i - 1))];
+    const i32 D = a.plist[static_cast<std::size_t>(2 * (i - 1) + 1)];
+    if (S < 0 || S >= i || D < 0 || D >= i)
+      return fault(a, kAinvBadParent, static_cast<int>(i),
+                   "a parent does not come before its progeny");
+    if (o.ngrp > 0 && S == 0)
+      return fault(a, kAinvGroupParent, static_cast<int>(i),
+                   "first parent unknown in a pedigree with genetic groups");
+    double fgen = o.fmode > 0 ? a.fgsx[static_cast<std::size_t>(i - 1)] : 0.0;
+    if (std::isnan(fgen)) fgen = 0.0;  // no value: no selfing
+    const double FS = F[S], FD = F[D];
+    double PR[2] = {0.5, o.mgs != 0 ? 0.25 : 0.5};
+    double MV = 1.0, Fi = 0.0;
+    bool trace = false;
+    int sex = 0;
+
+    if (o.ibl == 1) {
+      if (S == D && S > 0)
+        return fault(a, kAinvLineParents, static_cast<int>(i),
+                     "an inbred line needs two different parents");
+      PR[1] = 0.5;
+      if (S == 0 && D == 0) {
+        MV = 2.0;
+      } else if (S == 0 || D == 0) {
+        MV = 1.5;
+      } else {
+        // Coancestry of S and D with a stack of pairs.
+        i64 top = 0;
+        double sum = 0.0;
+        wk.stack[0] = S;
+        wk.stack[1] = D;
+        wk.sw[0] = 1.0;
+        top = 1;
+        while (top > 0) {
+          --top;
+          const i32 p = wk.stack[2 * top], q = wk.stack[2 * top + 1];
+          const double w = wk.sw[top];
+          if (p == q) {
+            sum += w;
+            continue;
+          }
+          const i32 later = p > q ? p : q, earlier = p > q ? q : p;
+          for (int k = 0; k < 2; ++k) {
+            const i32 par = a.plist[static_cast<std::size_t>(2 * (later - 1) + k)];
+            if (par <= 0) continue;
+            if (top >= wk.stack_cap) return fault(a, kAinvWorkShort, static_cast<int>(i),
+                                                  "Pedigree work array is too short");
+            wk.stack[2 * top] = par;
+            wk.stack[2 * top + 1] = earlier;
+            wk.sw[top] = 0.5 * w;
+            ++top;
+          }
+        }
+        MV = 1.0 - sum;
+      }
+      Fi = o.dib;
+    } else if (o.xlink > 0) {
+      sex = sex_of(i);
+      if (sex != 1 && sex != 2)
+        return fault(a, kAinvBadSex, static_cast<int>(i),
+                     "the X-linked method needs a sex code of 1 or 2");
+      PR[0] = kXlink[sex].pr[0];
+      PR[1] = kXlink[sex].pr[1];
+      Fi = 0.0;
+      if (S == 0 && D == 0) {
+        MV = 1.5 - kXlink[sex].founder;
+      } else if (S > 0 && D == 0) {
+        if (sex_of(S) != 1)
+          return fault(a, kAinvSexMismatch, static_cast<int>(i),
+                       "the first parent must be of sex 1 under the X-linked method");
+        MV = 0.5;
+      } else if (S == 0 && D > 0) {
+        if (sex != 2 || sex_of(D) != 2)
+          return fault(a, kAinvSexMismatch, static_cast<int>(i),
+                       "a second parent alone needs sex 2 of the row and of that parent");
+        MV = (3.0 - FD) / 4.0;
+      } else {
+        if (sex_of(S) != 1 || sex_of(D) != 2)
+          return fault(a, kAinvSexMismatch, static_cast<int>(i),
+                       "parents must be of sex 1 and 2 under the X-linked method");
+        MV = (1.0 - FD) / 4.0;
+        trace = true;
+      }
+    } else if (D > 0 || (o.pself <= 0 && S > 0)) {
+      if (o.fmode < 1 && o.mgs == 0) {
+        MV = 0.5 - (FS + FD) / 4.0;
+      } else if (o.fmode < 1) {
+        MV = (11.0 - FD - 4.0 * FS) / 16.0;
+      } else {
+        PR[0] = PR[1] = 0.5;
+        MV = 0.5 - (FS + FD) / 4.0;
+        if (S == 0 || D == 0) {
+          const double G = fgen >= 1 ? selfing_series(0.0, fgen) : fgen;
+          MV += G;
+          Fi = G;
+        }
+      }
+      trace = S > 0 && D > 0;
+    } else if (S == 0 && D == 0) {
+      Fi = 0.0;
+      if (o.fmode > 0 && fgen > 0) {
+        if (fgen <= 1) {
+          Fi = fgen;
+        } else if (fgen <= 10) {
+          Fi = 1.0 - kHalf.v[static_cast<int>(fgen)];
+        } else {
+          Fi = kLimit;
+        }
+      }
+      MV = 1.0 + Fi;
+    } else {
+      // First parent known, second unknown, partial selfing.
+      PR[0] = (1.0 + o.pself) / 2.0;
+      MV = 1.0 - ((o.pself * o.pself + 1.0) / 4.0) * (FS + 1.0);
+      Fi = (FS + 1.0) * o.pself / 2.0;
+    }
+
+    if (trace) {
+      const i32 pS = a.plist[static_cast<std::size_t>(2 * (i - 2))];
+      const i32 pD = a.plist[static_cast<std::size_t>(2 * (i - 2) + 1)];
+      if (copy_sibs && i - 1 > o.ngrp && pS == S && pD == D) {
+        Fi = F[i - 1];
+      } else {
+        // Walk the ancestors, highest row first.
+        wk.mv[i] = MV;
+        wk.pr[2 * i] = PR[0];
+        wk.pr[2 * i + 1] = PR[1];
+        double acc = (o.xlink > 0 && sex == 1) ? -0.5 : -1.0;
+        i64 hn = 0;
+        wk.w[i] = 1.0;
+        heap_push(wk.heap, hn, static_cast<i32>(i));
+        while (hn > 0) {
+          const i32 j = heap_pop(wk.heap, hn);
+          const double W = wk.w[j];
+          wk.w[j] = 0.0;
+          for (int k = 0; k < 2; ++k) {
+            const i32 p = a.plist[static_cast<std::size_t>(2 * (j - 1) + k)];
+            const double add = W * wk.pr[2 * static_cast<std::size_t>(j) + k];
+            if (p <= o.ngrp || add == 0.0) continue;
+            if (wk.w[p] == 0.0) heap_push(wk.heap, hn, p);
+            wk.w[p] += add;
+          }
+          acc += W * W * wk.mv[j];
+        }
+        Fi = acc;
+      }
+      if (o.fmode >= 1 && fgen >= 1) {
+        const double G = selfing_series(Fi, fgen);
+        MV += G - Fi;
+        Fi = G;
+      }
+    }
+
+    if (MV < kMinMV) MV = kMinMV;
+    if (Fi > kMaxF) Fi = kMaxF;
+    F[i] = Fi;
+    wk.mv[i] = MV;
+    wk.pr[2 * i] = PR[0];
+    wk.pr[2 * i + 1] = PR[1];
+    a.det -= std::log(1.0 / MV);
+    int flag = 0;
+    if (g5vllin(a.ainv, a.llainv, a.lenai, a.NEXT, static_cast<i32>(i), S, D, PR, 1.0 / MV, flag,
+                dslot)) {
+      if (flag == kAinvPoolFull) return fault(a, flag, static_cast<int>(i), "Pedigree row store is full");
+      return fault(a, flag, static_cast<int>(i), "Pedigree row store is corrupt");
+    }
+  }
+
+  // Genetic groups with no progeny.
+  if (o.ngrp > 0 && o.groupOffset <= 0) {
+    i64 last = 0;  // the last empty group
+    for (i64 g = 1; g <= o.ngrp; ++g) {
+      // A group row holds only columns of groups up to its own.
+      for (i64 s = g; s > 0; s = st.link(s)) {
+        const i32 c = st.col(s);
+        if (c < 1 || c > g) {
+          g5verror("Possible error in genetic group pedigree.", 3);
+          vprt("%ld\n", std::lround(4.0 * st.val(s)));
+        }
+      }
+      if (st.val(dslot[static_cast<std::size_t>(g)]) != 0.0) continue;
+      ++a.empty_groups;
+      char buf[80];
+      if (o.method >= 0 && g - last > 2) {
+        // Close the run of groups since the last empty one: this row
+        // becomes the constraint that their effects sum to zero.
+        for (i64 c = last + 1; c < g; ++c) {
+          int flag = 0;
+          if (add_to_row(st, a.NEXT, static_cast<i32>(g), static_cast<i32>(c), 1.0, flag, dslot))
+            return fault(a, flag, static_cast<int>(g), "Pedigree row store is full");
+        }
+        st.val(dslot[static_cast<std::size_t>(g)]) = 0.0;
+        ++a.constraints;
+        std::snprintf(buf, sizeof buf, "Empty Genetic Group%2d generated a Constraint",
+                      static_cast<int>(g));
+        g5verror(buf, 2);
+      } else {
+        std::snprintf(buf, sizeof buf, "Empty Genetic Group%2d", static_cast<int>(g));
+        g5vcormsg(buf, 3);
+      }
+      last = g;
+    }
+  }
+  return 0;
+}
+
+int pedigree_triples(AinvArgs& a, span<double> ginv, i64& linv) {
+  const Store st{a.ainv, a.llainv, a.lenai};
+  const std::size_t cap = ginv.size() / 3;
+  linv = 0;
+  for (i64 r = 1; r <= a.nan; ++r) {
+    for (i64 s = r; s > 0; s = st.link(s)) {
+      if (static_cast<std::size_t>(linv) >= cap)
+        return fault(a, kAinvTriplesShort, static_cast<int>(r), "Pedigree triple store is too short");
+      double* rec = ginv.data() + 3 * linv;
+      rec[0] = static_cast<double>(r);
+      rec[1] = static_cast<double>(st.col(s));
+      rec[2] = st.val(s);
+      ++linv;
+    }
+  }
+  return 0;
+}
+
+int pedigree(AinvArgs& a, WorkArray work, span<double> ginv, i64& linv) {
+  linv = 0;
+  if (!licence_check()) return fault(a, kAinvSizes, 0, "Licence check failed");
+  a.det = 2.0 - a.det;
+  if (g5vaig(a, work)) return 1;
+  if (ginv.empty()) return 0;
+  return pedigree_triples(a, ginv, linv);
+}
+
+}  // namespace tarnel

@@ -1,0 +1,430 @@
+// Absorption: factors the store in place from position NEQ down to 2 and
+// solves for the effects.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "host/console.h"
+#include "host/messages.h"
+#include "sparse/mme.h"
+
+namespace tarnel {
+
+namespace {
+
+inline i32& iw1(span<i32> iw, i64 q) { return iw[2 * (q - 1)]; }
+inline i32& iw2(span<i32> iw, i64 q) { return iw[2 * (q - 1) + 1]; }
+
+// Inserts slot e (its value kept) into row r with column c, walking from
+// the head and relinking the predecessor.  An equal column takes the value
+// and e becomes a hole.
+void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
+  i64 prev = head;
+  i64 s = p.lnk(head);
+  while (s > 0 && p.col(s) < c) {
+    prev = s;
+    s = p.lnk(s);
+  }
+  if (s > 0 && p.col(s) == c) {
+    p.val(s) += p.val(e);
+    p.col(e) = 0;
+    p.lnk(e) = 0;
+    return;
+  }
+  p.col(e) = c;
+  p.lnk(e) = static_cast<i32>(s > 0 ? s : 0);
+  p.lnk(prev) = static_cast<i32>(e);
+}
+
+}  // namespace
+
+int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
+  const i32 neq = st.neq, nd = st.ndense;
+  const Pool pool = st.pool();
+  int& err = *a.err;
+  const i64 nheads = static_cast<i64>(neq) - nd;
+  if (neq < 1 || nd < 1 || nd > neq || a.iw.size() < 2u * neq || a.dd.size() < (size_t)neq ||
+      a.soln.size() < (size_t)neq || a.work.size() < (size_t)neq || a.off < st.len ||
+      a.off + neq > pool.nlnk || st.len > pool.nval || st.lx >= st.len || st.lx < nheads) {
+    err = 6;
+    return g5vflt(nfault, 6);
+  }
+  if (a.impute[0] >= 1) {
+    g5verror(" Sampled solutions in absorption not available yet", 3);
+    return g5vflt(nfault, 1);
+  }
+  if (a.threads >= 101) {
+    g5verror(" Strip absorption (THREADS >= 101) not available yet", 3);
+    return g5vflt(nfault, 1);
+  }
+  // Every equation number of the order must be a valid equation.
+  for (i32 q = 1; q <= neq; ++q) {
+    const i32 e = iw2(a.iw, q);
+    if (e < 1 || e > neq || (q <= nd && e != q)) {
+      err = 7;
+      return g5vflt(nfault, 7);
+    }
+  }
+
+  // Tolerance.
+  double tol = static_cast<double>(std::pow(10.0f, static_cast<float>(a.e1))) * 1e-9;
+  if (a.iter >= 2) tol *= static_cast<double>(std::pow(10.0f, static_cast<float>(a.e2 - 1)));
+
+  a.nsing = 0;
+  a.moves = 0;
+  FreeRun pardolx[8];
+  for (auto& r : pardolx) r = FreeRun{};
+  i64& lx = st.lx;
+  auto tab1 = [&](i64 q) -> i32& { return pool.col(a.off + q); };
+  auto tab2 = [&](i64 q) -> i32& { return pool.lnk(a.off + q); };
+
+  // Rows from equation order to the order of IW.
+  if (neq > nd) {
+    for (i32 e = 1; e <= neq; ++e) tab1(e) = 0;
+    for (i32 q = nd + 1; q <= neq; ++q) {
+      const i32 e = iw2(a.iw, q);
+      if (tab1(e) != 0) {
+        err = 7;
+        return g5vflt(nfault, 7);
+      }
+      tab1(e) = q;
+    }
+    for (i32 e = 1; e <= nd; ++e) tab1(e) = e;
+    // Permute the heads along the cycles: the head of equation e goes to
+    // slot newpos(e)-NDENSE.  Done heads are marked by a negated table entry.
+    for (i32 e0 = nd + 1; e0 <= neq; ++e0) {
+      if (tab1(e0) < 0 || tab1(e0) == e0) continue;
+      double v = pool.val(e0 - nd);
+      i32 c = pool.col(e0 - nd), l = pool.lnk(e0 - nd);
+      i32 e = e0;
+      while (tab1(e) > 0) {
+        const i32 q = tab1(e);
+        tab1(e) = -q;
+        const i64 h = q - nd;
+        const double v2 = pool.val(h);
+        const i32 c2 = pool.col(h), l2 = pool.lnk(h);
+        pool.val(h) = v;
+        pool.col(h) = c;
+        pool.lnk(h) = l;
+        v = v2;
+        c = c2;
+        l = l2;
+        e = q;
+      }
+    }
+    for (i32 e = 1; e <= neq; ++e)
+      if (tab1(e) < 0) tab1(e) = -tab1(e);
+    for (i64 s = 1; s <= lx; ++s) {
+      const i32 c = pool.col(s);
+      if (c > nd) {
+        if (c > neq) {
+          err = 130;
+          return g5vflt(nfault, 130);
+        }
+        pool.col(s) = tab1(c);
+      }
+    }
+  }
+
+  // Slots taken before absorption stay below LEN.
+  Pool below = pool;
+  below.nval = st.len - 1;
+  // Pivot tolerances; sparse rows re-sorted into lower-triangle form.
+  for (i32 q = 2; q <= nd && q <= neq; ++q)
+    a.dd.at1(q) = std::fmax(std::fabs(st.dense(q, q)) * tol, tol);
+  for (i32 q = neq; q > nd; --q) {
+    const i64 h = q - nd;
+    if (pool.lnk(h) == -1) {
+      a.dd.at1(q) = tol;
+      continue;
+    }
+    i64 s = pool.lnk(h);
+    pool.lnk(h) = 0;
+    int guard = 0;
+    while (s > 0) {
+      if (++guard > neq + 1 || s > lx) {
+        err = 136;
+        return g5vflt(nfault, 136);
+      }
+      const i64 nxt = pool.lnk(s);
+      const i32 c = pool.col(s);
+      if (c > q) {
+        const i64 hc = c - nd;
+        if (pool.lnk(hc) == -1) {
+          // The transposed row was never touched: give it a zero diagonal.
+          pool.lnk(hc) = 0;
+          i64 t = hc;
+          if (g5vlld(below, lx, t, c, 0.0)) {
+            err = 6;
+            return g5vflt(nfault, 6);
+          }
+        }
+        insert_sorted(pool, hc, s, q);
+      } else if (c >= 1) {
+        insert_sorted(pool, h, s, c);
+      }
+      s = nxt;
+    }
+  }
+  for (i32 q = nd + 1; q <= neq; ++q) {
+    const i64 h = q - nd;
+    if (pool.lnk(h) == -1) continue;
+    i64 s = h;
+    while (pool.lnk(s) > 0) s = pool.lnk(s);
+    if (pool.col(s) != q) {  // a row without its diagonal: give it one
+      if (g5vlld(below, lx, s, q, 0.0)) {
+        err = 6;
+        return g5vflt(nfault, 6);
+      }
+      s = lx;
+    }
+    a.dd.at1(q) = std::fmax(std::fabs(pool.val(s)) * tol, tol);
+  }
+
+  for (auto& r : a.rank) r = 0;
+  a.logdet = 0.0;
+
+  const i64 step = std::max<i64>(200000, st.len / 10);
+  i64 nextreport = step + step / 2;
+  if (a.threads > 1) {
+    if (a.iter <= 1 && a.trace) vprt(" Threads NEQ %d %d %d\n", a.threads, nd, neq);
+    const int ns = a.threads < 8 ? a.threads : 8;
+    for (int k = 0; k < ns; ++k) {
+      const i64 run = neq / 2;
+      if (lx + run >= st.len) {
+        err = 6;
+        return g5vflt(nfault, 100000 + neq);
+      }
+      pardolx[k].base = lx;
+      pardolx[k].count = run;
+      lx += run;
+    }
+  }
+
+  i64 top = st.len;
+  const i64 lxmax = st.len;
+  PackArgs pk;
+  pk.lx = &lx;
+  pk.top = &top;
+  pk.ndense = nd;
+  pk.neq = neq;
+  pk.trace = a.trace;
+  pk.unit = a.unit;
+  pk.err = &err;
+  a.peaklx = lx;
+  const double tiny = 1e-18;
+  const int maxmoves = 4 * (neq - nd) + 50;
+
+  auto singular = [&](i32 q, i32 e, double d) {
+    if (iw1(a.iw, e) > 0) iw1(a.iw, e) = -iw1(a.iw, e);
+    if (a.trace && a.iter >= 2 && d != 0.0)
+      vprt("G5VXXA Extra singularity %d %d %g %g %g\n", e, q, d, a.dd.at1(q), tol);
+    a.dd.at1(q) = 0.0;
+    a.soln.at1(q) = 0.0;
+    ++a.nsing;
+  };
+  auto pivot = [&](i32 q, i32 e, double d) {
+    a.logdet += std::log(std::fabs(d));
+    const i32 t = iw1(a.iw, e);
+    const i32 at = t < 0 ? -t : t;
+    if (at > 0 && static_cast<size_t>(at) <= a.rank.size()) a.rank.at1(at) += 1;
+    a.dd.at1(q) = 1.0 / d;
+  };
+
+  i32 p = neq;
+  while (p >= 2) {
+    if (a.trace && lx > nextreport) {
+      vprt(" Absorbing %d %d %.1f%%\n", p, neq, 100.0 * lx / std::max<i64>(st.len, 1));
+      nextreport += step;
+    }
+    const i32 e = iw2(a.iw, p);
+    if (p > nd) {
+      i64 rstart = 0, plen = 0;
+      const double d = g5vxil(pool, pk, rstart, p, plen);
+      tab2(p) = static_cast<i32>(rstart);
+      if (err != 0) {
+        err += 1;
+        return g5vflt(nfault, 100000 + p);
+      }
+      if (lx > a.peaklx) a.peaklx = lx;
+      if (iw1(a.iw, e) < 0) {
+        singular(p, e, 0.0);
+        --p;
+        continue;
+      }
+      if (plen > 0 && pool.col(rstart) == 0) {
+        iw1(a.iw, e) = 0;
+        a.soln.at1(p) = 0.0;
+        a.dd.at1(p) = 0.0;
+        --p;
+        continue;
+      }
+      const double ad = std::fabs(d);
+      if (ad < tol && plen > 1) {
+        // Pivot search: a constraint-like row with a zero diagonal.
+        i32 target = 0;
+        bool seen = false;
+        for (i64 s = rstart; s > rstart - plen + 1; --s) {
+          const i32 c = pool.col(s);
+          if (c == p || c < 1) continue;
+          if (std::fabs(pool.val(s)) > 100 * tol) {
+            if (c <= nd) continue;
+            seen = true;
+            const i64 di = g5vxii(c, pool, nd, 0);
+            if (di > 0 && std::fabs(pool.val(di)) >= tol) {
+              target = c;
+              break;
+            }
+          }
+        }
+        if (target == 0 && seen) {
+          const i32 q0 = (nd + 2 * p) / 3;
+          for (i32 q = q0; q > nd && target == 0; --q) {
+            const i64 di = g5vxii(q, pool, nd, 0);
+            if (di > 0 && std::fabs(pool.val(di)) > 100 * tol) target = q;
+          }
+          for (i32 q = q0 + 1; q < p && target == 0; ++q) {
+            const i64 di = g5vxii(q, pool, nd, 0);
+            if (di > 0 && std::fabs(pool.val(di)) > 100 * tol) target = q;
+          }
+          if (target == 0) {
+            g5verror(" Lagrangian/Group equation error absorbing SSP", 2);
+            if (a.trace) vprt(" %d %d %g\n", e, p, d);
+          }
+        }
+        if (target > 0 && target < p && a.moves < maxmoves) {
+          if (a.trace && a.moves < 51)
+            vprt(" Move %d %d %d %g\n", p, e, iw2(a.iw, target), d);
+          MoveArgs mv;
+          mv.lx = &lx;
+          mv.top = top;
+          mv.lxmax = lxmax;
+          mv.ndense = nd;
+          mv.neq = neq;
+          mv.off = a.off;
+          mv.iw = a.iw;
+          mv.dd = a.dd;
+          mv.nfault = &nfault;
+          if (g5vxmp(pool, mv, p, target)) {
+            err = 496;
+            if (nfault == 6) nfault = 100000 + p;
+            return 1;
+          }
+          ++a.moves;
+          continue;  // the row now at p is absorbed next
+        }
+        singular(p, e, d);
+        --p;
+        continue;
+      }
+      if (ad <= tol || ad <= a.dd.at1(p)) {
+        singular(p, e, d);
+        --p;
+        continue;
+      }
+      pivot(p, e, d);
+      const double r = 1.0 / d;
+      // Row update: element k (slot rstart-k), columns ascending with k.
+      const i64 dslot = rstart - plen + 1;  // the diagonal
+      for (i64 s = dslot + 1; s <= rstart; ++s) {
+        const i32 c = pool.col(s);
+        const double am = pool.val(s) * r;
+        if (std::fabs(am) < tiny) continue;
+        const i64 last = rstart - s;  // elements of lower column than c
+        if (c > nd) {
+          if (lx + last + 1 >= top) {
+            if (a.trace) vprt(" Compact %d %d %lld\n", p, neq, (long long)lx);
+            if (g5vllp(pool, lx, nd, neq, top - (last + 1), a.trace, a.unit) == 1) {
+              err += 1 + 495;
+              return g5vflt(nfault, 100000 + p);
+            }
+          }
+          Pool lim = pool;
+          lim.nval = top;
+          i64 pos = c - nd;
+          if (pool.lnk(pos) == -1) {  // an untouched target gets its diagonal first
+            if (g5vlld(lim, lx, pos, c, 0.0)) {
+              err += 1 + 495;
+              return g5vflt(nfault, 100000 + p);
+            }
+          }
+          g5vllrs(lim, lx, pos, s, -am, last);
+          if (pos < 0) {
+            err += 1 + 495;
+            return g5vflt(nfault, 100000 + p);
+          }
+        } else if (c >= 1) {
+          const i64 base = static_cast<i64>(c) * (c - 1) / 2;  // X(c,cc) at base+cc
+          for (i64 t = s; t <= rstart; ++t) {
+            const i32 cc = pool.col(t);
+            if (cc >= 1 && cc <= c) st.x[base + cc - 1] -= am * pool.val(t);
+          }
+        }
+        if (lx > a.peaklx) a.peaklx = lx;
+      }
+      if (lx >= st.len) {
+        if (g5vflt(nfault, 100000 + p)) return 1;
+      }
+      --p;
+      continue;
+    }
+    // Dense position.
+    if (iw1(a.iw, e) < 0) {
+      singular(p, e, 0.0);
+      --p;
+      continue;
+    }
+    const double d = st.dense(p, p), t = a.dd.at1(p);
+    if (!(d > t)) {
+      if (d < -8 * t) {
+        ++a.negpiv;
+        if (a.trace) vprt(" Negative pivot %d %d %g %g\n", p, e, d, t);
+      }
+      singular(p, e, d);
+      --p;
+      continue;
+    }
+    pivot(p, e, d);
+    const double r = 1.0 / d;
+    const double* rowp = &st.x[static_cast<i64>(p) * (p - 1) / 2];  // rowp[j-1] = X(p,j)
+    for (i32 j = p - 1; j >= 1; --j) {
+      const double am = rowp[j - 1] * r;
+      if (std::fabs(am) > tol) {
+        double* rowj = &st.x[static_cast<i64>(j) * (j - 1) / 2];
+        for (i32 i = 1; i <= j; ++i) rowj[i - 1] -= am * rowp[i - 1];
+      }
+    }
+    --p;
+  }
+  if (a.trace) vprt(" equations reordered %d\n", a.moves);
+
+  // Solution by position.
+  if (neq > nd) tab2(nd) = static_cast<i32>(top);
+  for (i32 q = 2; q <= neq; ++q) {
+    const i32 e = iw2(a.iw, q);
+    if (iw1(a.iw, e) < 0 || a.dd.at1(q) == 0.0) {
+      a.soln.at1(q) = 0.0;
+      continue;
+    }
+    double sum = 0.0;
+    if (q > nd) {
+      i64 s = tab2(q);
+      if (pool.col(s) == 1) {
+        sum = pool.val(s);
+        --s;
+      }
+      for (; s > top && pool.col(s) != q; --s) {
+        const i32 c = pool.col(s);
+        if (c >= 2 && c < q) sum -= pool.val(s) * a.soln.at1(c);
+      }
+    } else {
+      sum = st.dense(q, 1);
+      for (i32 j = 2; j < q; ++j) sum -= st.dense(q, j) * a.soln.at1(j);
+    }
+    a.soln.at1(q) = sum * a.dd.at1(q);
+  }
+  g5vxxi(a.soln, a.work, a.iw, neq);
+  return 0;
+}
+
+}  // namespace tarnel

@@ -1,0 +1,209 @@
+// Forming, ordering and absorbing the mixed model equations.
+//
+// One iteration: g5vxxs once per R section adds X'R^-1 X (response as
+// column 1) to the store of row_store.h; g5vxxg adds the G inverses; on the
+// first iteration an ordering routine (g5veor family) chooses positions;
+// g5vxxa factors the store in place from position NEQ down to 2 and solves.
+//
+// Orders: `iw` is a span of 2*NEQ 32-bit integers, pairs per index q:
+//   IW(1,q) = iw[2(q-1)], IW(2,q) = iw[2(q-1)+1].
+// During ordering IW(1,e) is the position of equation e and IW(2,p) the
+// equation at position p.  Absorption reads IW(1,e) as the term of equation
+// e (g5vmor sets it; negative: the equation takes no pivot) and IW(2,p) as
+// the equation at position p.
+// DD: one real per position: pivot tolerance before the pivot, reciprocal
+// pivot after it, 0 when the position took none.
+#ifndef TARNEL_SPARSE_MME_H
+#define TARNEL_SPARSE_MME_H
+
+#include "control/engine_types.h"
+#include "sparse/row_store.h"
+#include "variance/structures.h"
+
+namespace tarnel {
+
+// ---------------------------------------------------------------- ordering
+
+// g5vmor: the natural order.  IW(1,1) = 0, IW(2,1) = 1; then for each term t
+// (1-based) and each of its nlev[t-1] levels at running equation i:
+// IW(2,i) = i and IW(1,i) = t, or -t when marker[t-1] == -999 (marker may be
+// empty).  Result 0; 1 when the levels do not add up to NEQ-1 (nfault 7).
+int g5vmor(span<i32> iw, i32 neq, span<const i32> nlev, span<const i32> marker, int& nfault);
+
+// Arguments of the ordering routines.  The pattern is read from the store
+// (L, and X only to recognise zero values); the store is not changed.
+struct OrderArgs {
+  const MmeStore* store = nullptr;
+  span<i32> iw;               // out: 2*NEQ (IW(1,e) position, IW(2,p) equation)
+  span<i32> work;             // integer scratch: 8*NEQ ints (ISZ, GRP, DLY
+                              // pairs, two lists), then the working pattern
+                              // as pairs (at least NEQ-NDENSE of them)
+  i64 maxlx = 0;              // slot limit of the working pattern (MAXLX)
+  int mode = 1;               // M; used as MO = (M mod 10) - 1
+  span<const i32> priority;   // equations to absorb last, in order
+  i32 nest[3] = {0, 0, 0};    // nesting record: first-1, two dimensions
+  span<const i32> termcode;   // per term: structure code (>= 20000: product)
+  span<const i32> nlev;       // per term: number of levels
+  span<const int> struc;      // structure table (for XFA detection)
+  int lstruc = 0;             // its leading dimension (fields per section)
+  bool trace = false;
+  int unit = 6;
+  int* err = nullptr;         // set to 7 on failure
+  i64 fill = 0;               // out: symbolic count of factor elements
+                              // (lower triangle, sparse positions, with
+                              // diagonals), as the elimination counted it
+  i64 peak = 0;               // out: highest working-pattern slot used
+};
+
+// g5veor: main minimum-degree ordering with groups, delays and nesting.
+// Result 0; 1 on failure (err = 7).
+int g5veor(OrderArgs& a);
+// g5veora: variant choosing by true fill counts.
+int g5veora(OrderArgs& a);
+// g5veorb: variant with its own trace words, choice as g5veor.
+int g5veorb(OrderArgs& a);
+// g5vmetis: entry for an external graph partitioner; does nothing, the order
+// stays as it is.
+void g5vmetis();
+
+// Symbolic fill of absorbing the store's pattern in the order `iw`: the
+// number of lower-triangle elements of the factor in sparse positions,
+// diagonals included.  Needs 5*(NEQ-NDENSE)+2 ints plus one per
+// off-diagonal sparse element of the store in `work`; result -1 when it
+// does not fit or the order is not valid.
+i64 symbolic_fill(const MmeStore& s, span<const i32> iw, span<i32> work);
+
+// "EQNORD.BIN": an order kept for reuse.  The header holds NDENSE, NEQ, the
+// number of terms, the integer space mark and the total space.
+// eqnord_read: result 0 and IW(2,.) filled when the file exists and its
+// header matches; 1 otherwise (a mismatching or unreadable file is deleted).
+int eqnord_read(span<i32> iw, i32 ndense, i32 neq, i32 nterms, i64 mark, i64 total,
+                bool trace);
+// eqnord_write: result 0; 1 when the file could not be written.
+int eqnord_write(span<const i32> iw, i32 ndense, i32 neq, i32 nterms, i64 mark, i64 total,
+                 bool trace);
+
+// Loads a lower triangle given as triplets (row >= col, 1-based, in
+// equation order, sorted by row and then column, no repeats) into a
+// cleared store.  Every sparse row named gets its diagonal and its column
+// 1 head.  Result 0; 1 with nfault 130 for a bad triplet or 6 when the
+// pool is full.
+int mme_load_lower(MmeStore& s, span<const i32> row, span<const i32> col,
+                   span<const double> val, int& nfault);
+
+// ------------------------------------------------------------ SSP forming
+
+// Design records: record i (1-based) runs from start[i-1] to start[i]-1
+// (1-based indexes into val and col; start has records+1 entries) and ends
+// earlier at a column not above its predecessor.  The first value of a
+// record is the response, column 1.
+struct DesignView {
+  span<const double> val;
+  span<const i32> col;
+  span<const i64> start;
+};
+
+// Scratch of SSP formation: acc NEQ reals (kept clear between records),
+// list NEQ+1 ints, links 2*NEQ+2 ints (general case).
+struct SspScratch {
+  span<double> acc;
+  span<i32> list;
+  span<i32> links;
+};
+
+// One R section for g5vxxs.
+struct SspSection {
+  DesignView design;
+  span<const i32> colflag;     // per equation: below 1 takes part; empty: all
+  span<const int> struc;       // structure table, rows of `lstruc` fields
+  int lstruc = 0;
+  int section = 1;             // this section's row of struc (1-based)
+  int termcode = 0;            // -1 identity, -3 general, >= 0 diagonal type
+  i64 first = 1, last = 0;     // record range (1-based, inclusive)
+  double sigma2 = 1.0;         // scale
+  span<const double> gammas;   // parameter values (1-based positions)
+  span<const double> weights;  // per-record response weights; empty: none
+  int ntraits = 0;             // traits count (0 or 1: univariate)
+  double* logdet = nullptr;    // the R section's log determinant (adds)
+  i64* skipped = nullptr;      // records skipped
+  int* err = nullptr;          // error word
+  bool trace = false;
+};
+
+// g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
+// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
+int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
+
+// g5vxxr: one row of R^-1 (a direct product of nsect sections, handled last
+// to first) for record `rec` (1-based).  values: dense over the section's
+// records, cols: its non-zero columns (1-based), count.  Result 1 on a fault
+// of the structure rows.
+struct RowSource {
+  const FormRecord* records = nullptr;  // one per section of the product
+  StrucRow* rows = nullptr;             // the sections' rows of struc
+  int nsect = 0;
+  const WorkArray* work = nullptr;
+  const GivTable* giv = nullptr;
+  bool second = true;                   // use the inverse half of the records
+  int unit = 6;
+  span<double> scratch;                 // one section row, scattered
+  span<int> scols;                      // its columns
+};
+int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
+           double scale, int& ifault);
+
+// g5vxxm: one block of R^-1 for multivariate records: rows `nrow` of trait
+// order `t`, observed traits in pattern (1 observed), out by rows in block
+// (t*t reals).  Result 1 on fault.
+int g5vxxm(i64 startrow, int nrow, int t, span<const int> pattern, const RowSource& src,
+           span<double> block, int& ifault);
+
+// A G term for g5vxxg.
+struct GTerm {
+  i32 nlev = 0;        // equations of the term
+  i32 code = 0;        // 0: no G; 1..10000: position in gammas of a scale
+                       // parameter (scaled identity); >= 10000: direct product
+  int nsect = 0;       // product: number of sections
+  RowSource src;       // product: the sections (inverse halves)
+};
+
+// g5vxxg: adds the G inverses of the terms to the store.  Terms are laid out
+// after the response: term t's equations follow those of term t-1.  Result
+// 0; 1 on fault (nfault set, 6 for a full store).
+int g5vxxg(MmeStore& s, span<const GTerm> terms, span<const double> gammas, SspScratch& w,
+           int& nfault);
+
+// ------------------------------------------------------------- absorption
+
+struct AbsorbArgs {
+  span<i32> iw;               // 2*NEQ; rows are permuted to this order
+  i64 off = 0;                // offset in L of the tables behind the pool
+                              // (needs off+NEQ pairs; off >= pool slots)
+  double logdet = 0;          // out: log |C| of the pivoted part
+  span<i32> rank;             // out: rank per term (NTERMS)
+  i32 nsing = 0;              // out: singularity count
+  span<double> soln;          // out: solution by equation (NEQ), and a
+                              // sample behind it when impute[0] >= 1
+  span<double> work;          // NEQ reals
+  span<double> dd;            // NEQ reals: DD by position
+  i32 impute[2] = {0, 0};     // sampling range
+  int marker = 0;             // term-code marker word (-113: DDF hook)
+  int iter = 1;               // iteration number
+  int e1 = 0, e2 = 0;         // tolerance options (aiopt[39], aiopt[40])
+  int negpiv = 0;             // in/out: negative dense pivots (aiopt[48])
+  int threads = 1;            // strip count (aiopt[56])
+  span<i32> status;           // per strip status (8)
+  int* err = nullptr;         // error word
+  bool trace = false;
+  int unit = 6;
+  i32 moves = 0;              // out: equations moved by the pivot search
+  i64 peaklx = 0;             // out: highest slot used by the pool
+};
+
+// g5vxxa: factors the store in place (positions NEQ down to 2) and solves.
+// Result 0; 1 after a fault (err and/or nfault set).
+int g5vxxa(MmeStore& s, AbsorbArgs& a, int& nfault);
+
+}  // namespace tarnel
+
+#endif

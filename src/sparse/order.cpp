@@ -1,0 +1,645 @@
+// Equation ordering: a symbolic minimum-degree elimination over the pattern
+// of the sums of squares and products, absorbed from position NEQ down.
+//
+// Working pattern: pairs (column, link) in the integer scratch behind the
+// per-equation words.  Row e has a permanent head slot e-NDENSE whose column
+// word is a sentinel and whose link starts the chain; the chain holds the
+// sparse neighbours of e (both triangles) by ascending equation number.
+// Dense columns are not part of the pattern: they fill in anyway.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "host/console.h"
+#include "host/messages.h"
+#include "sparse/mme.h"
+
+namespace tarnel {
+
+namespace {
+
+constexpr i32 kSentinel = -2;
+
+struct Ord {
+  OrderArgs& a;
+  const i32 neq, nd;
+  i32* iw;    // pairs
+  i32* isz;   // pairs
+  i32* grp;   // pairs
+  i32* dly;   // pairs
+  i32* tmp;   // NEQ ints: neighbour lists and sort scratch
+  i32* tmp2;  // NEQ ints: marks
+  i32* wr;    // pattern pairs
+  i64 maxlx = 0, next = 0, freel = 0;
+  i32 nebot = 0, nemid = 0, netop = 0;
+  int mo = 0;
+  int variant = 0;  // 0 g5veor, 1 g5veora, 2 g5veorb
+  i64 fill = 0;
+  i32 stamp = 0;
+
+  Ord(OrderArgs& args, i32 n, i32 d) : a(args), neq(n), nd(d) {}
+
+  i32& IW1(i64 q) { return iw[2 * (q - 1)]; }
+  i32& IW2(i64 q) { return iw[2 * (q - 1) + 1]; }
+  i32& ISZ1(i64 e) { return isz[2 * (e - 1)]; }
+  i32& ISZ2(i64 e) { return isz[2 * (e - 1) + 1]; }
+  i32& GRP1(i64 e) { return grp[2 * (e - 1)]; }
+  i32& GRP2(i64 e) { return grp[2 * (e - 1) + 1]; }
+  i32& DLY1(i64 e) { return dly[2 * (e - 1)]; }
+  i32& DLY2(i64 e) { return dly[2 * (e - 1) + 1]; }
+  i32& WC(i64 s) { return wr[2 * (s - 1)]; }
+  i32& WL(i64 s) { return wr[2 * (s - 1) + 1]; }
+  i64 head(i32 e) const { return static_cast<i64>(e) - nd; }
+
+  i64 take() {
+    if (freel > 0) {
+      const i64 s = freel;
+      freel = WL(s);
+      if (next > a.peak) a.peak = next;
+      return s;
+    }
+    if (next + 1 > maxlx) return 0;
+    ++next;
+    if (next > a.peak) a.peak = next;
+    return next;
+  }
+  void give(i64 s) {
+    WC(s) = 0;
+    WL(s) = static_cast<i32>(freel);
+    freel = s;
+  }
+  bool active(i32 c) {
+    const i32 q = IW1(c);
+    return q >= nebot && q <= nemid;
+  }
+  i32 weight(i32 e) { return 1 + (GRP2(e) > 0 ? GRP2(e) : 0); }
+
+  void swap_pos(i32 p, i32 q) {
+    if (p == q) return;
+    const i32 ep = IW2(p), eq = IW2(q);
+    IW2(p) = eq;
+    IW2(q) = ep;
+    IW1(eq) = p;
+    IW1(ep) = q;
+  }
+
+  // Removes column c from row r's chain; result 1 when it was there.
+  int unlink(i32 r, i32 c) {
+    i64 prev = head(r), s = WL(prev);
+    while (s > 0 && WC(s) < c) {
+      prev = s;
+      s = WL(s);
+    }
+    if (s > 0 && WC(s) == c) {
+      WL(prev) = WL(s);
+      give(s);
+      return 1;
+    }
+    return 0;
+  }
+
+  // g5vedr: takes the full row at position q out of selection.
+  void g5vedr(i32 q) {
+    const i32 e = IW2(q);
+    swap_pos(q, nebot);
+    ++nebot;
+    const i32 w = weight(e);
+    if (ISZ1(e) > 1) {
+      for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
+        const i32 c = WC(s);
+        if (active(c) && unlink(c, e)) ISZ1(c) -= w;
+      }
+    }
+    DLY1(e) = -1;
+  }
+
+  // g5vell: merges the sorted list into row c, removing the eliminated row
+  // e; counts each gained column in ISZ(1,c).  Result 1 when slots run out.
+  int g5vell(i32 c, const i32* list, i32 n, i32 e) {
+    i64 prev = head(c), s = WL(prev);
+    i32 k = 0;
+    bool gone = false;  // the eliminated row's element has been removed
+    while (k < n || s > 0) {
+      if (k >= n && (gone || (s > 0 && WC(s) > e))) break;  // nothing more to do
+      const i32 cs = s > 0 ? WC(s) : 0x7fffffff;
+      const i32 cl = k < n ? list[k] : 0x7fffffff;
+      if (cs == e) {  // the eliminated row
+        const i64 nx = WL(s);
+        WL(prev) = static_cast<i32>(nx);
+        give(s);
+        s = nx;
+        gone = true;
+        continue;
+      }
+      if (cl == c) {
+        ++k;
+        continue;
+      }
+      if (cs < cl) {
+        prev = s;
+        s = WL(s);
+      } else if (cs == cl) {
+        prev = s;
+        s = WL(s);
+        ++k;
+      } else {
+        const i64 t = take();
+        if (t == 0) {
+          if (a.err) *a.err = 1111;
+          return 1;
+        }
+        WC(t) = cl;
+        WL(t) = static_cast<i32>(s > 0 ? s : 0);
+        WL(prev) = static_cast<i32>(t);
+        prev = t;
+        ISZ1(c) += weight(cl);
+        ++k;
+      }
+    }
+    return 0;
+  }
+
+  // g5veab: eliminates the row at position inn.
+  int g5veab(i32 inn) {
+    const i32 e = IW2(inn);
+    const i32 w = weight(e);
+    swap_pos(inn, netop);
+    fill += ISZ1(e);
+    i32 n = 0;
+    for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
+      const i32 c = WC(s);
+      if (!active(c)) continue;
+      tmp[n++] = c;
+      ISZ1(c) -= w;
+    }
+    // Free the chain.
+    i64 s = WL(head(e));
+    WL(head(e)) = 0;
+    while (s > 0) {
+      const i64 nx = WL(s);
+      give(s);
+      s = nx;
+    }
+    for (i32 k = 0; k < n; ++k)
+      if (g5vell(tmp[k], tmp, n, e)) return 1;
+    DLY1(e) = -1;
+    return 0;
+  }
+
+  // g5veiv would turn a long row into complement form; rows here stay in
+  // normal form, and a row that becomes full leaves selection instead.
+
+  // Fill count of eliminating e now: pairs of neighbours not yet joined.
+  i64 countrow(i32 e) {
+    i32 n = 0;
+    --stamp;  // negative marks never meet the sort's bucket positions
+    for (i64 s = WL(head(e)); s > 0; s = WL(s))
+      if (active(WC(s))) tmp[n++] = WC(s);
+    i64 missing = 0;
+    for (i32 k = 0; k < n; ++k) {
+      const i32 c = tmp[k];
+      for (i32 j = 0; j < n; ++j) tmp2[tmp[j] - 1] = stamp;
+      i32 have = 0;
+      for (i64 s = WL(head(c)); s > 0; s = WL(s))
+        if (tmp2[WC(s) - 1] == stamp) ++have;
+      missing += (n - 1) - have;
+    }
+    return missing / 2;
+  }
+
+  // Counting sort of positions nebot..nemid by length: the shortest at the
+  // highest position.
+  void sort_active() {
+    const i32 lo = nebot, hi = nemid;
+    if (hi < lo) return;
+    i32 maxlen = 0;
+    for (i32 p = lo; p <= hi; ++p) {
+      const i32 l = ISZ1(IW2(p));
+      if (l > maxlen) maxlen = l;
+    }
+    // Bucket counts in tmp2[0..maxlen].
+    for (i32 l = 0; l <= maxlen; ++l) tmp2[l] = 0;
+    for (i32 p = lo; p <= hi; ++p) ++tmp2[ISZ1(IW2(p))];
+    // Start positions: shortest length at the top.
+    i32 at = hi;
+    for (i32 l = 0; l <= maxlen; ++l) {
+      const i32 c = tmp2[l];
+      tmp2[l] = at;
+      at -= c;
+    }
+    for (i32 p = lo; p <= hi; ++p) tmp[p - lo] = IW2(p);
+    for (i32 k = 0; k <= hi - lo; ++k) {
+      const i32 e = tmp[k];
+      const i32 q = tmp2[ISZ1(e)]--;
+      IW2(q) = e;
+      IW1(e) = q;
+    }
+  }
+};
+
+int order_main(OrderArgs& a, int variant) {
+  int dummy = 0;
+  int& err = a.err ? *a.err : dummy;
+  const MmeStore* st = a.store;
+  if (st == nullptr) {
+    err = 7;
+    return 1;
+  }
+  const i32 neq = st->neq, nd = st->ndense;
+  const i64 need = 8 * static_cast<i64>(neq);
+  if (neq < 1 || nd < 1 || nd > neq || a.iw.size() < 2u * neq ||
+      static_cast<i64>(a.work.size()) < need + 2 * (static_cast<i64>(neq) - nd + 1)) {
+    err = 7;
+    return 1;
+  }
+  Ord o(a, neq, nd);
+  o.variant = variant;
+  o.iw = a.iw.data();
+  o.isz = a.work.data();
+  o.grp = o.isz + 2 * neq;
+  o.dly = o.grp + 2 * neq;
+  o.tmp = o.dly + 2 * neq;
+  o.tmp2 = o.tmp + neq;
+  o.wr = o.tmp2 + neq;
+  const i64 avail = (static_cast<i64>(a.work.size()) - need) / 2;
+  o.maxlx = a.maxlx > 0 && a.maxlx < avail ? a.maxlx : avail;
+  o.mo = (a.mode % 10) - 1;
+  a.fill = 0;
+  a.peak = 0;
+  const i64 nheads = static_cast<i64>(neq) - nd;
+  if (o.maxlx < nheads) {
+    err = 7;
+    return 1;
+  }
+
+  // XFA terms need their psi fill, which this ordering does not add yet.
+  for (size_t t = 0; t < a.termcode.size(); ++t) {
+    const i32 code = a.termcode[t];
+    if (code < 20000 || a.lstruc < 3) continue;
+    const int nsec = code / 10000, first = code % 10000;
+    for (int k : {first, first + nsec - 1}) {
+      const i64 at = static_cast<i64>(k - 1) * a.lstruc + 2;
+      if (k >= 1 && at < static_cast<i64>(a.struc.size()) && a.struc[at] == 15) {
+        g5verror(" Ordering of XFA terms not available yet", 3);
+        err = 7;
+        return 1;
+      }
+    }
+  }
+  if (a.nest[1] * a.nest[2] != 0)
+    g5verror(" Nested ordering not available yet: ordinary selection used", 2);
+
+  for (i64 k = 0; k < need; ++k) a.work[k] = 0;
+  // Positions: dense fixed; empty rows to the top.
+  for (i32 p = 1; p <= nd; ++p) {
+    o.IW1(p) = p;
+    o.IW2(p) = p;
+  }
+  const Pool pool = st->pool();
+  i32 lowp = nd, highp = neq + 1;
+  for (i32 e = nd + 1; e <= neq; ++e) {
+    const i64 h = e - nd;
+    const bool empty = pool.lnk(h) == -1 || pool.col(h) == 0;
+    const i32 q = empty ? --highp : ++lowp;
+    o.IW1(e) = q;
+    o.IW2(q) = e;
+  }
+  o.netop = lowp;
+  o.nemid = lowp;
+  o.nebot = nd + 1;
+
+  // Symmetric pattern, chains sorted by equation.
+  o.next = nheads;
+  for (i64 h = 1; h <= nheads; ++h) {
+    o.WC(h) = kSentinel;
+    o.WL(h) = 0;
+  }
+  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = static_cast<i32>(o.head(e));  // tails
+  for (i32 r = nd + 1; r <= neq; ++r) {
+    o.ISZ1(r) += 1;
+    const i64 h = r - nd;
+    if (pool.lnk(h) == -1 || pool.col(h) == 0) continue;
+    int guard = 0;
+    for (i64 s = h; s > 0; s = pool.lnk(s)) {
+      if (++guard > neq + 1 || s > pool.nval) {
+        err = 7;
+        return 1;
+      }
+      const i32 c = pool.col(s);
+      if (c <= nd || c >= r) continue;
+      if (c > neq) {
+        err = 7;
+        return 1;
+      }
+      const i64 hc = c - nd;
+      if (pool.col(hc) == 0) continue;
+      // r into row c (behind its tail), c into row r.
+      for (int side = 0; side < 2; ++side) {
+        const i32 row = side ? c : r, col = side ? r : c;
+        const i64 t = o.take();
+        if (t == 0) {
+          err = 7;
+          return 1;
+        }
+        o.WC(t) = col;
+        o.WL(t) = 0;
+        o.WL(o.ISZ2(row)) = static_cast<i32>(t);
+        o.ISZ2(row) = static_cast<i32>(t);
+        o.ISZ1(row) += 1;
+        if (side == 0 && pool.val(s) == 0.0) o.DLY1(row) += 1;
+      }
+    }
+  }
+  // Lower triangle chains were added row by row, ascending: row r receives
+  // its lower columns when r is visited and its upper columns later, so each
+  // chain ascends.
+
+  // Delays for zero diagonals (mode 3).
+  bool delays = false;
+  for (i32 e = nd + 1; e <= neq; ++e) {
+    o.DLY1(e) = 0;
+    o.DLY2(e) = 0;
+  }
+  if (o.mo == 3) {
+    for (i32 e = nd + 1; e <= neq; ++e) {
+      const i64 d = g5vxii(e, pool, nd, 0);
+      if (d > 0 && pool.val(d) == 0.0 && o.ISZ1(e) > 1) {
+        o.DLY2(e) = 1;
+        delays = true;
+      }
+    }
+  }
+
+  // Priority equations: absorbed last.
+  if (!a.priority.empty()) {
+    i32 np = 0;
+    for (i32 e : a.priority) {
+      if (e <= nd || e > neq) continue;
+      const i32 q = o.IW1(e);
+      if (q < o.nebot || q > o.netop) continue;
+      o.g5vedr(q);
+      ++np;
+    }
+    if (a.trace) vprt(" Priority equations %d\n", np);
+  }
+
+  // Passes.
+  i32 lenhi = 0;
+  int idle = 0;
+  while (o.nemid > o.nebot) {
+    // Delay release: a delayed row is freed once one of its neighbours in
+    // the store's own pattern has been eliminated.
+    if (delays) {
+      bool any = false;
+      for (i32 p = o.nebot; p <= o.nemid; ++p) {
+        const i32 e = o.IW2(p);
+        if (o.DLY2(e) != 1) continue;
+        bool release = true;
+        for (i64 s = e - nd; s > 0; s = pool.lnk(s)) {
+          const i32 c = pool.col(s);
+          if (c > nd && c != e && c <= neq && o.IW1(c) > o.netop) {
+            release = true;
+            break;
+          }
+          if (c > nd && c != e) release = false;
+        }
+        if (release) {
+          o.DLY2(e) = 0;
+        } else {
+          any = true;
+        }
+      }
+      if (!any) delays = false;
+    }
+    o.sort_active();
+    // Full rows.
+    while (o.nebot <= o.nemid && o.ISZ1(o.IW2(o.nebot)) >= o.netop - o.nebot + 1) o.g5vedr(o.nebot);
+    // Trivial rows stay where they are.
+    while (o.nemid >= o.nebot && o.ISZ1(o.IW2(o.nemid)) < 2 && o.GRP2(o.IW2(o.nemid)) <= 0 &&
+           o.DLY2(o.IW2(o.nemid)) != 1) {
+      o.fill += 1;
+      o.DLY1(o.IW2(o.nemid)) = -1;
+      --o.nemid;
+      --o.netop;
+    }
+    if (o.nemid <= o.nebot) break;
+    if (o.nebot + 10 > o.netop) break;
+    const i32 nfree = o.nemid - o.nebot + 1;
+    i32 k = std::max<i32>(200, nfree / 20);
+    if (k > nfree / 2) k = nfree / 2;
+    const i32 kk = o.nemid - k;
+    const i32 minlen = o.ISZ1(o.IW2(o.nemid));
+    i32 lenlo = minlen + 1;
+    const float sq = std::sqrt(0.9f * static_cast<float>(minlen));
+    lenhi = std::max({o.ISZ1(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
+                      minlen + 1 + static_cast<i32>(std::lround(sq))});
+    if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
+    if (lenlo > (o.nemid - nd) / 3 + 1) break;
+    bool chose = false;
+    bool stop = false;
+    while (true) {
+      int count = 0, limit = 12;
+      i64 sum = 0;
+      i32 minpass = 0x7fffffff;
+      bool chosen_now = false;
+      for (i32 p = o.nemid; p >= o.nebot && p <= o.nemid;) {
+        const i32 e = o.IW2(p);
+        const i32 len = o.ISZ1(e);
+        if (len >= o.netop - o.nebot + 1) {
+          o.g5vedr(p);
+          if (p < o.nebot) break;
+          continue;
+        }
+        if (len > lenlo || o.DLY2(e) == 1) {
+          ++count;
+          sum += std::min(len, lenlo + 8);
+          if (len < minpass) minpass = len;
+          if (count > limit) break;
+          if (count >= 100 && lenlo < lenhi) break;
+          --p;
+          continue;
+        }
+        i32 pick = p;
+        if (variant == 1) {
+          // Least true fill among the eligible rows a few positions down.
+          i64 best = o.countrow(e);
+          const i32 depth = std::max<i32>(1, std::min<i32>(10, (o.nemid - o.nebot) / 20));
+          for (i32 q = p - 1; q >= o.nebot && q >= p - depth && best > 0; --q) {
+            const i32 f = o.IW2(q);
+            if (o.ISZ1(f) > lenlo || o.DLY2(f) == 1) continue;
+            const i64 cf = o.countrow(f);
+            if (cf < best || (cf == best && o.ISZ1(f) < o.ISZ1(o.IW2(pick)))) {
+              best = cf;
+              pick = q;
+            }
+          }
+        } else if (p - 5 >= o.nebot) {
+          const i32 f = o.IW2(p - 5);
+          if (o.DLY2(f) != 1 && (o.ISZ1(f) < len || (o.ISZ1(f) == len && f < e))) pick = p - 5;
+        }
+        o.swap_pos(pick, o.nemid);
+        const i32 inn = o.nemid;
+        if (o.g5veab(inn)) {
+          if (a.trace) vprt("EQABORT %d %d %d\n", o.nebot, inn, o.nemid);
+          err = 7;
+          return 1;
+        }
+        --o.nemid;
+        --o.netop;
+        chosen_now = true;
+        chose = true;
+        limit = count + 12;
+        if (o.nemid <= o.nebot + 1) {
+          stop = true;
+          break;
+        }
+        if (p > o.nemid) p = o.nemid;
+        else --p;
+      }
+      if (stop || chosen_now) break;
+      if (lenhi <= lenlo || count < 11) break;
+      const i32 mean = count ? static_cast<i32>(sum / count) : lenlo;
+      lenlo = std::max(mean, lenlo + 2);
+      if (lenlo < minpass) lenlo = minpass;
+    }
+    if (stop) break;
+    if (!chose) {
+      if (++idle > 2) break;
+      // Only delayed rows are short: release them all.
+      for (i32 p = o.nebot; p <= o.nemid; ++p) o.DLY2(o.IW2(p)) = 0;
+      delays = false;
+    } else {
+      idle = 0;
+    }
+  }
+
+  // The rest fills in as a dense block (rows from nebot to netop).
+  {
+    const i64 m = o.netop - o.nebot + 1;
+    if (m > 0) o.fill += m * (m + 1) / 2;
+    const i64 nb = o.nebot - (nd + 1);
+    if (nb > 0) o.fill += nb * (nb + 1) / 2 + nb * (m > 0 ? m : 0);
+  }
+  a.fill = o.fill;
+
+  // Check: every equation once.
+  for (i32 e = 1; e <= neq; ++e) o.tmp[e - 1] = 0;
+  int dup = 0;
+  for (i32 p = 1; p <= neq; ++p) {
+    const i32 e = o.IW2(p);
+    if (e < 1 || e > neq || o.tmp[e - 1] != 0) {
+      if (a.trace) vprt("fff? %d %d\n", p, e);
+      ++dup;
+      continue;
+    }
+    o.tmp[e - 1] = p;
+  }
+  if (dup) {
+    err = 7;
+    return 1;
+  }
+  for (i32 e = 1; e <= neq; ++e) o.IW1(e) = o.tmp[e - 1];
+  if (a.trace && neq < 85) {
+    for (i32 p = 1; p <= neq; ++p) vprt(" %d", o.IW2(p));
+    vprt("\n");
+  }
+  return 0;
+}
+
+}  // namespace
+
+int g5veor(OrderArgs& a) { return order_main(a, 0); }
+int g5veora(OrderArgs& a) { return order_main(a, 1); }
+int g5veorb(OrderArgs& a) { return order_main(a, 2); }
+void g5vmetis() {}
+
+i64 symbolic_fill(const MmeStore& s, span<const i32> iw, span<i32> work) {
+  const i32 neq = s.neq, nd = s.ndense;
+  const i64 n = static_cast<i64>(neq) - nd;
+  if (n <= 0) return 0;
+  if (work.size() < static_cast<size_t>(4 * n + 2)) return -1;
+  // Elimination step k = NEQ+1-position (absorbing from the top).
+  i32* pos = work.data();          // equation -> step (sparse only)
+  i32* parent = pos + n;           // elimination tree
+  i32* mark = parent + n;
+  i32* anc = mark + n;
+  for (i32 q = nd + 1; q <= neq; ++q) {
+    const i32 e = iw[2 * (q - 1) + 1];
+    if (e <= nd || e > neq) return -1;
+    pos[e - nd - 1] = neq + 1 - q;  // 1..n
+  }
+  for (i64 k = 0; k < n; ++k) {
+    parent[k] = 0;
+    anc[k] = 0;
+    mark[k] = 0;
+  }
+  const Pool p = s.pool();
+  // Elimination tree (Liu), visiting for each step the lower neighbours.
+  // Entries of the lower triangle of the store link e and c; with steps
+  // i = step(e), j = step(c), the pair is an element (max, min).
+  // Pass 1: tree.  Visit pairs keyed by the larger step: a pair is handled
+  // when its larger step comes up, so walk the store once and bucket by
+  // nothing: the ancestor method works with any order of pairs of the same
+  // row, but rows must be visited in ascending step.  Collect by step.
+  // Count pairs per step first.
+  i64 pairs = 0;
+  for (i32 r = nd + 1; r <= neq; ++r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) == -1) continue;
+    for (i64 sl = h; sl > 0; sl = p.lnk(sl))
+      if (p.col(sl) > nd && p.col(sl) < r) ++pairs;
+  }
+  if (work.size() < static_cast<size_t>(4 * n + 2 + (n + 1) + pairs)) return -1;
+  i32* start = anc + n;   // n+1
+  i32* adj = start + n + 1;
+  for (i64 k = 0; k <= n; ++k) start[k] = 0;
+  for (i32 r = nd + 1; r <= neq; ++r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) == -1) continue;
+    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
+      const i32 c = p.col(sl);
+      if (c > nd && c < r) {
+        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+        ++start[(a > b ? a : b)];
+      }
+    }
+  }
+  for (i64 k = 1; k <= n; ++k) start[k] += start[k - 1];
+  for (i32 r = neq; r > nd; --r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) == -1) continue;
+    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
+      const i32 c = p.col(sl);
+      if (c > nd && c < r) {
+        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+        const i32 hi = a > b ? a : b, lo = a > b ? b : a;
+        adj[--start[hi]] = lo;
+      }
+    }
+  }
+  // start[k-1]..start[k]-1 are the lower neighbours of step k (1-based k:
+  // entries start[k-1]... after the decrement loop, start[k] is the
+  // beginning of step k's run; its end is start[k+1]).
+  i64 nnz = 0;
+  for (i64 k = 1; k <= n; ++k) {
+    mark[k - 1] = static_cast<i32>(k);
+    nnz += 1;
+    const i64 b = start[k], e = k < n ? start[k + 1] : pairs;
+    for (i64 t = b; t < e; ++t) {
+      // Walk up the tree from the neighbour, counting new row entries.
+      i32 j = adj[t];
+      while (j != 0 && mark[j - 1] != k) {
+        mark[j - 1] = static_cast<i32>(k);
+        ++nnz;
+        if (parent[j - 1] == 0) {
+          parent[j - 1] = static_cast<i32>(k);
+          break;
+        }
+        j = parent[j - 1];
+      }
+    }
+  }
+  return nnz;
+}
+
+}  // namespace tarnel

@@ -1,0 +1,197 @@
+// Test helpers for the sparse equations: a store that owns its memory, a
+// loader from a dense matrix, generated designs, and dense reference
+// factorisations written independently of the engine.
+#ifndef TARNEL_TESTS_SPARSE_HARNESS_H
+#define TARNEL_TESTS_SPARSE_HARNESS_H
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "sparse/mme.h"
+
+namespace tarnel_test {
+
+using tarnel::i32;
+using tarnel::i64;
+
+// Dense symmetric matrix, 1-based (n x n), full storage.
+struct Dense {
+  int n = 0;
+  std::vector<double> a;
+  explicit Dense(int n_ = 0) : n(n_), a(static_cast<size_t>(n_) * n_, 0.0) {}
+  double& operator()(int i, int j) { return a[static_cast<size_t>(i - 1) * n + (j - 1)]; }
+  double operator()(int i, int j) const { return a[static_cast<size_t>(i - 1) * n + (j - 1)]; }
+  void add_sym(int i, int j, double v) {
+    (*this)(i, j) += v;
+    if (i != j) (*this)(j, i) += v;
+  }
+};
+
+// A store with its own memory: `slots` pool slots, tables behind them.
+struct Store {
+  std::vector<double> x;
+  std::vector<i32> l;
+  tarnel::MmeStore s;
+  Store(i32 neq, i32 nd, i64 slots) {
+    const i64 lssp = static_cast<i64>(nd) * (nd + 1) / 2;
+    x.assign(static_cast<size_t>(lssp + slots), 0.0);
+    l.assign(static_cast<size_t>(2 * (slots + neq + 2)), 0);
+    s.x = tarnel::span<double>(x.data(), x.size());
+    s.l = tarnel::span<i32>(l.data(), l.size());
+    s.neq = neq;
+    s.ndense = nd;
+    s.lssp = lssp;
+    s.len = slots;
+    int nf = 0;
+    s.clear(nf);
+  }
+  i64 off() const { return s.len; }
+};
+
+// Loads the lower triangle of C (rows in equation order) into the store:
+// non-zeros, the diagonal of every row, and column 1 as the head.
+inline bool load(Store& st, const Dense& c) {
+  tarnel::Pool p = st.s.pool();
+  for (int r = 1; r <= c.n; ++r) {
+    if (r <= st.s.ndense) {
+      for (int j = 1; j <= r; ++j) st.s.dense(r, j) = c(r, j);
+      continue;
+    }
+    const i64 h = st.s.head(r);
+    if (tarnel::g5vlld(p, st.s.lx, h, r, 0.0)) return false;
+    i64 pos = h;
+    for (int j = 1; j <= r; ++j) {
+      if (c(r, j) == 0.0 && j != r && j != 1) continue;
+      if (tarnel::g5vlli(p, st.s.lx, pos, j, c(r, j)) != 0) return false;
+    }
+  }
+  return true;
+}
+
+// Dense elimination in a given order of positions, from the last position
+// down to 2, with the same pivot rule as the engine: a pivot is taken when
+// |d| exceeds both tol and tol*|original diagonal|.  ord[p] = equation at
+// position p (1-based, ord[0] unused).  Gives the solution by equation,
+// log|pivots|, pivot count, singular count and the residual sum in C(1,1).
+struct RefResult {
+  std::vector<double> soln;
+  double logdet = 0;
+  int npiv = 0, nsing = 0;
+  double rss = 0;
+};
+inline RefResult ordered_ldl(Dense c, const std::vector<int>& ord, double tol) {
+  const int n = c.n;
+  RefResult out;
+  out.soln.assign(n + 1, 0.0);
+  std::vector<double> ddtol(n + 1), piv(n + 1, 0.0);
+  std::vector<bool> sing(n + 1, false);
+  for (int p = 2; p <= n; ++p) ddtol[p] = std::fmax(std::fabs(c(ord[p], ord[p])) * tol, tol);
+  for (int p = n; p >= 2; --p) {
+    const int e = ord[p];
+    const double d = c(e, e);
+    if (std::fabs(d) <= tol || std::fabs(d) <= ddtol[p]) {
+      sing[p] = true;
+      ++out.nsing;
+      continue;
+    }
+    out.logdet += std::log(std::fabs(d));
+    ++out.npiv;
+    piv[p] = d;
+    for (int q = 1; q < p; ++q) {
+      const int f = ord[q];
+      const double m = c(f, e) / d;
+      if (m == 0.0) continue;
+      for (int r = 1; r < p; ++r) c(f, ord[r]) -= m * c(e, ord[r]);
+    }
+  }
+  out.rss = c(1, 1);
+  std::vector<double> xp(n + 1, 0.0);
+  for (int p = 2; p <= n; ++p) {
+    if (sing[p]) continue;
+    const int e = ord[p];
+    double s = c(e, 1);
+    for (int q = 2; q < p; ++q) s -= c(e, ord[q]) * xp[q];
+    xp[p] = s / piv[p];
+  }
+  for (int p = 2; p <= n; ++p) out.soln[ord[p]] = xp[p];
+  return out;
+}
+
+// Log |det| of the sub-matrix C[2..n, 2..n] by Gaussian elimination with
+// partial pivoting (for indefinite, non-singular systems).
+inline double lu_logdet(const Dense& c, std::vector<double>* solution = nullptr) {
+  const int m = c.n - 1;
+  std::vector<double> a(static_cast<size_t>(m) * (m + 1));
+  for (int i = 0; i < m; ++i) {
+    for (int j = 0; j < m; ++j) a[i * (m + 1) + j] = c(i + 2, j + 2);
+    a[i * (m + 1) + m] = c(i + 2, 1);
+  }
+  double ld = 0;
+  for (int k = 0; k < m; ++k) {
+    int piv = k;
+    for (int i = k + 1; i < m; ++i)
+      if (std::fabs(a[i * (m + 1) + k]) > std::fabs(a[piv * (m + 1) + k])) piv = i;
+    if (piv != k)
+      for (int j = 0; j <= m; ++j) std::swap(a[k * (m + 1) + j], a[piv * (m + 1) + j]);
+    const double d = a[k * (m + 1) + k];
+    ld += std::log(std::fabs(d));
+    for (int i = k + 1; i < m; ++i) {
+      const double f = a[i * (m + 1) + k] / d;
+      for (int j = k; j <= m; ++j) a[i * (m + 1) + j] -= f * a[k * (m + 1) + j];
+    }
+  }
+  if (solution) {
+    solution->assign(c.n + 1, 0.0);
+    for (int i = m - 1; i >= 0; --i) {
+      double s = a[i * (m + 1) + m];
+      for (int j = i + 1; j < m; ++j) s -= a[i * (m + 1) + j] * (*solution)[j + 2];
+      (*solution)[i + 2] = s / a[i * (m + 1) + i];
+    }
+  }
+  return ld;
+}
+
+// Runs g5vxxa with the order iw (IW(2,.) set, IW(1,.) = term 1 for all).
+struct AbsorbRun {
+  int rc = 0, nfault = 0, err = 0;
+  tarnel::AbsorbArgs a;
+  std::vector<i32> iw;
+  std::vector<double> soln, work, dd;
+  std::vector<i32> rank, status;
+};
+inline AbsorbRun absorb(Store& st, const std::vector<int>& ord, int nterms = 1,
+                        const std::vector<int>* term = nullptr) {
+  AbsorbRun r;
+  const int n = st.s.neq;
+  r.iw.assign(2 * n, 0);
+  for (int p = 1; p <= n; ++p) {
+    r.iw[2 * (p - 1) + 1] = ord[p];
+    r.iw[2 * (p - 1)] = p == 1 ? 0 : (term ? (*term)[p] : 1);
+  }
+  r.soln.assign(n, 0.0);
+  r.work.assign(n, 0.0);
+  r.dd.assign(n, 0.0);
+  r.rank.assign(nterms, 0);
+  r.status.assign(8, 0);
+  r.a.iw = tarnel::span<i32>(r.iw.data(), r.iw.size());
+  r.a.off = st.off();
+  r.a.rank = tarnel::span<i32>(r.rank.data(), r.rank.size());
+  r.a.soln = tarnel::span<double>(r.soln.data(), r.soln.size());
+  r.a.work = tarnel::span<double>(r.work.data(), r.work.size());
+  r.a.dd = tarnel::span<double>(r.dd.data(), r.dd.size());
+  r.a.status = tarnel::span<i32>(r.status.data(), r.status.size());
+  r.a.err = &r.err;
+  r.rc = tarnel::g5vxxa(st.s, r.a, r.nfault);
+  return r;
+}
+
+inline std::vector<int> natural(int n) {
+  std::vector<int> o(n + 1);
+  for (int i = 0; i <= n; ++i) o[i] = i;
+  return o;
+}
+
+}  // namespace tarnel_test
+
+#endif

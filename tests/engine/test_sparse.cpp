@@ -1,0 +1,345 @@
+// The sparse equations against dense linear algebra: kernels of the row
+// store, SSP formation, absorption (solutions, log-determinant, ranks,
+// singularities, constraint rows) and the space checks.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+
+#include "host/messages.h"
+#include "sparse_harness.h"
+
+using namespace tarnel_test;
+using tarnel::span;
+
+namespace {
+
+// Generated design: records with the response in column 1 and a few
+// factor columns (nested or crossed), with the dense X'WX beside it.
+struct Design {
+  std::vector<double> val;
+  std::vector<i32> col;
+  std::vector<i64> start;  // 1-based
+  Dense c;
+};
+
+Design make_design(int neq, int nrec, int per, unsigned seed, double gdiag) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> pick(2, neq);
+  std::normal_distribution<double> z(0, 1);
+  Design d;
+  d.c = Dense(neq);
+  d.start.push_back(1);
+  for (int i = 0; i < nrec; ++i) {
+    std::vector<int> cols{1};
+    for (int k = 0; k < per; ++k) cols.push_back(pick(rng));
+    std::sort(cols.begin(), cols.end());
+    cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
+    std::vector<double> v(cols.size());
+    for (size_t k = 0; k < cols.size(); ++k) v[k] = k == 0 ? z(rng) + 3 : 1.0 + 0.3 * z(rng);
+    for (size_t k = 0; k < cols.size(); ++k) {
+      d.val.push_back(v[k]);
+      d.col.push_back(cols[k]);
+      for (size_t j = 0; j <= k; ++j) d.c.add_sym(cols[k], cols[j], v[k] * v[j]);
+    }
+    d.start.push_back(static_cast<i64>(d.val.size()) + 1);
+  }
+  for (int e = 2; e <= neq; ++e) d.c(e, e) += gdiag;
+  return d;
+}
+
+std::vector<int> shuffled(int n, int nd, unsigned seed) {
+  std::vector<int> o = natural(n);
+  std::mt19937 rng(seed);
+  std::shuffle(o.begin() + nd + 1, o.end(), rng);
+  return o;
+}
+
+double rel(double a, double b) { return std::fabs(a - b) / std::fmax(1.0, std::fabs(b)); }
+
+}  // namespace
+
+TEST(RowStore, KernelsKeepRowsSortedAndPackCompact) {
+  // Row 5 of a store with NDENSE 1: insert columns out of order.
+  Store st(6, 1, 40);
+  tarnel::Pool p = st.s.pool();
+  const i64 h = st.s.head(5);
+  ASSERT_EQ(p.lnk(h), -1);
+  ASSERT_EQ(tarnel::g5vlld(p, st.s.lx, h, 5, 0.0), 0);  // first touch: diagonal
+  i64 pos = h;
+  EXPECT_EQ(tarnel::g5vlli(p, st.s.lx, pos, 3, 2.0), 0);
+  pos = h;
+  EXPECT_EQ(tarnel::g5vlli(p, st.s.lx, pos, 2, 1.0), 0);
+  pos = h;
+  EXPECT_EQ(tarnel::g5vlli(p, st.s.lx, pos, 5, 4.0), 0);  // the diagonal
+  EXPECT_EQ(pos, 0);                                      // left at link 0
+  pos = h;
+  EXPECT_EQ(tarnel::g5vlli(p, st.s.lx, pos, 6, 1.0), 1);  // beyond the diagonal
+  std::vector<int> cols;
+  for (i64 s = h; s > 0; s = p.lnk(s)) cols.push_back(p.col(s));
+  EXPECT_EQ(cols, (std::vector<int>{1, 2, 3, 5}));
+  EXPECT_EQ(tarnel::g5vxii(5, p, 1, 0) > 0, true);
+  EXPECT_DOUBLE_EQ(p.val(tarnel::g5vxii(5, p, 1, 0)), 4.0);
+  EXPECT_EQ(tarnel::g5vxii(4, p, 1, 0), 0);  // untouched
+
+  // Pack it: the diagonal comes back, the slots become holes, and the
+  // packed row reads back by column.
+  i64 lx = st.s.lx, top = 40, rstart = 0, len = 0;
+  int err = 0;
+  tarnel::PackArgs pa;
+  pa.lx = &lx;
+  pa.top = &top;
+  pa.ndense = 1;
+  pa.neq = 6;
+  pa.err = &err;
+  EXPECT_DOUBLE_EQ(tarnel::g5vxil(p, pa, rstart, 5, len), 4.0);
+  EXPECT_EQ(len, 4);
+  EXPECT_EQ(lx, 6);  // trailing holes dropped down to the first slot after the heads
+  i64 at = rstart;
+  EXPECT_DOUBLE_EQ(tarnel::g5vxij(p, at, rstart - len + 1, 3, err), 2.0);
+  EXPECT_DOUBLE_EQ(tarnel::g5vxij(p, at, rstart - len + 1, 4, err), 0.0);
+  EXPECT_EQ(err, 0);
+  at = rstart - len + 1;
+  tarnel::g5vxij(p, at, rstart - len + 1, 9, err);
+  EXPECT_EQ(err, 2666);
+  // An untouched row packs to nothing.
+  EXPECT_DOUBLE_EQ(tarnel::g5vxil(p, pa, rstart, 4, len), 0.0);
+  EXPECT_EQ(len, 0);
+
+  // Compaction: holes in the middle are filled and rows stay intact.
+  Store big(300, 1, 2000);
+  tarnel::Pool q = big.s.pool();
+  for (int r = 2; r <= 300; ++r) {
+    tarnel::g5vlld(q, big.s.lx, big.s.head(r), r, r);
+    i64 ps = big.s.head(r);
+    tarnel::g5vlli(q, big.s.lx, ps, r / 2 + 1 < r ? r / 2 + 1 : 1, 1.0);
+  }
+  for (i64 s = 300; s < 500; ++s) q.col(s) = q.col(s);  // no-op: rows are contiguous
+  // Punch holes by packing rows 150..250 away.
+  i64 t2 = 2000, l2 = big.s.lx;
+  pa.lx = &l2;
+  pa.top = &t2;
+  pa.neq = 300;
+  err = 0;
+  for (int r = 250; r >= 150; --r) tarnel::g5vxil(q, pa, rstart, r, len);
+  ASSERT_EQ(err, 0);
+  const i64 before = l2;
+  EXPECT_EQ(tarnel::g5vllp(q, l2, 1, 300, 1, false, 6), 1);  // cannot get below 1
+  EXPECT_LT(l2, before);
+  for (int r = 2; r <= 300; ++r) {
+    if (r >= 150 && r <= 250) continue;
+    const i64 d = tarnel::g5vxii(r, q, 1, 0);
+    ASSERT_GT(d, 0) << r;
+    EXPECT_DOUBLE_EQ(q.val(d), r);
+  }
+}
+
+TEST(Absorb, MatchesDenseFactorisation) {
+  for (int nd : {1, 4}) {
+    for (unsigned seed : {1u, 2u, 3u}) {
+      const int neq = 60;
+      Design d = make_design(neq, 150, 3, seed, 0.5);
+      for (bool shuffle : {false, true}) {
+        Store st(neq, nd, 20000);
+        ASSERT_TRUE(load(st, d.c));
+        std::vector<int> ord = shuffle ? shuffled(neq, nd, seed + 7) : natural(neq);
+        AbsorbRun r = absorb(st, ord);
+        ASSERT_EQ(r.rc, 0) << r.err;
+        std::vector<double> ref;
+        const double ld = lu_logdet(d.c, &ref);
+        EXPECT_LT(rel(r.a.logdet, ld), 1e-9);
+        for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], ref[e]), 1e-9) << e;
+        RefResult o = ordered_ldl(d.c, ord, 1e-9);
+        EXPECT_LT(rel(st.s.x[0], o.rss), 1e-9);
+        EXPECT_EQ(r.a.nsing, 0);
+        EXPECT_EQ(r.rank[0], neq - 1);
+        // DD holds reciprocal pivots: their logs add up to -logdet.
+        double sdd = 0;
+        for (int q = 2; q <= neq; ++q) sdd -= std::log(std::fabs(r.dd[q - 1]));
+        EXPECT_LT(rel(sdd, ld), 1e-9);
+      }
+    }
+  }
+}
+
+TEST(Absorb, SingularAliasedAndEmptyEquations) {
+  // Equation 8 repeats equation 5 (aliased), equation 9 is never touched,
+  // and term 2 (equations 10, 11) is taken out of pivoting.
+  const int neq = 30;
+  Design d = make_design(neq, 80, 3, 11, 0.0);
+  for (int e = 2; e <= neq; ++e) d.c(e, e) += 1e-3 * (e != 8 && e != 5 ? 1 : 0);
+  for (int j = 1; j <= neq; ++j) {
+    d.c(8, j) = d.c(5, j);
+    d.c(j, 8) = d.c(j, 5);
+  }
+  d.c(8, 8) = d.c(5, 5);
+  d.c(8, 5) = d.c(5, 8) = d.c(5, 5);
+  for (int j = 1; j <= neq; ++j) d.c(9, j) = d.c(j, 9) = 0.0;
+  for (unsigned seed : {0u, 5u, 6u}) {
+    Store st(neq, 1, 5000);
+    ASSERT_TRUE(load(st, d.c));
+    tarnel::Pool p = st.s.pool();
+    // Row 9 back to untouched.
+    i64 h = st.s.head(9);
+    p.lnk(h) = -1;
+    std::vector<int> ord = seed ? shuffled(neq, 1, seed) : natural(neq);
+    std::vector<int> term(neq + 1, 1);  // by equation
+    term[10] = term[11] = -2;
+    AbsorbRun r = absorb(st, ord, 2, &term);
+    ASSERT_EQ(r.rc, 0) << r.err;
+    // Reference: the same order with 9, 10, 11 removed by zeroing.
+    Dense c2 = d.c;
+    for (int e : {10, 11})
+      for (int j = 1; j <= neq; ++j) c2(e, j) = c2(j, e) = 0.0;
+    RefResult o = ordered_ldl(c2, ord, 1e-9);
+    EXPECT_EQ(r.a.nsing, o.nsing);
+    EXPECT_EQ(r.a.nsing, 4);  // aliased, untouched, two held out
+    EXPECT_EQ(r.rank[0], neq - 1 - 4);
+    EXPECT_EQ(r.rank[1], 0);
+    EXPECT_LT(rel(r.a.logdet, o.logdet), 1e-9);
+    for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], o.soln[e]), 1e-9) << e;
+    EXPECT_EQ(r.soln[8], 0.0);
+    EXPECT_EQ(r.soln[9], 0.0);
+    EXPECT_EQ(r.soln[10], 0.0);
+    // Whatever equation of the pair was dropped, the rest solve C x = b.
+    for (int i = 2; i <= neq; ++i) {
+      if (i == 9 || i == 10 || i == 11 || r.soln[i - 1] == 0.0) continue;
+      double s = 0;
+      for (int j = 2; j <= neq; ++j) s += c2(i, j) * r.soln[j - 1];
+      EXPECT_NEAR(s, c2(i, 1), 1e-8 * std::fmax(1.0, std::fabs(c2(i, 1))));
+    }
+  }
+}
+
+TEST(Absorb, ConstraintRowsWithZeroDiagonalAreDelayed) {
+  // A sum-to-zero constraint on effects 2..6 and one on 7..12, as extra
+  // equations with zero diagonal, placed where they are absorbed first.
+  const int nbase = 20;
+  Design d = make_design(nbase, 60, 3, 21, 0.0);
+  const int neq = nbase + 2;
+  Dense c(neq);
+  for (int i = 1; i <= nbase; ++i)
+    for (int j = 1; j <= nbase; ++j) c(i, j) = d.c(i, j);
+  for (int e = 2; e <= 6; ++e) c.add_sym(nbase + 1, e, 1.0);
+  for (int e = 7; e <= 12; ++e) c.add_sym(nbase + 2, e, 1.0 + 0.1 * e);
+  for (int e = 2; e <= nbase; ++e) c(e, e) += 0.01;
+  std::vector<double> ref;
+  const double ld = lu_logdet(c, &ref);
+  for (bool shuffle : {false, true}) {
+    Store st(neq, 1, 20000);
+    ASSERT_TRUE(load(st, c));
+    std::vector<int> ord = shuffle ? shuffled(neq, 1, 4) : natural(neq);
+    AbsorbRun r = absorb(st, ord);
+    ASSERT_EQ(r.rc, 0) << r.err << " " << r.nfault;
+    EXPECT_EQ(r.a.nsing, 0);
+    if (!shuffle) {
+      EXPECT_GE(r.a.moves, 1);
+    }
+    EXPECT_LT(rel(r.a.logdet, ld), 1e-9);
+    for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], ref[e]), 1e-9) << e;
+  }
+}
+
+TEST(Absorb, TooLittleSpaceIsAFaultNotAnOverrun) {
+  const int neq = 200;
+  Design d = make_design(neq, 600, 4, 31, 1.0);
+  int ok = 0;
+  for (i64 slots : {220, 400, 800, 1500, 3000, 100000}) {
+    Store st(neq, 1, slots);
+    if (!load(st, d.c)) continue;  // the loader itself found no room
+    AbsorbRun r = absorb(st, natural(neq));
+    if (r.rc == 0) {
+      ++ok;
+      std::vector<double> ref;
+      EXPECT_LT(rel(r.a.logdet, lu_logdet(d.c, &ref)), 1e-9);
+    } else {
+      EXPECT_GT(r.nfault, 100000);
+      EXPECT_STREQ(tarnel::errortext_of(r.nfault), "Out of memory absorbing");
+    }
+  }
+  EXPECT_GE(ok, 1);
+}
+
+TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
+  const int neq = 40, nd = 3;
+  Design d = make_design(neq, 120, 4, 41, 0.0);
+  const int nrec = 120;
+  std::vector<double> wts(nrec);
+  for (int i = 0; i < nrec; ++i) wts[i] = (i % 7 == 0) ? 0.0 : 0.5 + (i % 5) * 0.25;
+  for (int weighted : {0, 1}) {
+    Store st(neq, nd, 20000);
+    std::vector<double> acc(neq, 0.0);
+    std::vector<i32> list(neq + 1), links(2 * neq + 2);
+    tarnel::SspScratch w{span<double>(acc.data(), acc.size()), span<i32>(list.data(), list.size()),
+                         span<i32>(links.data(), links.size())};
+    double logdet = 0;
+    i64 skipped = 0;
+    int err = 0;
+    std::vector<int> struc(15, 0);
+    std::vector<double> gammas{2.0, 0.5, 4.0};
+    tarnel::SspSection sec;
+    sec.design = {span<const double>(d.val.data(), d.val.size()),
+                  span<const i32>(d.col.data(), d.col.size()),
+                  span<const i64>(d.start.data(), d.start.size())};
+    sec.struc = span<const int>(struc.data(), struc.size());
+    sec.lstruc = 15;
+    sec.termcode = weighted ? 0 : -1;
+    sec.first = 1;
+    sec.last = nrec;
+    sec.sigma2 = 2.5;
+    sec.gammas = span<const double>(gammas.data(), gammas.size());
+    sec.weights = span<const double>(wts.data(), wts.size());
+    sec.logdet = &logdet;
+    sec.skipped = &skipped;
+    sec.err = &err;
+    ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
+    // G: term 1 (equations 2..10) fixed, term 2 (11..25) scale gamma 2,
+    // term 3 (26..40) scale gamma 3.
+    std::vector<tarnel::GTerm> terms(3);
+    terms[0].nlev = 9;
+    terms[1].nlev = 15;
+    terms[1].code = 2;
+    terms[2].nlev = 15;
+    terms[2].code = 3;
+    int nf = 0;
+    ASSERT_EQ(tarnel::g5vxxg(st.s, span<const tarnel::GTerm>(terms.data(), terms.size()),
+                             span<const double>(gammas.data(), gammas.size()), w, nf),
+              0);
+    // Dense reference from the records.
+    Dense ref(neq);
+    for (int i = 0; i < nrec; ++i) {
+      const double wi = (weighted ? wts[i] : 1.0) / 2.5;
+      for (i64 k = d.start[i]; k < d.start[i + 1]; ++k)
+        for (i64 j = d.start[i]; j <= k; ++j)
+          ref.add_sym(d.col[k - 1], d.col[j - 1], wi * d.val[k - 1] * d.val[j - 1]);
+    }
+    for (int e = 11; e <= 25; ++e) ref(e, e) += 1 / 0.5;
+    for (int e = 26; e <= 40; ++e) ref(e, e) += 1 / 4.0;
+    // Read the store back.
+    tarnel::Pool p = st.s.pool();
+    Dense got(neq);
+    for (int r = 1; r <= neq; ++r) {
+      if (r <= nd) {
+        for (int c = 1; c <= r; ++c) got.add_sym(r, c, st.s.dense(r, c));
+        continue;
+      }
+      i64 s = st.s.head(r);
+      if (p.lnk(s) == -1) continue;
+      int last = 0;
+      for (; s > 0; s = p.lnk(s)) {
+        EXPECT_GT(p.col(s), last);  // columns ascend
+        last = p.col(s);
+        got.add_sym(r, p.col(s), p.val(s));
+      }
+      EXPECT_EQ(last, r);  // the chain ends at the diagonal
+    }
+    for (int i = 1; i <= neq; ++i)
+      for (int j = 1; j <= i; ++j) EXPECT_NEAR(got(i, j), ref(i, j), 1e-12 * (1 + std::fabs(ref(i, j))));
+    EXPECT_EQ(skipped, weighted ? (nrec + 6) / 7 : 0);
+    double ldref = nrec * std::log(2.5);
+    if (weighted)
+      for (double x : wts)
+        if (x > 0) ldref -= std::log(x);
+    EXPECT_NEAR(logdet, ldref, 1e-9);
+  }
+}
