@@ -53,12 +53,8 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     ai <- unpack_lower(trn$ai, nwv)
     dimnames(ai) <- list(nm, nm)
     score <- setNames(trn$score[upd], nm)
-    free <- which(!codes[upd] %in% c(4L, 6L, 7L) & diag(ai) > 0)
-    inv <- tryCatch(solve(ai[free, free, drop = FALSE]), error = function(e) NULL)
-    if (!is.null(inv)) {
-      k <- match(upd[free], pars$gamma)
-      vp$std.error[k] <- sqrt(pmax(diag(inv), 0)) * mult[k]
-    }
+    cv <- component_vcov(ai, upd, codes, pars, value, scale, struc$profiled)
+    if (!is.null(cv)) vp[rownames(cv), "std.error"] <- sqrt(pmax(diag(cv), 0))
   }
   vp$z.ratio <- vp$component / vp$std.error
   hidden <- !struc$profiled & pars$kind == "scale"
@@ -120,7 +116,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     constraints = setNames(codes[pars$gamma], pars$name),
     nobs = sum(present), records = out$records, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars)
-  if (isTRUE(attr(control, "keep"))) fit$args <- a
+  if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
     dimnames(d) <- list(NULL, lab[seq_len(ncol(d))])
@@ -128,12 +124,48 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     fit$rows <- rows
   }
   class(fit) <- "tarnel"
+  fit
+}
+
+# The log-likelihood was still moving when the engine's test stopped it.
+needs_polish <- function(fit) {
+  ll <- fit$iterations$loglik
+  fit$converged && length(ll) >= 2L && abs(ll[length(ll)] - ll[length(ll) - 1L]) > 1e-3
+}
+
+warn_fit <- function(fit) {
+  converged <- fit$converged
+  out <- list(text = fit$message)
   if (!converged)
     warning(sprintf("tarnel: %s", if (nzchar(out$text)) out$text else "the REML iteration did not converge"), call. = FALSE)
   bnd <- rownames(fit$varcomp)[fit$varcomp$constraint == "boundary"]
   if (length(bnd))
     warning(sprintf("tarnel: parameter(s) held at a boundary: %s", paste(bnd, collapse = ", ")), call. = FALSE)
-  fit
+  invisible(fit)
+}
+
+# The covariance matrix of the variance components from the inverse AI
+# matrix over the parameters free to move.  With the residual variance
+# profiled the engine's parameters are ratios g and a scale s that
+# multiplies the whole variance (V = s sigma2 H(g), s = 1), so a component
+# is s sigma2 g and the residual variance s sigma2: the delta method with
+# that Jacobian turns one covariance matrix into the other.
+component_vcov <- function(ai, upd, codes, pars, value, sigma2, profiled) {
+  free <- which(!codes[upd] %in% c(4L, 6L, 7L) & diag(ai) > 0)
+  if (!length(free)) return(NULL)
+  inv <- tryCatch(solve(ai[free, free, drop = FALSE]), error = function(e) NULL)
+  if (is.null(inv)) return(NULL)
+  k <- match(upd[free], pars$gamma)
+  J <- diag(1, length(k))
+  if (profiled) {
+    varkind <- pars$kind[k] %in% c("variance", "covariance", "scale")
+    diag(J)[varkind] <- sigma2
+    sc <- which(pars$kind[k] == "scale")
+    if (length(sc)) J[varkind, sc] <- sigma2 * value[k][varkind]
+  }
+  out <- J %*% inv %*% t(J)
+  dimnames(out) <- list(pars$name[k], pars$name[k])
+  out
 }
 
 # The iteration record: one row an iteration, log-likelihood, residual
@@ -141,10 +173,10 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
 iteration_log <- function(tr, maxiter, ngamma, nfactp, pars) {
   m <- matrix(tr, nrow = ngamma + 3L)
   shown <- pars$name[order(pars$gamma)][sort(pars$gamma) > nfactp]
-  m <- m[, -1L, drop = FALSE]
   used <- which(m[1L, ] != 0)
-  if (!length(used)) return(data.frame(loglik = double(), sigma2 = double(), nedf = integer()))
-  m <- m[, seq_len(max(used)), drop = FALSE]
+  if (!length(used)) return(data.frame(iteration = integer(), loglik = double(), sigma2 = double(), nedf = integer()))
+  # The last row repeats the last iteration with the final parameters.
+  m <- m[, seq_len(max(1L, max(used) - 1L)), drop = FALSE]
   out <- data.frame(iteration = seq_len(ncol(m)), loglik = m[1L, ], sigma2 = m[2L, ], nedf = as.integer(m[3L, ]))
   np <- min(length(shown), nrow(m) - 3L)
   if (np > 0L) {
@@ -221,13 +253,12 @@ vcov.tarnel <- function(object, parameters = c("fixed", "variance"), ...) {
   parameters <- match.arg(parameters)
   if (parameters == "fixed") return(object$vcov)
   if (is.null(object$ai)) stop("tarnel: the average information matrix is not available for this fit", call. = FALSE)
-  ai <- object$ai
-  free <- which(!object$constraints[rownames(ai)] %in% c(4L, 6L, 7L) & diag(ai) > 0)
-  inv <- solve(ai[free, free, drop = FALSE])
-  k <- rownames(inv)
-  kind <- object$params$kind[match(k, object$params$name)]
-  m <- ifelse(kind %in% c("variance", "covariance", "scale") & object$profiled, object$sigma2, 1)
-  inv * outer(m, m)
+  p <- object$params
+  upd <- p$gamma[match(rownames(object$ai), p$name)]
+  codes <- integer(max(p$gamma)); codes[p$gamma] <- object$constraints
+  cv <- component_vcov(object$ai, upd, codes, p, unname(object$gammas), object$sigma2, object$profiled)
+  if (is.null(cv)) stop("tarnel: the average information matrix is singular", call. = FALSE)
+  cv
 }
 
 #' @export

@@ -413,13 +413,19 @@ build_struc <- function(model, table) {
   # Random terms.
   groups <- if (is.null(model$random)) list() else model$random$groups
   rpos <- table$random_positions
+  ident <- which(vapply(groups, function(g) g$kind == "identity", TRUE))
+  starts <- rep(v0, length(rpos))
+  if (length(ident)) {
+    tt <- unlist(lapply(groups[ident], `[[`, "terms"))
+    starts[tt] <- moment_starts(model, model$random$terms[tt], v0, profiled, vy)
+  }
   for (g in groups) {
     pos <- unlist(rpos[g$terms])
     if (g$kind == "identity") {
       for (p in pos) {
-        gam[p] <- v0
+        gam[p] <- starts[g$terms[1]]
         tyfact[p] <- p
-        add_par(table$position_names[p], "variance", g$label, v0, 1L)
+        add_par(table$position_names[p], "variance", g$label, gam[p], 1L)
         pars$gamma[nrow(pars)] <- p
       }
       next
@@ -513,6 +519,46 @@ build_struc <- function(model, table) {
               printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
               params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled)
   apply_constraints(out, NULL, NULL, NULL, NULL)
+}
+
+# A start for the variance of a random factor (or interaction of factors)
+# from the spread of the response's means over its levels: the between-level
+# variance less its share of the within-level variance.  Terms that are not
+# plain factors start at the default.
+moment_stats <- function(model, term) {
+  leaves <- term$vars
+  if (!all(vapply(leaves, function(v) identical(v$kind, "leaf") && v$code == 0L && v$nlev == 1L && v$flev > 1L, TRUE)))
+    return(NULL)
+  firsts <- vapply(model$store$values, function(m) attr(m, "first"), 1L)
+  cols <- lapply(leaves, function(v) model$store$values[[match(v$b, firsts)]][, 1L])
+  g <- do.call(interaction, c(lapply(cols, factor), drop = TRUE))
+  y <- model$y
+  ok <- !is.na(y) & !is.na(g)
+  if (sum(ok) < 3L) return(NULL)
+  y <- y[ok]; g <- droplevels(g[ok])
+  n <- tabulate(g, nlevels(g))
+  if (nlevels(g) < 2L || all(n < 2L)) return(NULL)
+  m <- tapply(y, g, mean)
+  vw <- sum((y - m[g])^2) / max(1, length(y) - nlevels(g))
+  if (!is.finite(vw) || vw <= 0) return(NULL)
+  list(vb = stats::var(as.vector(m)), vw = vw, inv_n = mean(1 / n))
+}
+
+# Starts of the random factors' variances: the between-level variance of
+# the response's means less the share of the residual variance in it, the
+# residual variance taken as the least within-level variance of the
+# factors.  Terms that are not plain factors start at the default.
+moment_starts <- function(model, terms, v0, profiled, vy) {
+  st <- lapply(terms, moment_stats, model = model)
+  have <- !vapply(st, is.null, TRUE)
+  out <- rep(v0, length(terms))
+  if (!any(have)) return(out)
+  ve <- min(vapply(st[have], `[[`, 1, "vw"))
+  for (k in which(have)) {
+    ratio <- min(max((st[[k]]$vb - ve * st[[k]]$inv_n) / ve, 0.05), 50)
+    out[k] <- if (profiled) ratio else ratio * ve
+  }
+  out
 }
 
 # Applies the user's starting values and constraints to the structures and

@@ -50,7 +50,19 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
   fit <- assemble_fit(out, model, table, struc, arranged, control)
+  if (needs_polish(fit)) {
+    # Stopped while the log-likelihood still moved: go on from the
+    # estimates, where the steps are short and the test is tight.
+    first <- fit$iterations
+    struc <- apply_constraints(build_struc(model, table), fit$gammas, constrain, equal, lincon)
+    out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
+    fit <- assemble_fit(out, model, table, struc, arranged, control)
+    it <- fit$iterations
+    if (nrow(it)) it$iteration <- it$iteration + nrow(first)
+    fit$iterations <- rbind(first, it)
+  }
   fit$call <- match.call()
+  warn_fit(fit)
   fit
 }
 
@@ -145,7 +157,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   ncol_kept <- if (isTRUE(keep_design)) neq - 1L else neqd - 1L
   design <- matrix(0, nrow, ncol_kept)
   attr(design, "xcol") <- seq_len(ncol_kept)
-  es <- list(struc = fresh_copy(struc$struc), nspat = 0L, nrsect = fresh_copy(struc$nrsect),
+  es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
              gammas = fresh_copy(struc$gammas), tgamma = fresh_copy(struc$tgamma),
              printGammas = fresh_copy(struc$printGammas), tyfact = fresh_copy(struc$tyfact),
              gmcstr = fresh_copy(struc$gmcstr), nfrstg = fresh_int(1L))
@@ -154,23 +166,26 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   if (nC > 2^31 - 1) tstop("the fixed part of the model has too many equations (%d)", neqd)
   Cfixed <- double(nC)
   Cfixed[1] <- 1
+  # Scalars too are fresh copies: the engine writes some in place (the
+  # step size, for one), and a literal constant must never be overwritten.
+  fr <- fresh_copy
   list(
     datafr = as.double(t(data)),
     iarg = iarg,
     dpmv = c(tarnel_missing, 0),
     inter = inter,
     struc = es,
-    ainv = list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0),
-    glm = list(id = 1L, link = 1L, glmphi = 1, thrlevels = 0L),
-    predict = list(npred = fresh_int(1L), nfinmd = 0L, pvals = 0, lpvals = 0L, lpwts = 0L,
-                   prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = 0L, ivals = 0L,
-                   vpvmat = 0, avsed = double(10), pvtext = raw(80)),
+    ainv = list(nainv = fr(0L), lcainv = fr(0L), llainv = fr(0L), ainv = fr(0)),
+    glm = list(id = fr(1L), link = fr(1L), glmphi = fr(1), thrlevels = fr(0L)),
+    predict = list(npred = fresh_int(1L), nfinmd = fr(0L), pvals = fr(0), lpvals = fr(0L), lpwts = fr(0L),
+                   prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = fr(0L), ivals = fr(0L),
+                   vpvmat = fr(0), avsed = double(10), pvtext = raw(80)),
     constr = list(ngmcon = fresh_copy(struc$constr$ngmcon), gequal = fresh_copy(struc$constr$gequal),
                   gmcon = fresh_copy(struc$constr$gmcon)),
-    mbfList = list(mbfAddr = 0L, mbfX = 0),
-    control = list(workspace = as.double(workspace), pworkspace = 0, maxiter = maxiter, knots = 0L,
-                   nsppoints = 0L, stepsize = 1e-4 + 0, splstp = 0, splinescale = 1,
-                   trace = as.integer(control$trace), Ftest = 0L, design = 1L),
+    mbfList = list(mbfAddr = fr(0L), mbfX = fr(0)),
+    control = list(workspace = fr(as.double(workspace)), pworkspace = fr(0), maxiter = maxiter, knots = fr(0L),
+                   nsppoints = fr(0L), stepsize = fr(1), splstp = fr(0), splinescale = fr(1),
+                   trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(1L)),
     aiopt = aiopt,
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
                soln = double(neq), vsoln = double(neq), resid = double(nrow),
