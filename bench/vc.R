@@ -16,9 +16,9 @@ ua <- rnorm(na, sd = sqrt(2)); ub <- rnorm(nb, sd = 1); bf <- rnorm(nf, sd = 3)
 d <- data.frame(y = 10 + bf[f] + ua[a] + ub[b] + rnorm(n, sd = sqrt(3)),
                 A = factor(sprintf("a%04d", a)), B = factor(sprintf("b%03d", b)), F = factor(sprintf("f%02d", f)))
 
-gc()
+invisible(gc())
 t_tarnel <- system.time(fit <- tarnel(y ~ F, random = ~ A + B, data = d))[["elapsed"]]
-gc()
+invisible(gc())
 t_lme4 <- system.time(m <- lmer(y ~ F + (1 | A) + (1 | B), d, REML = TRUE))[["elapsed"]]
 
 vc <- as.data.frame(VarCorr(m))
