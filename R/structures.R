@@ -444,8 +444,10 @@ build_struc <- function(model, table) {
     }
     has_var <- any(vapply(secs_specs, function(s) any(s$kind == "variance"), TRUE))
     if (!has_var) {
-      ids <- which(vapply(secs_specs, function(s) s$model == 0L, TRUE))
-      at <- if (length(ids)) ids[1] else 1L
+      # The overall variance rides on the first correlation structure as its
+      # scale; on an identity only when there is nothing else.
+      cors <- which(vapply(secs_specs, function(s) s$model != 0L, TRUE))
+      at <- if (length(cors)) cors[1] else 1L
       secs_specs[[at]]$names <- c(secs_specs[[at]]$names, "variance")
       secs_specs[[at]]$kind <- c(secs_specs[[at]]$kind, "variance")
       secs_specs[[at]]$start <- c(secs_specs[[at]]$start, v0)

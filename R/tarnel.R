@@ -8,7 +8,7 @@
 #' @param max_workspace the largest work array that a retry after a shortage
 #'   may ask for, in 8-byte words.
 #' @param maxiter iteration limit of the fit.
-#' @param trace print the engine's start and finish lines.
+#' @param trace print the engine's start and finish lines and the iteration log.
 #' @return A list of options.
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE) {

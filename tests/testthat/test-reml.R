@@ -290,3 +290,52 @@ test_that("a variance estimated at zero is held at its boundary with a warning (
   expect_close(fit$varcomp["residual", "component"], sigma(m)^2)
   expect_abs(as.numeric(logLik(fit)), as.numeric(logLik(m)), 0.05)
 })
+
+test_that("direct products in random terms: DIAG x I and AR1 x I against dense REML", {
+  d <- transform(ref_data("oats"), nitro = factor(nitro))
+  X <- model.matrix(~ nitro, d)
+  Zs <- lapply(levels(d$Variety), function(l) tcrossprod(zmat(d$Block) * (d$Variety == l)))
+  fit <- fit_or_fail(tarnel(yield ~ nitro, random = ~ cov_diag(Variety):Block, data = d), "DIAG x I")
+  obj <- function(p) -dense_reml(Reduce(`+`, Map(`*`, exp(p[1:3]), Zs)) + exp(p[4]) * diag(nrow(d)), X, d$yield)$ll
+  o <- optim(log(c(200, 200, 400, 160)), obj, method = "BFGS")
+  if (!is.null(fit)) {
+    expect_close(fit$varcomp$component, exp(o$par), what = "DIAG x I")
+    expect_abs(as.numeric(logLik(fit)), -o$value, 0.05)
+  }
+  # AR1 along six times within 40 units, an overall variance, and the residual
+  set.seed(5)
+  nu <- 40; nt <- 6
+  G <- 4 * ar1(nt, 0.6)
+  u <- as.vector(t(chol(G)) %*% matrix(rnorm(nt * nu), nt))
+  s <- data.frame(unit = factor(rep(seq_len(nu), each = nt)), time = factor(rep(seq_len(nt), nu)))
+  s$y <- 10 + as.numeric(s$time) * 0.5 + u + rnorm(nrow(s))
+  fit <- fit_or_fail(tarnel(y ~ time, random = ~ cov_ar1(time):unit, data = s), "AR1 x I")
+  Z <- zmat(interaction(s$time, s$unit, lex.order = TRUE))  # time slowest
+  X <- model.matrix(~ time, s)
+  obj <- function(p) -dense_reml(exp(p[1]) * Z %*% kronecker(ar1(nt, tanh(p[2])), diag(nu)) %*% t(Z) +
+                                    exp(p[3]) * diag(nrow(s)), X, s$y)$ll
+  o <- optim(c(log(4), atanh(0.5), 0), obj, method = "BFGS")
+  if (!is.null(fit)) {
+    vc <- fit$varcomp
+    expect_close(vc[c("cov_ar1(time):unit!time:variance", "residual"), "component"], exp(o$par[c(1, 3)]), what = "AR1 x I")
+    expect_abs(vc["cov_ar1(time):unit!time:ar1", "component"], tanh(o$par[2]), 0.005)
+    expect_abs(as.numeric(logLik(fit)), -o$value, 0.05)
+  }
+})
+
+test_that("an incomplete field grid is completed in column-major order, each record kept once", {
+  d <- ref_data("field_ar1ar1")
+  drop <- c(3, 100, 288)
+  dd <- d[-drop, ][sample(nrow(d) - 3), ]  # shuffled, three plots missing
+  ns <- asNamespace("tarnel")
+  res <- ns$parse_residual(~ cov_ar1(col):cov_ar1(row), dd, globalenv())
+  a <- ns$arrange_records(dd, res, "yield", drop_missing = TRUE)
+  expect_equal(nrow(a$data), length(unique(d$col)) * length(unique(d$row)))
+  expect_equal(a$data$col, rep(sort(unique(d$col)), each = length(unique(d$row))))
+  expect_equal(a$data$row, rep(sort(unique(d$row)), length(unique(d$col))))
+  kept <- !is.na(a$rows)
+  expect_equal(sum(!kept), 3L)
+  expect_true(all(is.na(a$data$yield[!kept])))
+  expect_equal(a$data$yield[kept], dd$yield[a$rows[kept]])
+  expect_equal(sort(a$rows[kept]), seq_len(nrow(dd)))
+})
