@@ -95,6 +95,7 @@ nat <- run(0L)
 
 cat(sprintf("tarnel  order %.3f s + absorb %.3f s = %.3f s, logdet %.10g, singular %d\n",
             tar[5], tar[6], t_tar, tar[1], as.integer(tar[3])))
+cat(sprintf("rows left by the ordering to fill in as a block: %d\n", as.integer(tar[9])))
 cat(sprintf("CHOLMOD order + factor %.3f s, logdet %.10g\n", t_chm, ld_chm))
 cat(sprintf("time ratio tarnel / CHOLMOD: %.2f\n", t_tar / t_chm))
 cat(sprintf("fill (sparse part, lower incl. diagonal): g5veor %.0f, AMD %.0f, natural %.0f\n",

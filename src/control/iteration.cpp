@@ -248,14 +248,23 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   i32* links = reinterpret_cast<i32*>(bump.take(neq + 2));
   i32* rank = reinterpret_cast<i32*>(bump.take(nfactp / 2 + 1));
   i32* status = reinterpret_cast<i32*>(bump.take(4));
-  double* scratch = bump.take(neq + 1);
-  i32* scols = reinterpret_cast<i32*>(bump.take(neq / 2 + 2));
+  i64 maxord = neq + 1;
+  for (int k = 1; k <= s.nstruc; ++k) maxord = std::max<i64>(maxord, struc_row(s, k).field(kOrder) + 1);
+  double* scratch = bump.take(maxord);
+  i32* scols = reinterpret_cast<i32*>(bump.take(maxord / 2 + 2));
   const i64 upd_words = static_cast<i64>(g5vupd_work_words(nwv, ngamma, a.constraints.ngmcon)) +
-                        static_cast<i64>(nwv) * (nwv + 1) / 2 + 16;
+                        static_cast<i64>(nwv) * (nwv + 1) + 16;
   double* updwork = bump.take(upd_words);
   double* aiinv = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8);
   GTerm* gterms = reinterpret_cast<GTerm*>(bump.take((static_cast<i64>(nfactp) * sizeof(GTerm) + 7) / 8));
   StrucRow* grows = reinterpret_cast<StrucRow*>(bump.take(s.nstruc + 1));
+  // One row of a residual section's R^-1, and the rows of structures: the
+  // larger of the section sizes and of the structure orders.
+  i64 maxsect = neq + 1;
+  for (int k = 0; k < s.nsect; ++k) maxsect = std::max<i64>(maxsect, s.nrsect[3 * k]);
+  for (int k = 1; k <= s.nstruc; ++k) maxsect = std::max<i64>(maxsect, struc_row(s, k).field(kOrder));
+  double* rrow = bump.take(maxsect);
+  i32* rcols = reinterpret_cast<i32*>(bump.take(maxsect / 2 + 1));
   if (!bump.ok) return g5vflt(nfault, 6);
   for (int i = 0; i < nfactp; ++i) new (&gterms[i]) GTerm();
   const i64 remaining = bump.hi - bump.lo;
@@ -326,6 +335,9 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     } else if (n == 1 && valid_product(s, 1, r) && struc_row(s, r).field(kModel) == 0) {
       sec.termcode = -1;
       sec.section = r;
+      // The section's own variance: its log determinant once a record.
+      const int ord = std::max(1, struc_row(s, r).field(kOrder));
+      st.logdet_r += static_cast<double>(nrec) / ord * st.tabs.logdet[r - 1];
     } else {
       if (!valid_product(s, n, r)) {
         vprt(" Residual section %d names structures that do not exist\n", k + 1);
@@ -334,13 +346,21 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
       sec.termcode = -3;
       sec.section = r;
       // Each factor's log determinant counts once per repeat of it.
-      i64 N = 1;
-      for (int j = 0; j < n; ++j) N *= std::max(1, struc_row(s, r + j).field(kOrder));
       for (int j = 0; j < n; ++j) {
         const int ord = std::max(1, struc_row(s, r + j).field(kOrder));
-        st.logdet_r += static_cast<double>(nrec) / ord * st.tabs.logdet[r + j - 1];
+        sec.sectlogdet += static_cast<double>(nrec) / ord * st.tabs.logdet[r + j - 1];
+        grows[r - 1 + j] = struc_row(s, r + j);
       }
-      (void)N;
+      sec.rsrc.records = st.tabs.secform.data() + (r - 1);
+      sec.rsrc.rows = grows + (r - 1);
+      sec.rsrc.nsect = n;
+      sec.rsrc.work = &a.work.x;
+      sec.rsrc.giv = &giv;
+      sec.rsrc.second = true;
+      sec.rsrc.scratch = span<double>(scratch, static_cast<std::size_t>(maxord));
+      sec.rsrc.scols = span<int>(scols, static_cast<std::size_t>(maxord));
+      sec.rrow = span<double>(rrow, static_cast<std::size_t>(maxsect));
+      sec.rcols = span<int>(rcols, static_cast<std::size_t>(maxsect));
     }
     if (g5vxxs(ms, sec, ssp)) {
       if (err % 1000 == 6 || err == 6) return g5vflt(nfault, 6);
@@ -355,8 +375,10 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   // 9. G structures.
   for (int i = 0; i < nfactp; ++i) {
     GTerm& g = gterms[i];
-    g.nlev = t.rlevel[i];
     const int code = i < static_cast<int>(t.tyfact.size()) ? t.tyfact[i] : 0;
+    // A joined position's levels belong to the term before it.
+    const bool joined = code < 0 && i > 0;
+    g.nlev = joined ? 0 : t.rlevel[i];
     if (code < 0) {
       g.code = 0;
       continue;
@@ -388,8 +410,8 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     g.src.work = &a.work.x;
     g.src.giv = &giv;
     g.src.second = true;
-    g.src.scratch = span<double>(scratch, neq + 1);
-    g.src.scols = span<int>(scols, neq + 1);
+    g.src.scratch = span<double>(scratch, static_cast<std::size_t>(maxord));
+    g.src.scols = span<int>(scols, static_cast<std::size_t>(maxord));
   }
   if (g5vxxg(ms, span<const GTerm>(gterms, nfactp), span<const double>(s.gammas.data(), ngamma), ssp,
              nfault))
@@ -577,11 +599,32 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   if (nwv == 0) return 0;
 
   // 31. The update.
+  // With the scale profiled, the others move by the Newton step of the
+  // profiled likelihood: the information of the other parameters is the
+  // Schur complement of the scale's, and the scale itself stays where it
+  // is.  The full matrix stays in st.ai for the host.
+  double* aiu = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8) -
+                (static_cast<i64>(nwv) * (nwv + 1) / 2 + 1);
+  std::copy(st.ai.begin(), st.ai.begin() + nai, aiu);
+  if (st.profiled && cs > 0) {
+    auto at = [](int i, int j) {  // packed, 1-based
+      if (j > i) std::swap(i, j);
+      return static_cast<std::size_t>(i) * (i - 1) / 2 + j - 1;
+    };
+    const double ass = st.ai[at(cs, cs)];
+    if (ass > 0) {
+      for (int i = 1; i <= nwv; ++i)
+        for (int j = 1; j <= i; ++j)
+          if (i != cs && j != cs) aiu[at(i, j)] -= st.ai[at(i, cs)] * st.ai[at(j, cs)] / ass;
+    }
+    for (int j = 1; j <= nwv; ++j) aiu[at(cs, j)] = 0.0;
+    aiu[at(cs, cs)] = 1.0;
+  }
   UpdateArgs u;
   u.gammas = span<double>(s.gammas.data(), ngamma);
   u.prev1 = span<double>(st.prev1.data(), ngamma);
   u.prev2 = span<double>(st.prev2.data(), ngamma);
-  u.ai = span<const double>(st.ai.data(), nai);
+  u.ai = span<const double>(aiu, nai);
   u.score = span<const double>(st.score.data(), nwv);
   u.wvpar = span<const int>(st.wvpar.data(), nwv);
   u.stepsz = o.stepsize;
@@ -598,7 +641,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   u.gmcon = a.constraints.gmcon;
   u.ngmcon = a.constraints.ngmcon;
   u.aiinv = span<double>(aiinv, nai);
-  u.work = span<double>(updwork, static_cast<std::size_t>(upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8)));
+  u.work = span<double>(updwork, static_cast<std::size_t>(upd_words - static_cast<i64>(nwv) * (nwv + 1) - 16));
   u.debug = o.debug != 0;
   const double scale_before = s.gammas[st.scalepos - 1];
   std::vector<double> before(s.gammas.begin(), s.gammas.begin() + ngamma);

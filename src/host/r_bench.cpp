@@ -18,7 +18,8 @@ extern "C" {
 // column); slots: pool slots; mode: 0 the fill of the natural order only,
 // else the g5veor mode.
 // Returns c(logdet, rss, nsing, fill, order seconds, absorb seconds, peak
-// slots of the pool, ordering's fault word).
+// slots of the pool, ordering's fault word, rows the ordering left as a
+// block).
 SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEXP slots_,
                          SEXP mode_) {
   return guarded("tarnel_bench_absorb", [&] {
@@ -53,6 +54,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     auto t0 = clk::now();
     int err = 0;
     i64 fill = 0;
+    i32 tail = 0;
     if (mode > 0) {
       // The working pattern takes the room the pool does not use yet.
       std::vector<i32> work(static_cast<size_t>(8 * static_cast<i64>(neq) + 2 * slots));
@@ -63,6 +65,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
       a.mode = mode;
       a.err = &err;
       if (g5veor(a)) throw ArgError("ordering failed (error 7): more slots needed");
+      tail = a.tail;
       fill = symbolic_fill(s, span<const i32>(iw.data(), iw.size()), span<i32>(work.data(), work.size()));
     } else {
       for (int p = 1; p <= neq; ++p) iw[2 * (p - 1) + 1] = p;
@@ -71,8 +74,8 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     }
     auto t1 = clk::now();
     if (mode <= 0) {  // the natural order's fill only
-      SEXP out = PROTECT(Rf_allocVector(REALSXP, 8));
-      for (int k = 0; k < 8; ++k) REAL(out)[k] = NA_REAL;
+      SEXP out = PROTECT(Rf_allocVector(REALSXP, 9));
+      for (int k = 0; k < 9; ++k) REAL(out)[k] = NA_REAL;
       REAL(out)[3] = static_cast<double>(fill);
       UNPROTECT(1);
       return out;
@@ -92,7 +95,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     const int rc = g5vxxa(s, ab, nfault);
     auto t2 = clk::now();
     if (rc) throw ArgError(std::string("absorption failed: ") + errortext_of(nfault));
-    SEXP out = PROTECT(Rf_allocVector(REALSXP, 8));
+    SEXP out = PROTECT(Rf_allocVector(REALSXP, 9));
     double* o = REAL(out);
     o[0] = ab.logdet;
     o[1] = x[0];
@@ -102,6 +105,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     o[5] = std::chrono::duration<double>(t2 - t1).count();
     o[6] = static_cast<double>(ab.peaklx);
     o[7] = err;
+    o[8] = tail;
     UNPROTECT(1);
     return out;
   });

@@ -24,6 +24,22 @@ double need_size(SEXP control, const char* name) {
   return v;
 }
 
+// The engine writes its results into R's vectors in place.  A vector that
+// R may share with another object (a constant in a function's code, a
+// vector also bound to a variable) would change behind R's back, so such a
+// vector is refused: the caller must pass fresh ones.
+void writable(SEXP list, const char* name, const char* where) {
+  SEXP e = elem(list, name);
+  if (e != R_NilValue && MAYBE_SHARED(e))
+    throw ArgError(std::string("element '") + name + "' of '" + where +
+                   "' is shared with another R object; the engine writes into it, so pass a fresh copy");
+}
+void writable_arg(SEXP x, const char* name) {
+  if (MAYBE_SHARED(x))
+    throw ArgError(std::string("'") + name +
+                   "' is shared with another R object; the engine writes into it, so pass a fresh copy");
+}
+
 // Fills `in` from R's objects; throws ArgError on the first problem.
 void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP iarg, SEXP dpmv,
             SEXP inter, SEXP struc, SEXP ainv, SEXP glm, SEXP predict, SEXP constr, SEXP mbfList,
@@ -219,6 +235,18 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
           "'design' must have one row a record and one column for each entry of 'xcol'");
   }
   in.na_real = R_NaReal;
+
+  writable_arg(iarg, "iarg");
+  writable_arg(aiopt, "aiopt");
+  writable(inter, "neq", "inter");
+  for (const char* n : {"gammas", "tgamma", "gmcstr", "nfrstg"}) writable(struc, n, "struc");
+  writable(predict, "npred", "predict");
+  for (const char* n : {"maxiter", "stepsize"}) writable(control, n, "control");
+  for (const char* n : {"prvgam", "score", "loglik", "soln", "vsoln", "resid", "linearPredictors", "hat",
+                        "sigma2", "deviance", "nedf", "nwv", "noeff", "nsing", "ai", "yssqu", "Cfixed",
+                        "Csparse", "CfacNum", "nCfac", "aovTbl", "apstvar", "converge", "trArray", "errtxt"})
+    writable(trn, n, "trn");
+  if (in.keep_design != 0) writable_arg(design, "design");
 }
 
 }  // namespace

@@ -36,6 +36,55 @@ void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
   p.lnk(prev) = static_cast<i32>(e);
 }
 
+
+// Lays the linked rows of positions NDENSE+1..upto out again: every row's
+// elements in consecutive slots in column order, straight after the heads,
+// so that walking a row reads memory in sequence.  The rows are first
+// copied into the free room above LX and then back down.  Returns the number
+// of elements laid out, or -1 (nothing changed) when the room is short.
+i64 relayout(const Pool& p, i64& lx, i64 top, i32 nd, i32 neq, i32 upto) {
+  const i64 nheads = static_cast<i64>(neq) - nd;
+  i64 live = 0;
+  for (i32 r = nd + 1; r <= upto; ++r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) <= 0) continue;
+    for (i64 s = p.lnk(h); s > 0; s = p.lnk(s)) ++live;
+  }
+  if (lx + live + 1 >= top) return -1;
+  i64 at = lx;
+  for (i32 r = nd + 1; r <= upto; ++r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) <= 0) continue;
+    for (i64 s = p.lnk(h); s > 0; s = p.lnk(s)) {
+      ++at;
+      p.val(at) = p.val(s);
+      p.col(at) = p.col(s);
+      p.lnk(at) = p.lnk(s) > 0 ? 1 : 0;  // 1: the row goes on
+    }
+  }
+  i64 dst = nheads, src = lx;
+  for (i32 r = nd + 1; r <= upto; ++r) {
+    const i64 h = r - nd;
+    if (p.lnk(h) <= 0) continue;
+    p.lnk(h) = static_cast<i32>(dst + 1);
+    while (true) {
+      ++dst;
+      ++src;
+      const bool more = p.lnk(src) != 0;
+      p.val(dst) = p.val(src);
+      p.col(dst) = p.col(src);
+      p.lnk(dst) = more ? static_cast<i32>(dst + 1) : 0;
+      if (!more) break;
+    }
+  }
+  for (i64 s = dst + 1; s <= at; ++s) {
+    p.col(s) = 0;
+    p.lnk(s) = 0;
+  }
+  lx = dst > nheads ? dst : nheads;
+  return live;
+}
+
 }  // namespace
 
 int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
@@ -231,8 +280,15 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     a.dd.at1(q) = 1.0 / d;
   };
 
+  // Rows laid out contiguously now and again as fill-in scatters them.
+  i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq) : -1;
+  if (laid < 0) laid = lx - nheads;
   i32 p = neq;
   while (p >= 2) {
+    if (p > nd && lx - nheads > laid + laid / 2 + 50000) {
+      const i64 l2 = relayout(pool, lx, top, nd, neq, p);
+      laid = l2 >= 0 ? l2 : lx - nheads;
+    }
     if (a.trace && lx > nextreport) {
       vprt(" Absorbing %d %d %.1f%%\n", p, neq, 100.0 * lx / std::max<i64>(st.len, 1));
       nextreport += step;

@@ -53,10 +53,16 @@ struct OrderArgs {
                               // (lower triangle, sparse positions, with
                               // diagonals), as the elimination counted it
   i64 peak = 0;               // out: highest working-pattern slot used
+  i32 tail = 0;               // out: rows left to fill in as a block (full
+                              // rows and rows where the ordering stopped)
 };
 
-// g5veor: main minimum-degree ordering with groups, delays and nesting.
-// Result 0; 1 on failure (err = 7).
+// g5veor: main minimum-degree ordering (mode 3 adds delays for zero
+// diagonals).  On return IW(1,e) is the position of e and IW(2,p) the
+// equation at p; before g5vxxa the caller sets IW(1,.) back to the terms
+// (g5vmor) and keeps IW(2,.).  Positions 1..NDENSE stay; untouched rows
+// take the highest positions; priority equations the lowest sparse ones.
+// Result 0; 1 on failure (err = 7, also when the working pattern is full).
 int g5veor(OrderArgs& a);
 // g5veora: variant choosing by true fill counts.
 int g5veora(OrderArgs& a);
@@ -104,35 +110,12 @@ struct DesignView {
 };
 
 // Scratch of SSP formation: acc NEQ reals (kept clear between records),
-// list NEQ+1 ints, links 2*NEQ+2 ints (general case).
+// list NEQ+1 ints, links NEQ ints kept zero (marks of the general case).
 struct SspScratch {
   span<double> acc;
   span<i32> list;
   span<i32> links;
 };
-
-// One R section for g5vxxs.
-struct SspSection {
-  DesignView design;
-  span<const i32> colflag;     // per equation: below 1 takes part; empty: all
-  span<const int> struc;       // structure table, rows of `lstruc` fields
-  int lstruc = 0;
-  int section = 1;             // this section's row of struc (1-based)
-  int termcode = 0;            // -1 identity, -3 general, >= 0 diagonal type
-  i64 first = 1, last = 0;     // record range (1-based, inclusive)
-  double sigma2 = 1.0;         // scale
-  span<const double> gammas;   // parameter values (1-based positions)
-  span<const double> weights;  // per-record response weights; empty: none
-  int ntraits = 0;             // traits count (0 or 1: univariate)
-  double* logdet = nullptr;    // the R section's log determinant (adds)
-  i64* skipped = nullptr;      // records skipped
-  int* err = nullptr;          // error word
-  bool trace = false;
-};
-
-// g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
-// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
-int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
 
 // g5vxxr: one row of R^-1 (a direct product of nsect sections, handled last
 // to first) for record `rec` (1-based).  values: dense over the section's
@@ -149,6 +132,35 @@ struct RowSource {
   span<double> scratch;                 // one section row, scattered
   span<int> scols;                      // its columns
 };
+// One R section for g5vxxs.
+struct SspSection {
+  DesignView design;
+  span<const i32> colflag;     // per equation: below 1 takes part; empty: all
+  span<const int> struc;       // structure table, rows of `lstruc` fields
+  int lstruc = 0;
+  int section = 1;             // this section's row of struc (1-based)
+  int termcode = 0;            // -1 identity, -3 general, >= 0 diagonal type
+  i64 first = 1, last = 0;     // record range (1-based, inclusive)
+  double sigma2 = 1.0;         // scale
+  span<const double> gammas;   // parameter values (1-based positions)
+  span<const double> weights;  // per-record response weights; empty: none
+  int ntraits = 0;             // traits count (0 or 1: univariate)
+  RowSource rsrc;              // general case: the section's product
+  span<double> rrow;           // general case: one row of R^-1, scattered
+                               // over the section's records (records reals)
+  span<int> rcols;             // general case: its columns (records ints)
+  double sectlogdet = 0;       // general case: log |R| of the section's
+                               // own structure, added as it stands
+  double* logdet = nullptr;    // the R section's log determinant (adds)
+  i64* skipped = nullptr;      // records skipped
+  int* err = nullptr;          // error word
+  bool trace = false;
+};
+
+// g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
+// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
+int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
+
 int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
            double scale, int& ifault);
 
@@ -201,6 +213,14 @@ struct AbsorbArgs {
 };
 
 // g5vxxa: factors the store in place (positions NEQ down to 2) and solves.
+// The store must be in equation order (as formed); the heads and columns are
+// brought to the order of IW(2,.) here.  Linked rows may be moved within the
+// pool (LX can fall).  L needs OFF+NEQ pairs: L(1,OFF+e) holds the new
+// position of e during set-up, L(2,OFF+p) the start of packed row p.  After
+// the call packed row p (positions above NDENSE) runs from slot L(2,OFF+p)
+// down to its diagonal, column 1 first; DD(p) is its reciprocal pivot.
+// Faults: 100000+p "Out of memory absorbing" when the pool is too small
+// (error word 496 or 667), 6 for views too small, 7 for a bad order.
 // Result 0; 1 after a fault (err and/or nfault set).
 int g5vxxa(MmeStore& s, AbsorbArgs& a, int& nfault);
 

@@ -51,7 +51,10 @@ struct Ord {
   i32& WL(i64 s) { return wr[2 * (s - 1) + 1]; }
   i64 head(i32 e) const { return static_cast<i64>(e) - nd; }
 
+  i64 taken = 0;  // slots handed out since the last relayout
+
   i64 take() {
+    ++taken;
     if (freel > 0) {
       const i64 s = freel;
       freel = WL(s);
@@ -83,31 +86,19 @@ struct Ord {
     IW1(ep) = q;
   }
 
-  // Removes column c from row r's chain; result 1 when it was there.
-  int unlink(i32 r, i32 c) {
-    i64 prev = head(r), s = WL(prev);
-    while (s > 0 && WC(s) < c) {
-      prev = s;
-      s = WL(s);
-    }
-    if (s > 0 && WC(s) == c) {
-      WL(prev) = WL(s);
-      give(s);
-      return 1;
-    }
-    return 0;
-  }
-
   // g5vedr: takes the full row at position q out of selection.
   void g5vedr(i32 q) {
     const i32 e = IW2(q);
     swap_pos(q, nebot);
     ++nebot;
     const i32 w = weight(e);
+    // The neighbours lose this row from their length.  Their elements of it
+    // stay in place: a row outside selection is never collected again, and
+    // unlinking would cost a walk of each neighbour.
     if (ISZ1(e) > 1) {
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
-        if (active(c) && unlink(c, e)) ISZ1(c) -= w;
+        if (active(c)) ISZ1(c) -= w;
       }
     }
     DLY1(e) = -1;
@@ -207,6 +198,50 @@ struct Ord {
     return missing / 2;
   }
 
+  // Lays the chains of the rows still in selection out again, each in
+  // consecutive slots straight after the heads; chains of rows that left
+  // selection are dropped.  Copies into the free room above NEXT and back.
+  // Returns the number of elements, or -1 (nothing changed) when the room
+  // is short.
+  i64 relayout() {
+    const i64 nheads = static_cast<i64>(neq) - nd;
+    i64 live = 0;
+    for (i32 q = nebot; q <= nemid; ++q)
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) ++live;
+    if (next + live + 1 > maxlx) return -1;
+    i64 at = next;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) {
+        ++at;
+        WC(at) = WC(s);
+        WL(at) = WL(s) > 0 ? 1 : 0;
+      }
+    }
+    if (at > a.peak) a.peak = at;
+    for (i32 e = nd + 1; e <= neq; ++e) {
+      const i32 q = IW1(e);
+      if (q < nebot || q > nemid) WL(head(e)) = 0;
+    }
+    i64 dst = nheads, src = next;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      const i64 h = head(IW2(q));
+      if (WL(h) <= 0) continue;
+      WL(h) = static_cast<i32>(dst + 1);
+      while (true) {
+        ++dst;
+        ++src;
+        const bool more = WL(src) != 0;
+        WC(dst) = WC(src);
+        WL(dst) = more ? static_cast<i32>(dst + 1) : 0;
+        if (!more) break;
+      }
+    }
+    next = dst;
+    freel = 0;
+    taken = 0;
+    return live;
+  }
+
   // Counting sort of positions nebot..nemid by length: the shortest at the
   // highest position.
   void sort_active() {
@@ -286,6 +321,8 @@ int order_main(OrderArgs& a, int variant) {
       }
     }
   }
+  if (o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0)
+    g5verror(" Row groups in ordering not available yet: rows ordered one by one", 1);
   if (a.nest[1] * a.nest[2] != 0)
     g5verror(" Nested ordering not available yet: ordinary selection used", 2);
 
@@ -386,6 +423,8 @@ int order_main(OrderArgs& a, int variant) {
   // Passes.
   i32 lenhi = 0;
   int idle = 0;
+  i64 laid = o.relayout();
+  if (laid < 0) laid = o.next;
   while (o.nemid > o.nebot) {
     // Delay release: a delayed row is freed once one of its neighbours in
     // the store's own pattern has been eliminated.
@@ -411,6 +450,10 @@ int order_main(OrderArgs& a, int variant) {
       }
       if (!any) delays = false;
     }
+    if (o.taken > laid / 2 + 50000) {
+      const i64 l2 = o.relayout();
+      laid = l2 >= 0 ? l2 : laid * 2;
+    }
     o.sort_active();
     // Full rows.
     while (o.nebot <= o.nemid && o.ISZ1(o.IW2(o.nebot)) >= o.netop - o.nebot + 1) o.g5vedr(o.nebot);
@@ -434,7 +477,8 @@ int order_main(OrderArgs& a, int variant) {
     lenhi = std::max({o.ISZ1(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
                       minlen + 1 + static_cast<i32>(std::lround(sq))});
     if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
-    if (lenlo > (o.nemid - nd) / 3 + 1) break;
+    // Rows long against what is left fill in anyway: stop ordering.
+    if (lenlo > (o.nemid - o.nebot + 1) / 3 + 1) break;
     bool chose = false;
     bool stop = false;
     while (true) {
@@ -521,6 +565,7 @@ int order_main(OrderArgs& a, int variant) {
     if (nb > 0) o.fill += nb * (nb + 1) / 2 + nb * (m > 0 ? m : 0);
   }
   a.fill = o.fill;
+  a.tail = (o.netop > o.nebot ? o.netop - o.nebot + 1 : 0) + (o.nebot - (nd + 1));
 
   // Check: every equation once.
   for (i32 e = 1; e <= neq; ++e) o.tmp[e - 1] = 0;

@@ -198,7 +198,7 @@ static void add_packed(const Pool& p, Take take, i64& pos, i64 rowslot, double s
     const i32 c = p.col(src);
     const double v = scale * p.val(src);
     while (true) {
-      if (s < 1) {
+      if (s < 1 || !p.ok(s)) {
         pos = -99;
         return;
       }

@@ -57,6 +57,98 @@ int out_of_memory(int& err, const char* text) {
   return 1;
 }
 
+// The general case: R^-1 rows from the section's structure.  For record i,
+// ACC = sum over records j of R^-1(i,j) x_j, over the columns of LIST;
+// then each column c of record i as a row gets x_i(c) ACC(a), a <= c.
+int general_case(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
+                 i64 nrec) {
+  int& err = *sec.err;
+  const i32 neq = s.neq;
+  const DesignView& d = sec.design;
+  if (w.links.size() < static_cast<size_t>(neq) || sec.rrow.size() < static_cast<size_t>(nrec) ||
+      sec.rcols.size() < static_cast<size_t>(nrec)) {
+    err = 130;
+    return 1;
+  }
+  *sec.logdet += sec.sectlogdet;
+  if (nrec > 0 && sec.sigma2 > f32(1e-9)) *sec.logdet += nrec * std::log(sec.sigma2);
+  for (i64 k = 0; k < nrec; ++k) sec.rrow[k] = 0.0;
+  auto record = [&](i64 r, i64& b, i64& e) {
+    b = d.start.at1(r);
+    e = d.start.at1(r + 1) - 1;
+    return b >= 1 && e <= static_cast<i64>(d.val.size()) && e >= b - 1;
+  };
+  for (i64 i = sec.first; i <= sec.last; ++i) {
+    int cnt = 0, ifault = 0;
+    if (g5vxxr(i - sec.first + 1, sec.rsrc, sec.rrow, sec.rcols, cnt, sec.sigma2, ifault)) {
+      err = ifault ? ifault : 1;
+      return 1;
+    }
+    i64 n = 0;
+    for (int k = 0; k < cnt; ++k) {
+      const int jj = sec.rcols[k];
+      if (jj < 1 || jj > nrec) {
+        err = 130;
+        return 1;
+      }
+      const double rij = sec.rrow[jj - 1];
+      sec.rrow[jj - 1] = 0.0;
+      if (rij == 0.0) continue;
+      i64 b = 0, e = 0;
+      if (!record(sec.first + jj - 1, b, e)) {
+        err = 130;
+        return 1;
+      }
+      i32 prev = 0;
+      for (i64 t = b; t <= e; ++t) {
+        const i32 c = d.col.at1(t);
+        if (c <= prev) break;
+        prev = c;
+        if (c > neq) {
+          err = 130;
+          return 1;
+        }
+        if (!active(sec, c)) continue;
+        if (w.links.at1(c) == 0) {
+          w.links.at1(c) = 1;
+          w.list.at1(++n) = c;
+        }
+        w.acc.at1(c) += rij * d.val.at1(t);
+      }
+      if (s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
+    }
+    std::sort(w.list.data(), w.list.data() + n);
+    w.list.at1(n + 1) = neq + 1;
+    i64 b = 0, e = 0;
+    if (!record(i, b, e)) {
+      err = 130;
+      return 1;
+    }
+    i32 prev = 0;
+    for (i64 t = b; t <= e; ++t) {
+      const i32 c = d.col.at1(t);
+      if (c <= prev) break;
+      prev = c;
+      if (c > neq) {
+        err = 130;
+        return 1;
+      }
+      if (!active(sec, c)) continue;
+      const int r = add_to_row(s, p, c, d.val.at1(t), w.acc, w.list.data(), n);
+      if (r == 136) {
+        err = 136;
+        return 1;
+      }
+      if (r == 6 || s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
+    }
+    for (i64 k = 1; k <= n; ++k) {
+      w.acc.at1(w.list.at1(k)) = 0.0;
+      w.links.at1(w.list.at1(k)) = 0;
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w) {
@@ -93,12 +185,8 @@ int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w) {
     err = 130;
     return 1;
   }
-  if (kase == -3) {
-    g5verror(" General residual structures in SSP formation not available yet", 3);
-    err += 1000;
-    return 1;
-  }
   const i64 nrec = sec.last - sec.first + 1;
+  if (kase == -3) return general_case(s, sec, w, p, limit, nrec);
   if (nrec > 0 && sec.sigma2 > f32(1e-9)) *sec.logdet += nrec * std::log(sec.sigma2);
 
   for (i64 i = sec.first; i <= sec.last; ++i) {
@@ -189,17 +277,18 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
       count = 0;
       return 0;
     }
-    // Multiply out from the back: new column (cs-1)*order + c.
-    for (int is = cnt - 1; is >= 0; --is) {
-      const int cs = src.scols[is];
-      const double vs = src.scratch[cs - 1];
-      for (int ic = count - 1; ic >= 0; --ic) {
-        const int c = cols[ic];
+    // Multiply out from the back: new column (cs-1)*order + c.  Each of the
+    // row's entries is read before any product lands on it: the products of
+    // entry c fall on columns congruent to c, so no other entry is touched.
+    for (int ic = count - 1; ic >= 0; --ic) {
+      const int c = cols[ic];
+      const double v = values[c - 1];
+      values[c - 1] = 0.0;
+      for (int is = cnt - 1; is >= 0; --is) {
+        const int cs = src.scols[is];
         const i64 nc = static_cast<i64>(cs - 1) * order + c;
-        const double v = values[c - 1];
         cols[static_cast<size_t>(is) * count + ic] = static_cast<int>(nc);
-        values[nc - 1] = vs * v;
-        if (nc != c) values[c - 1] = 0.0;  // keep unlisted entries clear
+        values[nc - 1] = src.scratch[cs - 1] * v;
       }
     }
     count *= cnt;

@@ -343,3 +343,105 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     EXPECT_NEAR(logdet, ldref, 1e-9);
   }
 }
+
+TEST(Order, NaturalOrderTermsAndMarkers) {
+  std::vector<i32> iw(2 * 8, -5);
+  std::vector<i32> nlev{3, 2, 2}, marker{0, -999, 0};
+  int nf = 0;
+  ASSERT_EQ(tarnel::g5vmor(span<i32>(iw.data(), iw.size()), 8, span<const i32>(nlev.data(), 3),
+                           span<const i32>(marker.data(), 3), nf),
+            0);
+  const std::vector<i32> want{0, 1, 1, 2, 1, 3, 1, 4, -2, 5, -2, 6, 3, 7, 3, 8};
+  EXPECT_EQ(iw, want);
+  // Levels that do not add up to NEQ - 1 are refused.
+  EXPECT_EQ(tarnel::g5vmor(span<i32>(iw.data(), iw.size()), 9, span<const i32>(nlev.data(), 3),
+                           span<const i32>(marker.data(), 3), nf),
+            1);
+  EXPECT_EQ(nf, 7);
+}
+
+TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
+  // R^-1 = (c I_3) x T, T tridiagonal Toeplitz, records in the product's
+  // running order (the last section fastest); X'R^-1 X / sigma2 against the
+  // dense product.
+  const int neq = 25, nd = 2, nb = 8, nrec = 3 * nb;
+  Design d = make_design(neq, nrec, 3, 51, 0.0);
+  std::vector<double> work(64, 0.0);
+  work[0] = 2.0;                                       // c at position 1
+  for (int k = 0; k < nb; ++k) work[10 + k] = 1.5;     // T diagonal at 11
+  for (int k = 0; k < nb; ++k) work[10 + nb + k] = -0.4;  // off-diagonal
+  tarnel::WorkArray wa(work.data(), work.size());
+  std::vector<int> struc(2 * 15, 0);
+  struc[0] = 3;   // section 1: order 3
+  struc[15] = nb; // section 2: order nb
+  tarnel::StrucRow rows[2] = {{struc.data()}, {struc.data() + 15}};
+  tarnel::FormRecord recs[2];
+  recs[0].kindi = 0;
+  recs[0].posi = 1;
+  recs[1].kindi = 3;
+  recs[1].posi = 11;
+  std::vector<int> giv(5, 0);
+  tarnel::GivTable gt;
+  gt.table = span<int>(giv.data(), giv.size());
+  std::vector<double> scr(nb), rrow(nrec);
+  std::vector<int> scols(nb), rcols(nrec);
+  Store st(neq, nd, 20000);
+  std::vector<double> acc(neq, 0.0);
+  std::vector<i32> list(neq + 1), links(neq, 0);
+  tarnel::SspScratch w{span<double>(acc.data(), acc.size()), span<i32>(list.data(), list.size()),
+                       span<i32>(links.data(), links.size())};
+  double logdet = 0;
+  i64 skipped = 0;
+  int err = 0;
+  tarnel::SspSection sec;
+  sec.design = {span<const double>(d.val.data(), d.val.size()), span<const i32>(d.col.data(), d.col.size()),
+                span<const i64>(d.start.data(), d.start.size())};
+  sec.termcode = -3;
+  sec.first = 1;
+  sec.last = nrec;
+  sec.sigma2 = 1.7;
+  sec.rsrc.records = recs;
+  sec.rsrc.rows = rows;
+  sec.rsrc.nsect = 2;
+  sec.rsrc.work = &wa;
+  sec.rsrc.giv = &gt;
+  sec.rsrc.scratch = span<double>(scr.data(), scr.size());
+  sec.rsrc.scols = span<int>(scols.data(), scols.size());
+  sec.rrow = span<double>(rrow.data(), rrow.size());
+  sec.rcols = span<int>(rcols.data(), rcols.size());
+  sec.logdet = &logdet;
+  sec.skipped = &skipped;
+  sec.err = &err;
+  ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
+  // Dense reference.
+  std::vector<double> R(nrec * nrec, 0.0), X(nrec * neq, 0.0);
+  for (int a = 0; a < nrec; ++a)
+    for (int b = 0; b < nrec; ++b) {
+      if (a / nb != b / nb) continue;
+      const int i = a % nb, j = b % nb;
+      const double t = i == j ? 1.5 : (std::abs(i - j) == 1 ? -0.4 : 0.0);
+      R[a * nrec + b] = 2.0 * t / 1.7;
+    }
+  for (int a = 0; a < nrec; ++a)
+    for (i64 k = d.start[a]; k < d.start[a + 1]; ++k) X[a * neq + d.col[k - 1] - 1] = d.val[k - 1];
+  tarnel::Pool p = st.s.pool();
+  Dense got(neq);
+  for (int r = 1; r <= neq; ++r) {
+    if (r <= nd) {
+      for (int c = 1; c <= r; ++c) got(r, c) = st.s.dense(r, c);
+      continue;
+    }
+    for (i64 s = st.s.head(r); s > 0 && p.lnk(st.s.head(r)) != -1; s = p.lnk(s)) got(r, p.col(s)) = p.val(s);
+  }
+  for (int r = 1; r <= neq; ++r)
+    for (int c = 1; c <= r; ++c) {
+      double ref = 0;
+      for (int a = 0; a < nrec; ++a)
+        for (int b = 0; b < nrec; ++b) ref += X[a * neq + r - 1] * R[a * nrec + b] * X[b * neq + c - 1];
+      EXPECT_NEAR(got(r, c), ref, 1e-12 * (1 + std::fabs(ref))) << r << "," << c;
+    }
+  for (int k = 0; k < neq; ++k) {
+    EXPECT_EQ(acc[k], 0.0);  // scratch left clear
+    EXPECT_EQ(links[k], 0);
+  }
+}
