@@ -125,8 +125,13 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
        nonzero = args$aiopt[64L], neq = args$inter$neq[1])
 }
 
+fresh_int <- function(n) integer(n)
+fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; attributes(out) <- attributes(v); out }
+
 # The fourteen objects of the model-fit entry.  Every vector the engine
-# writes into is freshly allocated here, never shared with another object.
+# writes into is freshly allocated here, never shared with another object:
+# the locals that built them are removed before the list goes back, so that
+# the list holds the only reference.
 ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   data <- table$data
   nrow <- model$nrow
@@ -135,8 +140,6 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   neqd <- table$inter$neqd[1]
   ngamma <- length(struc$gammas) - 1L
   nfactp <- length(table$inter$neword)
-  fresh_int <- function(n) integer(n)
-  fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; attributes(out) <- attributes(v); out }
   iarg <- fresh_int(16L)
   iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
@@ -169,7 +172,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   # Scalars too are fresh copies: the engine writes some in place (the
   # step size, for one), and a literal constant must never be overwritten.
   fr <- fresh_copy
-  list(
+  out <- list(
     datafr = as.double(t(data)),
     iarg = iarg,
     dpmv = c(tarnel_missing, 0),
@@ -198,4 +201,6 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
                license = "", where = ""),
     design = design
   )
+  rm(iarg, aiopt, maxiter, design, Cfixed, inter, es)
+  out
 }
