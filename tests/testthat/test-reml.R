@@ -109,7 +109,7 @@ test_that("every reference case fits: parameters, log-likelihood and fitted X b"
     expect_true(all(abs(got[corr] - unname(ex$vp)[corr]) <= 0.005), info = nm)
     expect_abs(fit$loglik, ex$loglik, 0.05, info = nm)
     expect_abs(as.numeric(logLik(fit)), ex$loglik_std, 0.05, info = nm)
-    xb <- dense_reml(dense_V(case, d, got), case$X(d), d[[case$y]])$xb
+    xb <- dense_reml(dense_V(case, d, unname(ex$vp)), case$X(d), d[[case$y]])$xb
     expect_true(max(abs(fitted(fit, "fixed") - xb) / abs(xb)) < 1e-4, info = nm)
     expect_equal(fit$nedf, nrow(d) - dn$rank, info = nm)
   }
@@ -238,7 +238,8 @@ test_that("agreement with lme4 on data sets that lme4 and nlme ship", {
            "coefs(Subject, ~Days)!Days:(Intercept)" = "Subject (Intercept) Days", residual = "Residual NA")),
     list(tfit(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ Days, cov = "diag"), data = sleep)),
          lme4::lmer(Reaction ~ Days + (Days || Subject), sleep, REML = TRUE),
-         c("coefs(Subject, ~Days)!(Intercept)" = "Subject (Intercept)", "coefs(Subject, ~Days)!Days" = "Subject.1 Days",
+         c("coefs(Subject, ~Days, cov = \"diag\")!(Intercept)" = "Subject (Intercept)",
+           "coefs(Subject, ~Days, cov = \"diag\")!Days" = "Subject.1 Days",
            residual = "Residual NA")),
     list(tfit(tarnel(strength ~ 1, random = ~ batch + batch:cask, data = pastes)),
          lme4::lmer(strength ~ 1 + (1 | batch) + (1 | batch:cask), pastes, REML = TRUE),
