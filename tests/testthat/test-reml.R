@@ -73,6 +73,7 @@ ref_cases <- list(
                         list(tcrossprod(Z), Z %*% t(Za) + Za %*% t(Z), tcrossprod(Za), diag(nrow(d))) },
                       y = "distance"),
   hetres = list(fit = function(d) tarnel(y ~ group, random = ~ block, residual = ~ het(group), data = d),
+                prep = function(d) transform(d, block = factor(block)),
                 par = c("block", "residual!group:a", "residual!group:b", "residual!group:c"),
                 X = function(d) model.matrix(~ group, d),
                 D = function(d) c(list(tcrossprod(zmat(d$block))), lapply(levels(d$group), function(l) diag(as.numeric(d$group == l)))),
