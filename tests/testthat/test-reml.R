@@ -120,6 +120,7 @@ test_that("standard errors come from the average information matrix", {
   for (nm in c("dyestuff", "penicillin", "orthodont_rr", "hetres")) {
     case <- ref_cases[[nm]]
     d <- ref_data(nm)
+    if (!is.null(case$prep)) d <- case$prep(d)
     fit <- fit_or_fail(case$fit(d), nm)
     if (is.null(fit)) next
     p <- fit$varcomp_all[case$par, "component"]
