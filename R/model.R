@@ -274,16 +274,11 @@ parse_model <- function(fixed, random, residual, data, weights, na_response, na_
   rx <- NULL
   if (!is.null(random)) {
     if (!inherits(random, "formula") || length(random) != 2L) tstop("'random' must be a one-sided formula")
-    rx <- parse_rhs(random, data, env, store, allow_intercept = FALSE)
-    rx$intercept <- FALSE
+    rx <- parse_random(random, data, env, store)
   }
-  if (!is.null(residual)) {
-    if (!inherits(residual, "formula") || length(residual) != 2L) tstop("'residual' must be a one-sided formula")
-    if (!identical(all.vars(residual), character()) || length(residual[[2L]]) != 1L)
-      tstop("only an identity residual ('~ 1' or NULL) is available yet")
-  }
-  structure(list(response = yname, y = y, fixed = fx, random = rx, residual = residual,
-                 weights_column = wcol, store = store, nrow = nrow(data),
+  resid <- if (is.list(residual) && !inherits(residual, "formula")) residual else parse_residual(residual, data, env)
+  structure(list(response = yname, y = y, fixed = fx, random = rx, residual = residual, resid = resid,
+                 weights_column = wcol, store = store, nrow = nrow(data), data = data,
                  na_response = na_response, na_design = na_design),
             class = "tarnel_model")
 }

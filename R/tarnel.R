@@ -8,7 +8,7 @@
 #' @param max_workspace the largest work array that a retry after a shortage
 #'   may ask for, in 8-byte words.
 #' @param maxiter iteration limit of the fit.
-#' @param trace print the engine's start and finish lines.
+#' @param trace print the engine's start and finish lines and the iteration log.
 #' @return A list of options.
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE) {
@@ -20,67 +20,50 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
        trace = isTRUE(trace))
 }
 
-#' Linear mixed model terms and design with tarnel
+#' Linear mixed models by REML with tarnel
 #'
-#' Reads a model given by a fixed formula with the response, a random
-#' formula and a residual formula, builds the engine's term table and forms
-#' the design rows.  Random terms are written in the same language as fixed
-#' terms; for now each is a scaled identity and the residual an identity.
-#' The estimation of variance parameters is not available yet: the result
-#' holds the design (when asked) and its counts.
-#'
-#' @param fixed a formula \code{response ~ terms}; see \code{\link{tarnel_terms}}
-#'   for the term functions.
-#' @param random a one-sided formula of random terms, or \code{NULL}.
-#' @param residual \code{NULL} or \code{~ 1}: an identity residual.
-#' @param data a data frame.
-#' @param na_response what a missing response does: \code{"drop"} leaves the
-#'   record out, \code{"keep"} keeps its row, \code{"estimate"} gives each
-#'   missing response an equation of its own.
-#' @param na_design what a missing value in a model term does: \code{"fail"}
-#'   stops with an error, \code{"zero"} leaves the term's entry out of the row.
-#' @param weights the name of a column of non-negative weights, or \code{NULL}.
-#' @param keep_design return the design matrix.
-#' @param control options from \code{\link{tarnel_control}}.
-#' @return An object of class \code{"tarnel"}: \code{design} (records by
-#'   equations, without the response, when kept), \code{records},
-#'   \code{neq} (equations, the response's included), \code{nonzero},
-#'   \code{workspace} and the parsed model.
-#' @examples
-#' fit <- tarnel(yield ~ variety + nitrogen, random = ~ block, data = field_trial,
-#'               keep_design = TRUE)
-#' dim(fit$design)
+#' Fits a linear mixed model by residual maximum likelihood (REML) with the
+#' average information algorithm.  See the Rd page for the details.
 #' @export
-tarnel <- function(fixed, random = NULL, residual = NULL, data, na_response = c("drop", "keep", "estimate"),
-                   na_design = c("fail", "zero"), weights = NULL, keep_design = FALSE,
-                   control = tarnel_control()) {
+tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, start = NULL,
+                   constrain = NULL, equal = NULL, lincon = NULL,
+                   na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
+                   keep_design = FALSE, control = tarnel_control()) {
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
+  if (!inherits(fixed, "formula") || length(fixed) != 3L) tstop("'fixed' must be a formula with a response")
+  if (!is.data.frame(data)) tstop("'data' must be a data frame")
+  if (nrow(data) < 1L) tstop("'data' has no records")
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
-  model <- parse_model(fixed, random, residual, data, weights, na_response, na_design, env)
+  yname <- var_name(fixed[[2L]], "the response")
+  data_column(data, yname)
+  resid <- parse_residual(residual, data, env)
+  arranged <- arrange_records(data, resid, yname, drop_missing = na_response == "drop")
+  arranged$n0 <- nrow(data)
+  # On a grid every missing response gets an equation of its own, which
+  # takes it out of the likelihood while the record keeps its place.
+  if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
+  model <- parse_model(fixed, random, resid, arranged$data, weights, na_response, na_design, env)
   table <- build_term_table(model)
   struc <- build_struc(model, table)
+  struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
-  out$call <- match.call()
-  out$model <- model
-  out$table <- table
-  class(out) <- "tarnel"
-  out
-}
-
-#' @noRd
-# Variance structures of the model.  For now: a scaled identity for each
-# random term and an identity residual, with parameters as ratios to the
-# residual variance; the structure table proper comes with the variance
-# subsystem.
-build_struc <- function(model, table) {
-  nrand <- length(table$inter$neword) - length(table$fixed_positions)
-  ngamma <- nrand + 1L
-  list(struc = matrix(0L, 15L, 0L), nspat = 0L, nrsect = matrix(0L, 2L, 0L),
-       gammas = c(rep(0.1, nrand), 1, 0), tgamma = rep(1L, ngamma),
-       printGammas = rep(1L, ngamma), tyfact = integer(max(1L, length(table$inter$flev))),
-       gmcstr = integer(ngamma), nfrstg = 1L)
+  fit <- assemble_fit(out, model, table, struc, arranged, control)
+  if (needs_polish(fit)) {
+    # Stopped while the log-likelihood still moved: go on from the
+    # estimates, where the steps are short and the test is tight.
+    first <- fit$iterations
+    struc <- apply_constraints(build_struc(model, table), fit$gammas, constrain, equal, lincon)
+    out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
+    fit <- assemble_fit(out, model, table, struc, arranged, control)
+    it <- fit$iterations
+    if (nrow(it)) it$iteration <- it$iteration + nrow(first)
+    fit$iterations <- rbind(first, it)
+  }
+  fit$call <- match.call()
+  warn_fit(fit)
+  fit
 }
 
 # Words of work array the design needs, with a margin.
@@ -94,6 +77,17 @@ design_workspace <- function(nrow, table) {
   ceiling(1.5 * max(rows, step12) + 1e5)
 }
 
+# Words for the whole fit: the design, the equations with room for fill,
+# the dense block and the working variates.  A first guess only: a shortage
+# is retried with more.
+fit_workspace <- function(nrow, table, ngamma) {
+  nnz <- nrow * (1 + sum(as.double(table$maxent)))
+  neq <- as.double(table$inter$neq)
+  neqd <- as.double(table$inter$neqd)
+  ceiling(design_workspace(nrow, table) + 6 * nnz + 40 * neq + 2 * neqd * neqd +
+            4 * ngamma * (ngamma + neq) + 2e5)
+}
+
 shortage <- function(status, text) {
   (status == -1L && grepl("Insufficient workspace", text, fixed = TRUE)) ||
     grepl("Out of memory: forming design", text, fixed = TRUE) ||
@@ -101,12 +95,11 @@ shortage <- function(status, text) {
 }
 
 #' @noRd
-# Calls the model-fit entry, with more workspace after a shortage.
+# Calls the model-fit entry, with more workspace after a shortage.  Returns
+# the argument lists as the engine left them.
 run_ctrn <- function(model, table, struc, keep_design, control) {
   nrow <- model$nrow
-  lbin <- ncol(table$data)
-  ws <- if (is.null(control$workspace)) design_workspace(nrow, table) else control$workspace
-  neq <- table$inter$neq[1]
+  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) else control$workspace
   repeat {
     args <- ctrn_args(model, table, struc, keep_design, control, ws)
     status <- .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
@@ -115,8 +108,8 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
     text <- engine_error_text(args$trn$errtxt)
     if (status != 0L && shortage(status, text)) {
       if (ws * 4 > control$max_workspace)
-        stop(sprintf("tarnel: a work array of %.0f words was not enough, and 4 times that exceeds the limit of %.0f words (tarnel_control(max_workspace =))",
-                     ws, control$max_workspace), call. = FALSE)
+        stop(sprintf("tarnel: %s: a work array of %.0f words was not enough, and 4 times that exceeds the limit of %.0f words (tarnel_control(max_workspace =))",
+                     if (nzchar(text)) text else "Insufficient workspace", ws, control$max_workspace), call. = FALSE)
       ws <- ws * 4
       next
     }
@@ -126,87 +119,88 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
     break
   }
   records <- args$aiopt[63L]
-  out <- list(records = records, neq = args$inter$neq[1], nonzero = args$aiopt[64L], workspace = ws,
-              status = status)
-  if (isTRUE(keep_design)) {
-    y <- model$y
-    formed <- if (model$na_response == "drop") !is.na(y) else rep(TRUE, nrow)
-    if (sum(formed) != records)
-      stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, sum(formed)), call. = FALSE)
-    # Take the matrix out of the argument list first, so that setting its
-    # attributes does not copy it.
-    d <- args$design
-    args <- NULL
-    attr(d, "xcol") <- NULL
-    if (!all(formed)) d <- d[formed, , drop = FALSE]
-    dimnames(d) <- list(NULL, table$labels)
-    out$design <- d
-    out$rows <- which(formed)
-  }
-  out
+  if (records > 0L && records != nrow)
+    stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, nrow), call. = FALSE)
+  list(args = args, status = status, text = text, workspace = ws, records = records, keep_design = isTRUE(keep_design),
+       nonzero = args$aiopt[64L], neq = args$inter$neq[1])
 }
 
-# The fourteen objects of the model-fit entry.
+fresh_int <- function(n) integer(n)
+fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; attributes(out) <- attributes(v); out }
+
+# The fourteen objects of the model-fit entry.  Every vector the engine
+# writes into is freshly allocated here, never shared with another object:
+# the locals that built them are removed before the list goes back, so that
+# the list holds the only reference.
 ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   data <- table$data
   nrow <- model$nrow
   lbin <- ncol(data)
   neq <- table$inter$neq[1]
+  neqd <- table$inter$neqd[1]
   ngamma <- length(struc$gammas) - 1L
   nfactp <- length(table$inter$neword)
-  fresh_int <- function(n) integer(n)
   iarg <- fresh_int(16L)
   iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
+  aiopt[2L] <- 11L                                            # minimum-degree ordering
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter
   inter$neq <- fresh_int(1L)
   inter$neq[1] <- neq
+  inter$neqd <- fresh_int(1L)
+  inter$neqd[1] <- neqd
   inter$submod <- fresh_int(1L)
+  inter$submds <- fresh_int(nfactp)
   maxiter <- fresh_int(1L)
   maxiter[1] <- control$maxiter
-  design <- 0
-  if (isTRUE(keep_design)) {
-    design <- matrix(0, nrow, neq - 1L)
-    attr(design, "xcol") <- seq_len(neq - 1L)
-  }
-  list(
+  # The fixed-effect columns of the design are always kept (fitted values
+  # X b); all of them when asked.
+  ncol_kept <- if (isTRUE(keep_design)) neq - 1L else neqd - 1L
+  design <- matrix(0, nrow, ncol_kept)
+  attr(design, "xcol") <- seq_len(ncol_kept)
+  es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
+             gammas = fresh_copy(struc$gammas), tgamma = fresh_copy(struc$tgamma),
+             printGammas = fresh_copy(struc$printGammas), tyfact = fresh_copy(struc$tyfact),
+             gmcstr = fresh_copy(struc$gmcstr), nfrstg = fresh_int(1L))
+  es$nfrstg[1] <- 1L
+  nC <- neqd * (neqd + 1) / 2
+  if (nC > 2^31 - 1) tstop("the fixed part of the model has too many equations (%d)", neqd)
+  Cfixed <- double(nC)
+  Cfixed[1] <- 1
+  # Scalars too are fresh copies: the engine writes some in place (the
+  # step size, for one), and a literal constant must never be overwritten.
+  fr <- fresh_copy
+  out <- list(
     datafr = as.double(t(data)),
     iarg = iarg,
     dpmv = c(tarnel_missing, 0),
     inter = inter,
-    struc = struc,
-    ainv = list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0),
-    glm = list(id = 1L, link = 1L, glmphi = 1, thrlevels = 0L),
-    predict = list(npred = fresh_int(1L), nfinmd = 0L, pvals = 0, lpvals = 0L, lpwts = 0L,
-                   prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = 0L, ivals = 0L,
-                   vpvmat = 0, avsed = double(10), pvtext = raw(80)),
-    constr = list(ngmcon = 0L, gequal = 0L, gmcon = 0),
-    mbfList = list(mbfAddr = 0L, mbfX = 0),
-    control = list(workspace = as.double(workspace), pworkspace = 0, maxiter = maxiter, knots = 0L,
-                   nsppoints = 0L, stepsize = 1e-4 + 0, splstp = 0, splinescale = 1,
-                   trace = as.integer(control$trace), Ftest = 0L, design = as.integer(isTRUE(keep_design))),
+    struc = es,
+    ainv = list(nainv = fr(0L), lcainv = fr(0L), llainv = fr(0L), ainv = fr(0)),
+    glm = list(id = fr(1L), link = fr(1L), glmphi = fr(1), thrlevels = fr(0L)),
+    predict = list(npred = fresh_int(1L), nfinmd = fr(0L), pvals = fr(0), lpvals = fr(0L), lpwts = fr(0L),
+                   prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = fr(0L), ivals = fr(0L),
+                   vpvmat = fr(0), avsed = double(10), pvtext = raw(80)),
+    constr = list(ngmcon = fresh_copy(struc$constr$ngmcon), gequal = fresh_copy(struc$constr$gequal),
+                  gmcon = fresh_copy(struc$constr$gmcon)),
+    mbfList = list(mbfAddr = fr(0L), mbfX = fr(0)),
+    control = list(workspace = fr(as.double(workspace)), pworkspace = fr(0), maxiter = maxiter, knots = fr(0L),
+                   nsppoints = fr(0L), stepsize = fr(1), splstp = fr(0), splinescale = fr(1),
+                   trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(1L)),
     aiopt = aiopt,
-    trn = list(prvgam = double(ngamma + 1L), score = double(ngamma), loglik = double(1),
+    trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
                soln = double(neq), vsoln = double(neq), resid = double(nrow),
                linearPredictors = double(nrow), hat = double(nrow), sigma2 = double(1),
-               deviance = double(1), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(nfactp),
-               nsing = fresh_int(1L), ai = double(max(1L, ngamma * ngamma)), yssqu = double(nfactp),
-               Cfixed = double(1), Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),
+               deviance = double(1), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
+               nsing = fresh_int(1L), ai = double(max(1, ngamma * (ngamma + 1) / 2)), yssqu = double(max(1L, nfactp)),
+               Cfixed = Cfixed, Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),
                aovTbl = double(1), apstvar = double(1), converge = fresh_int(1L),
                trArray = double((control$maxiter + 2L) * (ngamma + 3L)), errtxt = raw(80),
                license = "", where = ""),
     design = design
   )
-}
-
-#' @export
-print.tarnel <- function(x, ...) {
-  cat("tarnel model:", deparse(x$call$fixed), "\n")
-  cat(sprintf("  %d records, %d equations (response included), %.0f nonzeros in the design\n",
-              x$records, x$neq, as.double(x$nonzero)))
-  if (!is.null(x$design)) cat(sprintf("  design kept: %d x %d\n", nrow(x$design), ncol(x$design)))
-  cat("  Estimation of variance parameters is not available yet.\n")
-  invisible(x)
+  rm(iarg, aiopt, maxiter, design, Cfixed, inter, es)
+  out
 }

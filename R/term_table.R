@@ -91,8 +91,13 @@ build_term_table <- function(model) {
     mvact <- -1L
   }
   nfixed <- length(positions)
+  random_positions <- list()
   if (!is.null(model$random))
-    for (term in model$random$terms) positions <- c(positions, term_positions(tab, term))
+    for (term in model$random$terms) {
+      p <- term_positions(tab, term)
+      random_positions[[length(random_positions) + 1L]] <- length(positions) + seq_along(p)
+      positions <- c(positions, p)
+    }
   if (anyDuplicated(positions)) tstop("a term appears twice in the model: %s", tab$keys[positions[duplicated(positions)][1]])
 
   rows <- tab$rows
@@ -124,6 +129,11 @@ build_term_table <- function(model) {
     mvact = mvact,
     labels = labels,
     fixed_positions = seq_len(nfixed),
+    random_positions = random_positions,
+    position_names = tab$keys[positions],
+    position_levels = pflev,
+    missing_term = if (mvact > 0L) mvact else 0L,
+    nrecords = model$nrow,
     maxent = vapply(rows, `[[`, 1L, "maxent")[positions],
     data = column_matrix(store)
   )

@@ -68,7 +68,8 @@ animal_mme <- function(nanimal, nherd, seed = 1) {
 cat(sprintf("Pedigree-like MME: %d animals, %d herds\n", nanimal, nherd))
 m <- animal_mme(nanimal, nherd)
 cat(sprintf("NEQ %d, lower-triangle elements %d\n", m$neq, length(m$x)))
-slots <- max(40 * m$neq, 4 * length(m$x))
+# Room for the fill, the block laid out complete and its copy.
+slots <- max(80 * m$neq, 4 * length(m$x))
 run <- function(mode) .Call(tarnel:::C_tarnel_bench_absorb, m$neq, 2L, m$i, m$j, m$x, slots, mode)
 
 # tarnel: ordering + absorption (best of 3).

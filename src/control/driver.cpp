@@ -127,14 +127,25 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
   // The driver's blocks: the parameter history, then the iteration's own.
   IterationState it;
   it.design = layout;
-  const i64 nhist = 7 * static_cast<i64>(std::max(ngamma, 1));
+  // Seven columns of the history ring, then the parameters of the last
+  // good evaluation.
+  const i64 nhist = 8 * static_cast<i64>(std::max(ngamma, 1));
   it.floor = floor + nhist;
   if (it.floor + neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
     st.runTrn = 4.0 * neq;
     return;
   }
-  span<double> history(a.work.x.r + floor, static_cast<std::size_t>(nhist));
-  std::fill(history.begin(), history.end(), 0.0);
+  span<double> history(a.work.x.r + floor, static_cast<std::size_t>(7 * std::max(ngamma, 1)));
+  span<double> lastgood(a.work.x.r + floor + 7 * std::max(ngamma, 1), static_cast<std::size_t>(std::max(ngamma, 1)));
+  std::fill(a.work.x.r + floor, a.work.x.r + floor + nhist, 0.0);
+  for (int k = 0; k < ngamma; ++k) lastgood[k] = s.gammas[k];
+  // A bad step is taken back to a mixture of its parameters and those of the
+  // last good evaluation, with the weights of the history ring.
+  auto pull_back = [&]() {
+    for (int k = 0; k < ngamma; ++k)
+      if (history[k] != 0.0)
+        s.gammas[k] = 0.10000002384185791 * a.results.prvgam[k] + 0.8999999761581421 * lastgood[k];
+  };
   int ifault = 0;
   if (iteration_setup(a, it, ifault)) {
     if (ifault == 6) {
@@ -212,8 +223,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
         text_exit(a);
         return;
       }
-      int kf = 0;
-      keepgammas(history, span<const double>(s.gammas.data(), ngamma), s.gammas, ngamma, hk, hflag, 1, kf);
+      pull_back();
       *o.stepsize = f32(0.1);
       vprt("Likelihood evaluation failed with fault %d - trying again with reduced updates\n", st.ifault);
       --iter;
@@ -222,11 +232,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     // A fall in the log-likelihood larger than allowed is a bad step.
     if (iter > 1 && aiopt_at(o, 9) == 0 && loglik < llfloor - f32(0.2) * it.nwv && nofit < 3) {
       ++nofit;
-      int kf = 0;
-      // Back to a mixture of the parameters of this iteration and the last
-      // good ones.
-      for (int k = 0; k < ngamma; ++k) s.gammas[k] = a.results.prvgam[k];
-      keepgammas(history, span<const double>(s.gammas.data(), ngamma), s.gammas, ngamma, hk, hflag, 1, kf);
+      pull_back();
       *o.stepsize = f32(0.1);
       if (o.trace == 1)
         vprt("Logliklihood decreased to %10.2f - trying again with reduced updates\n", loglik);
@@ -260,6 +266,11 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     }
     int kf = 0;
     keepgammas(history, span<const double>(s.gammas.data(), ngamma), s.gammas, ngamma, hk, hflag, 0, kf);
+    for (int k = 0; k < ngamma; ++k) lastgood[k] = a.results.prvgam[k];
+    // A step size cut by a bad step or a restrained parameter comes back
+    // once the iterations run normally again, so that the last iterations
+    // take whole Newton steps.
+    if (aiopt_at(o, 24) == 0 && *o.stepsize < 1.0) *o.stepsize = std::min(1.0, 2.0 * *o.stepsize);
 
     // The test of convergence.
     if (!last) {

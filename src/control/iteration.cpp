@@ -453,6 +453,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
         return g5vflt(nfault, 6);
       }
       if (trace) g5vtme(6, " Order found", 12);
+      st.tail = oa.tail;
     }
     st.ordered = true;
   }
@@ -479,6 +480,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   ab.threads = std::max(1, aiopt_at(o, 56));
   ab.status = span<i32>(status, 8);
   ab.err = &err;
+  ab.tail = st.tail;
   if (a.results.soln.size() < static_cast<std::size_t>(neq)) return g5vflt(nfault, 4);
   if (g5vxxa(ms, ab, nfault)) {
     if (nfault == 0) nfault = err > 0 ? err : 6;

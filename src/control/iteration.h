@@ -49,6 +49,7 @@ struct IterationState {
   span<double> ai;         // ngamma(ngamma+1)/2
   span<double> score;      // ngamma, by WV column
   bool ordered = false;
+  i32 tail = 0;            // rows the order leaves to fill in as a block
   UpdateControl control;
   int nwv = 0;
   int scalepos = 0;        // position of the first section's scale

@@ -39,28 +39,53 @@ void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
 
 // Lays the linked rows of positions NDENSE+1..upto out again: every row's
 // elements in consecutive slots in column order, straight after the heads,
-// so that walking a row reads memory in sequence.  The rows are first
-// copied into the free room above LX and then back down.  Returns the number
-// of elements laid out, or -1 (nothing changed) when the room is short.
-i64 relayout(const Pool& p, i64& lx, i64 top, i32 nd, i32 neq, i32 upto) {
+// so that walking a row reads memory in sequence.  Rows NDENSE+1..`full`
+// (0: none) are laid out complete over the columns 2..row, with
+// explicit zeros where an element is missing: the block that the order
+// leaves to fill in then takes its fill without insertions, and column c
+// of such a row (c >= 2) lies at a fixed distance from its first element.  The rows
+// are first copied into the free room above LX and then back down.  Returns
+// the number of elements laid out, or -1 (nothing changed) when the room is
+// short.
+i64 relayout(const Pool& p, i64& lx, i64 top, i32 nd, i32 neq, i32 upto, i32 full) {
   const i64 nheads = static_cast<i64>(neq) - nd;
+  const i32 lo = 2;  // first column laid out complete
   i64 live = 0;
   for (i32 r = nd + 1; r <= upto; ++r) {
     const i64 h = r - nd;
     if (p.lnk(h) <= 0) continue;
-    for (i64 s = p.lnk(h); s > 0; s = p.lnk(s)) ++live;
+    const bool whole = r <= full;
+    for (i64 s = p.lnk(h); s > 0; s = p.lnk(s))
+      if (!whole || p.col(s) < lo) ++live;
+    if (whole) live += r - lo + 1;
   }
   if (lx + live + 1 >= top) return -1;
   i64 at = lx;
+  auto put = [&](i32 c, double v) {
+    ++at;
+    p.val(at) = v;
+    p.col(at) = c;
+    p.lnk(at) = 1;  // 1: the row goes on
+  };
   for (i32 r = nd + 1; r <= upto; ++r) {
     const i64 h = r - nd;
     if (p.lnk(h) <= 0) continue;
-    for (i64 s = p.lnk(h); s > 0; s = p.lnk(s)) {
-      ++at;
-      p.val(at) = p.val(s);
-      p.col(at) = p.col(s);
-      p.lnk(at) = p.lnk(s) > 0 ? 1 : 0;  // 1: the row goes on
+    const bool whole = r <= full;
+    i64 s = p.lnk(h);
+    if (whole) {
+      for (; s > 0 && p.col(s) < lo; s = p.lnk(s)) put(p.col(s), p.val(s));
+      for (i32 c = lo; c <= r; ++c) {
+        if (s > 0 && p.col(s) == c) {
+          put(c, p.val(s));
+          s = p.lnk(s);
+        } else {
+          put(c, 0.0);
+        }
+      }
+    } else {
+      for (; s > 0; s = p.lnk(s)) put(p.col(s), p.val(s));
     }
+    p.lnk(at) = 0;  // the diagonal closes the row
   }
   i64 dst = nheads, src = lx;
   for (i32 r = nd + 1; r <= upto; ++r) {
@@ -280,15 +305,23 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     a.dd.at1(q) = 1.0 / d;
   };
 
-  // Rows laid out contiguously now and again as fill-in scatters them.
-  i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq) : -1;
+  // Rows laid out contiguously now and again as fill-in scatters them; the
+  // rows of the block that the order leaves to fill in (positions
+  // NDENSE+1..blocktop) are laid out complete.  While `intact` holds, the
+  // element of column c >= 2 of a block row sits at (its first element) +
+  // c - 2.  Compaction and moves may break that, and clear it.
+  const i32 blocktop = a.tail >= 1 && a.tail <= neq - nd ? nd + a.tail : 0;
+  i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq, blocktop) : -1;
+  bool intact = laid >= 0 && blocktop > 0;
   if (laid < 0) laid = lx - nheads;
   i32 p = neq;
   while (p >= 2) {
-    if (p > nd && lx - nheads > laid + laid / 2 + 50000) {
-      const i64 l2 = relayout(pool, lx, top, nd, neq, p);
+    if (p > nd && (lx - nheads > laid + laid / 2 + 50000 || (blocktop > 0 && p == blocktop && !intact))) {
+      const i64 l2 = relayout(pool, lx, top, nd, neq, p, blocktop);
       laid = l2 >= 0 ? l2 : lx - nheads;
+      if (l2 >= 0 && blocktop > 0) intact = true;
     }
+    if (p > nd && top - p < lx) intact = false;  // packing may compact
     if (a.trace && lx > nextreport) {
       vprt(" Absorbing %d %d %.1f%%\n", p, neq, 100.0 * lx / std::max<i64>(st.len, 1));
       nextreport += step;
@@ -361,6 +394,7 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
           mv.iw = a.iw;
           mv.dd = a.dd;
           mv.nfault = &nfault;
+          intact = false;
           if (g5vxmp(pool, mv, p, target)) {
             err = 496;
             if (nfault == 6) nfault = 100000 + p;
@@ -388,7 +422,23 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
         if (std::fabs(am) < tiny) continue;
         const i64 last = rstart - s;  // elements of lower column than c
         if (c > nd) {
+          const i64 hc = c - nd;
+          if (intact && c <= blocktop && pool.col(hc) == 1 && pool.lnk(hc) > 0) {
+            // Complete row: every column has its slot, nothing is inserted.
+            const i64 base = pool.lnk(hc) - 2;
+            for (i64 t = s; t <= rstart; ++t) {
+              const i32 cc = pool.col(t);
+              const double v = -am * pool.val(t);
+              if (cc >= 2) {
+                pool.val(base + cc) += v;
+              } else if (cc == 1) {
+                pool.val(hc) += v;
+              }
+            }
+            continue;
+          }
           if (lx + last + 1 >= top) {
+            intact = false;
             if (a.trace) vprt(" Compact %d %d %lld\n", p, neq, (long long)lx);
             if (g5vllp(pool, lx, nd, neq, top - (last + 1), a.trace, a.unit) == 1) {
               err += 1 + 495;

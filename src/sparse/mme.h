@@ -204,6 +204,10 @@ struct AbsorbArgs {
   int e1 = 0, e2 = 0;         // tolerance options (aiopt[39], aiopt[40])
   int negpiv = 0;             // in/out: negative dense pivots (aiopt[48])
   int threads = 1;            // strip count (aiopt[56])
+  i32 tail = 0;               // rows the order leaves to fill in as a block
+                              // (OrderArgs::tail; 0 unknown): positions
+                              // NDENSE+1..NDENSE+tail are then laid out
+                              // complete before they are absorbed
   span<i32> status;           // per strip status (8)
   int* err = nullptr;         // error word
   bool trace = false;

@@ -199,41 +199,37 @@ struct Ord {
   }
 
   // Lays the chains of the rows still in selection out again, each in
-  // consecutive slots straight after the heads; chains of rows that left
-  // selection are dropped.  Copies into the free room above NEXT and back.
-  // Returns the number of elements, or -1 (nothing changed) when the room
-  // is short.
+  // consecutive slots straight after the heads, keeping only the columns
+  // still in selection; chains of rows that left selection are dropped.
+  // Copies into the free room above NEXT and back.  Returns the number of
+  // elements, or -1 (nothing changed) when the room is short.
   i64 relayout() {
     const i64 nheads = static_cast<i64>(neq) - nd;
     i64 live = 0;
-    for (i32 q = nebot; q <= nemid; ++q)
-      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) ++live;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      i32 n = 0;
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s))
+        if (active(WC(s))) ++n;
+      tmp[q - nebot] = n;
+      live += n;
+    }
     if (next + live + 1 > maxlx) return -1;
     i64 at = next;
-    for (i32 q = nebot; q <= nemid; ++q) {
-      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s)) {
-        ++at;
-        WC(at) = WC(s);
-        WL(at) = WL(s) > 0 ? 1 : 0;
-      }
-    }
+    for (i32 q = nebot; q <= nemid; ++q)
+      for (i64 s = WL(head(IW2(q))); s > 0; s = WL(s))
+        if (active(WC(s))) WC(++at) = WC(s);
     if (at > a.peak) a.peak = at;
-    for (i32 e = nd + 1; e <= neq; ++e) {
-      const i32 q = IW1(e);
-      if (q < nebot || q > nemid) WL(head(e)) = 0;
-    }
+    for (i32 e = nd + 1; e <= neq; ++e) WL(head(e)) = 0;
     i64 dst = nheads, src = next;
     for (i32 q = nebot; q <= nemid; ++q) {
-      const i64 h = head(IW2(q));
-      if (WL(h) <= 0) continue;
-      WL(h) = static_cast<i32>(dst + 1);
-      while (true) {
+      const i32 n = tmp[q - nebot];
+      if (n == 0) continue;
+      WL(head(IW2(q))) = static_cast<i32>(dst + 1);
+      for (i32 k = 0; k < n; ++k) {
         ++dst;
         ++src;
-        const bool more = WL(src) != 0;
         WC(dst) = WC(src);
-        WL(dst) = more ? static_cast<i32>(dst + 1) : 0;
-        if (!more) break;
+        WL(dst) = k + 1 < n ? static_cast<i32>(dst + 1) : 0;
       }
     }
     next = dst;

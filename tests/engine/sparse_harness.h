@@ -161,7 +161,7 @@ struct AbsorbRun {
   std::vector<i32> rank, status;
 };
 inline AbsorbRun absorb(Store& st, const std::vector<int>& ord, int nterms = 1,
-                        const std::vector<int>* term = nullptr) {
+                        const std::vector<int>* term = nullptr, int tail = 0) {
   AbsorbRun r;
   const int n = st.s.neq;
   r.iw.assign(2 * n, 0);
@@ -182,6 +182,7 @@ inline AbsorbRun absorb(Store& st, const std::vector<int>& ord, int nterms = 1,
   r.a.dd = tarnel::span<double>(r.dd.data(), r.dd.size());
   r.a.status = tarnel::span<i32>(r.status.data(), r.status.size());
   r.a.err = &r.err;
+  r.a.tail = tail;
   r.rc = tarnel::g5vxxa(st.s, r.a, r.nfault);
   return r;
 }
