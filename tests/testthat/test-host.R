@@ -59,7 +59,7 @@ test_that("every entry rejects malformed arguments with an R error", {
 test_that("the model-fit entry names a missing or mistyped element", {
   base <- tarnel:::entry_defaults()
   run <- function(a) tarnel:::call_entry(a)
-  expect_equal(run(tarnel:::entry_defaults())$status, 0L)
+  expect_equal(run(tarnel:::entry_defaults())$status, -1L)  # no records: the fault exit
   lists <- c("inter", "struc", "ainv", "glm", "predict", "constr", "mbfList", "control", "trn")
   for (l in lists) {
     for (el in names(base[[l]])) {
