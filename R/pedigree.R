@@ -231,6 +231,8 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
   if (!is.logical(group_constraint) || length(group_constraint) != 1L || is.na(group_constraint))
     stop("'group_constraint' must be TRUE or FALSE", call. = FALSE)
   sx <- NULL
+  if (method == "xlinked" && !is.null(fgen))
+    stop("'fgen' cannot be combined with method \"xlinked\"", call. = FALSE)
   if (method == "xlinked") {
     if (is.null(sex)) stop("method \"xlinked\" needs 'sex'", call. = FALSE)
     sx <- .sex_code(.ped_column(pedigree, sex, "sex"))

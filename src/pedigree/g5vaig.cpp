@@ -170,8 +170,9 @@ int fault(AinvArgs& a, int code, int row, const char* text) {
 
 // Inbreeding after n selfing generations starting from g.
 double selfing_series(double g, double fgen) {
-  const long n = static_cast<long>(fgen);
-  for (long k = 0; k < n && k < 2000; ++k) g = (g + 1.0) * 0.5;
+  // Past a few thousand generations the series has long reached 1.
+  const long n = fgen < 4000.0 ? static_cast<long>(fgen) : 4000L;
+  for (long k = 0; k < n; ++k) g = (g + 1.0) * 0.5;
   return g;
 }
 
@@ -269,7 +270,11 @@ int g5vaig(AinvArgs& a, WorkArray work) {
   // 1 + F, their diagonal of A, is 0.
   for (i64 g = 0; g <= o.ngrp; ++g) F[g] = -1.0;
 
-  auto sex_of = [&](i64 r) { return static_cast<int>(a.fgsx[static_cast<std::size_t>(r - 1)]); };
+  // A sex code is 1 or 2; any other value, NaN included, reads as 0.
+  auto sex_of = [&](i64 r) {
+    const double v = a.fgsx[static_cast<std::size_t>(r - 1)];
+    return v == 1.0 ? 1 : (v == 2.0 ? 2 : 0);
+  };
   const bool copy_sibs = o.fmode == 0 && o.xlink == 0;
 
   for (i64 i = o.ngrp + 1; i <= nan; ++i) {
