@@ -5,9 +5,11 @@
 // sampling variance of i.  MV depends on the inbreeding of the parents, so
 // the rows are taken in order and each row's inbreeding is found as it
 // goes: from the diagonal of A, which is the sum over the row's ancestors j
-// of (weight of j in i)^2 * MV(j).  The ancestors are visited highest row
-// first, so that every ancestor has received the weights of all its
-// progeny on the path before it hands them on to its own parents.
+// of (weight of j in i)^2 * MV(j).  The ancestors are visited deepest
+// generation first (a row lies one generation below its deeper parent), so
+// that every ancestor has received the weights of all its progeny on the
+// path before it hands them on to its own parents.  Rows of full sibs that
+// follow each other share their inbreeding without a walk.
 //
 // Genetic groups are the first ngrp rows.  They have no variance of their
 // own: they count as unknown parents in MV and inbreeding (F = -1, like the
@@ -28,6 +30,15 @@ namespace tarnel {
 namespace {
 
 using u32 = std::uint32_t;
+
+// A hint to bring memory into the cache before it is read.
+inline void prefetch(const void* p) {
+#if defined(__GNUC__)
+  __builtin_prefetch(p);
+#else
+  (void)p;
+#endif
+}
 
 // Floors and caps of the row values.
 constexpr double kMinMV = 5e-06;
@@ -436,8 +447,8 @@ int g5vaig(AinvArgs& a, WorkArray work) {
             const i32 ahead = wk.node_next[nd];
             if (ahead != 0) {
               const RowRec& ra = wk.rec[wk.node_row[ahead]];
-              __builtin_prefetch(&wk.rec[ra.par[0]]);
-              __builtin_prefetch(&wk.rec[ra.par[1]]);
+              prefetch(&wk.rec[ra.par[0]]);
+              prefetch(&wk.rec[ra.par[1]]);
             }
             RowRec& rj = wk.rec[wk.node_row[nd]];
             const double W = rj.w;
