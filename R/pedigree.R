@@ -231,6 +231,8 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
   if (!is.logical(group_constraint) || length(group_constraint) != 1L || is.na(group_constraint))
     stop("'group_constraint' must be TRUE or FALSE", call. = FALSE)
   sx <- NULL
+  if (method == "xlinked" && !is.null(fgen))
+    stop("'fgen' cannot be combined with method \"xlinked\"", call. = FALSE)
   if (method == "xlinked") {
     if (is.null(sex)) stop("method \"xlinked\" needs 'sex'", call. = FALSE)
     sx <- .sex_code(.ped_column(pedigree, sex, "sex"))
@@ -301,9 +303,12 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
             as.integer(method == "mgs"), 0L)
   ropt <- c(as.double(selfing), as.double(line_inbreeding))
 
-  # The row store needs one slot a row and one for each further nonzero;
-  # three a row is usually enough, and a full store is met by a larger one.
-  lenai <- 3 * nan + 1
+  # The row store needs one slot a row and one for each further nonzero: at
+  # most two for a row with both parents (its own row and the parents'
+  # pair) and one for a row with one; a constraint for an empty group can
+  # add one for each group.  A full store is met by a larger one.
+  both <- sum(sire > 0 & dam > 0)
+  lenai <- nan + 3 * both + sum((sire > 0) != (dam > 0)) + ngrp * ngrp + 1
   limit <- .Machine$integer.max - 2
   repeat {
     r <- .Call(C_pedigree, plist, as.double(fgsx), nan, min(lenai, limit), iopt, ropt)

@@ -5,9 +5,11 @@
 // sampling variance of i.  MV depends on the inbreeding of the parents, so
 // the rows are taken in order and each row's inbreeding is found as it
 // goes: from the diagonal of A, which is the sum over the row's ancestors j
-// of (weight of j in i)^2 * MV(j).  The ancestors are visited highest row
-// first, so that every ancestor has received the weights of all its
-// progeny on the path before it hands them on to its own parents.
+// of (weight of j in i)^2 * MV(j).  The ancestors are visited deepest
+// generation first (a row lies one generation below its deeper parent), so
+// that every ancestor has received the weights of all its progeny on the
+// path before it hands them on to its own parents.  Rows of full sibs that
+// follow each other share their inbreeding without a walk.
 //
 // Genetic groups are the first ngrp rows.  They have no variance of their
 // own: they count as unknown parents in MV and inbreeding (F = -1, like the
@@ -16,6 +18,7 @@
 #include "pedigree/g5vaig.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include "host/console.h"
@@ -25,6 +28,17 @@
 namespace tarnel {
 
 namespace {
+
+using u32 = std::uint32_t;
+
+// A hint to bring memory into the cache before it is read.
+inline void prefetch(const void* p) {
+#if defined(__GNUC__)
+  __builtin_prefetch(p);
+#else
+  (void)p;
+#endif
+}
 
 // Floors and caps of the row values.
 constexpr double kMinMV = 5e-06;
@@ -110,12 +124,41 @@ int add_to_row(const Store& st, i64& NEXT, i32 row, i32 c, double v, int& flag,
   }
 }
 
+// What the ancestor walk reads of a row, kept together in four words so
+// that a visit touches one place in memory, two rows to a cache line.  The
+// parent weights of a row are one of a few pairs, held in a small table
+// and named by a code stored under the depth.
+struct RowRec {
+  i32 par[2];     // first and second parent, 0 unknown
+  i32 spare;      // unused: keeps the record at four words
+  u32 depth_code; // generation depth (0 founder) << kCodeBits | weight code
+  double mv;      // MV of the row (the diagonal of D); 0 for groups
+  double w;       // weight in the walk under way
+};
+static_assert(sizeof(RowRec) == 4 * sizeof(double), "a row record is four words");
+constexpr int kCodeBits = 4;
+constexpr int kCodes = 1 << kCodeBits;
+constexpr u32 kMaxDepth = (1u << (32 - kCodeBits)) - 1;
+
+struct WeightTable {
+  double pr[kCodes][2] = {};
+  int n = 1;  // code 0: no parents, weights 0
+  int code(const double p[2]) {
+    for (int k = 0; k < n; ++k)
+      if (pr[k][0] == p[0] && pr[k][1] == p[1]) return k;
+    if (n == kCodes) return -1;
+    pr[n][0] = p[0];
+    pr[n][1] = p[1];
+    return n++;
+  }
+};
+
 // Work vectors of g5vaig, carved from the work array.
 struct AigWork {
-  double* mv;     // nan+1: MV of each row (the diagonal of D)
-  double* pr;     // 2(nan+1): parent weights of each row
-  double* w;      // nan+1: weights of the ancestor walk
-  i32* heap;      // nan+1: ancestors waiting, highest row on top
+  RowRec* rec;    // nan+1 records, on a 64-byte boundary; record 0 is the unknown parent
+  i32* head;      // nan+1: first node waiting at each depth, 0 none
+  i32* node_row;  // nan+1: the ancestor of each node of the walk
+  i32* node_next; // nan+1: the next node at the same depth, 0 none
   i32* dslot;     // nan+1: slot of each row's diagonal
   i32* stack;     // 2(2nan+2): pairs of the coancestry stack (inbred lines)
   double* sw;     // 2nan+2: weights of those pairs
@@ -123,34 +166,6 @@ struct AigWork {
 };
 
 i64 half_words(i64 ints) { return (ints + 1) / 2; }
-
-// Max-heap of row numbers.
-void heap_push(i32* h, i64& n, i32 v) {
-  i64 k = n++;
-  while (k > 0) {
-    const i64 p = (k - 1) / 2;
-    if (h[p] >= v) break;
-    h[k] = h[p];
-    k = p;
-  }
-  h[k] = v;
-}
-
-i32 heap_pop(i32* h, i64& n) {
-  const i32 top = h[0];
-  const i32 last = h[--n];
-  i64 k = 0;
-  for (;;) {
-    i64 c = 2 * k + 1;
-    if (c >= n) break;
-    if (c + 1 < n && h[c + 1] > h[c]) ++c;
-    if (h[c] <= last) break;
-    h[k] = h[c];
-    k = c;
-  }
-  if (n > 0) h[k] = last;
-  return top;
-}
 
 int fault(AinvArgs& a, int code, int row, const char* text) {
   char buf[160];
@@ -166,8 +181,9 @@ int fault(AinvArgs& a, int code, int row, const char* text) {
 
 // Inbreeding after n selfing generations starting from g.
 double selfing_series(double g, double fgen) {
-  const long n = static_cast<long>(fgen);
-  for (long k = 0; k < n && k < 2000; ++k) g = (g + 1.0) * 0.5;
+  // Past a few thousand generations the series has long reached 1.
+  const long n = fgen < 4000.0 ? static_cast<long>(fgen) : 4000L;
+  for (long k = 0; k < n; ++k) g = (g + 1.0) * 0.5;
   return g;
 }
 
@@ -176,7 +192,7 @@ double selfing_series(double g, double fgen) {
 u64 g5vaig_work_words(i64 nan, int ibl) {
   if (nan < 0) return 0;
   const i64 n1 = nan + 1;
-  u64 words = static_cast<u64>(4 * n1 + 2 * half_words(n1));
+  u64 words = static_cast<u64>(8 + 4 * n1 + 4 * half_words(n1));
   if (ibl == 1) words += static_cast<u64>(2 * (2 * nan + 2));
   return words;
 }
@@ -234,12 +250,15 @@ int g5vaig(AinvArgs& a, WorkArray work) {
 
   const std::size_t n1 = static_cast<std::size_t>(nan + 1);
   AigWork wk;
-  wk.mv = work.r;
-  wk.pr = wk.mv + n1;
-  wk.w = wk.pr + 2 * n1;
-  wk.heap = reinterpret_cast<i32*>(wk.w + n1);
-  wk.dslot = reinterpret_cast<i32*>(wk.w + n1 + half_words(static_cast<i64>(n1)));
-  double* after = wk.w + n1 + 2 * half_words(static_cast<i64>(n1));
+  const i64 hw = half_words(static_cast<i64>(n1));
+  const std::size_t skip = (64 - reinterpret_cast<std::uintptr_t>(work.r) % 64) % 64 / 8;
+  wk.rec = reinterpret_cast<RowRec*>(work.r + skip);
+  wk.head = reinterpret_cast<i32*>(work.r + 8 + 4 * n1);
+  wk.dslot = reinterpret_cast<i32*>(work.r + 8 + 4 * n1 + hw);
+  wk.node_row = reinterpret_cast<i32*>(work.r + 8 + 4 * n1 + 2 * hw);
+  wk.node_next = reinterpret_cast<i32*>(work.r + 8 + 4 * n1 + 3 * hw);
+  double* after = work.r + 8 + 4 * n1 + 4 * hw;
+  WeightTable weights;
   wk.stack_cap = 2 * nan + 2;
   wk.stack = reinterpret_cast<i32*>(after);
   wk.sw = after + wk.stack_cap;
@@ -255,15 +274,18 @@ int g5vaig(AinvArgs& a, WorkArray work) {
   a.NEXT = nan;
   double* F = a.inbreeding.data();
   for (std::size_t k = 0; k < n1; ++k) {
-    wk.mv[k] = 0.0;
-    wk.w[k] = 0.0;
-    wk.pr[2 * k] = wk.pr[2 * k + 1] = 0.0;
+    wk.rec[k] = RowRec{{0, 0}, 0, 0u, 0.0, 0.0};
+    wk.head[k] = 0;
   }
   // The unknown parent and the groups: no variance, inbreeding -1, so that
   // 1 + F, their diagonal of A, is 0.
   for (i64 g = 0; g <= o.ngrp; ++g) F[g] = -1.0;
 
-  auto sex_of = [&](i64 r) { return static_cast<int>(a.fgsx[static_cast<std::size_t>(r - 1)]); };
+  // A sex code is 1 or 2; any other value, NaN included, reads as 0.
+  auto sex_of = [&](i64 r) {
+    const double v = a.fgsx[static_cast<std::size_t>(r - 1)];
+    return v == 1.0 ? 1 : (v == 2.0 ? 2 : 0);
+  };
   const bool copy_sibs = o.fmode == 0 && o.xlink == 0;
 
   for (i64 i = o.ngrp + 1; i <= nan; ++i) {
@@ -272,6 +294,18 @@ int g5vaig(AinvArgs& a, WorkArray work) {
     if (S < 0 || S >= i || D < 0 || D >= i)
       return fault(a, kAinvBadParent, static_cast<int>(i),
                    "a parent does not come before its progeny");
+    {
+      // Generation depth: one more than the deeper parent; groups and
+      // unknown parents stand at 0.
+      const u32 dS = S > o.ngrp ? (wk.rec[S].depth_code >> kCodeBits) + 1 : 0;
+      const u32 dD = D > o.ngrp ? (wk.rec[D].depth_code >> kCodeBits) + 1 : 0;
+      const u32 depth = dS > dD ? dS : dD;
+      if (depth > kMaxDepth)
+        return fault(a, kAinvSizes, static_cast<int>(i), "the pedigree is too deep");
+      wk.rec[i].depth_code = depth << kCodeBits;
+      wk.rec[i].par[0] = S;
+      wk.rec[i].par[1] = D;
+    }
     if (o.ngrp > 0 && S == 0)
       return fault(a, kAinvGroupParent, static_cast<int>(i),
                    "first parent unknown in a pedigree with genetic groups");
@@ -390,26 +424,53 @@ int g5vaig(AinvArgs& a, WorkArray work) {
       if (copy_sibs && i - 1 > o.ngrp && pS == S && pD == D) {
         Fi = F[i - 1];
       } else {
-        // Walk the ancestors, highest row first.
-        wk.mv[i] = MV;
-        wk.pr[2 * i] = PR[0];
-        wk.pr[2 * i + 1] = PR[1];
+        // Walk the ancestors, deepest generation first: every ancestor
+        // lies deeper than its parents, so it has received the weights of
+        // all its progeny on the path before it hands them on.
+        RowRec& me = wk.rec[i];
+        const int code = weights.code(PR);
+        if (code < 0) return fault(a, kAinvSizes, static_cast<int>(i), "too many parent weights");
+        me.mv = MV;
+        me.depth_code = (me.depth_code & ~static_cast<u32>(kCodes - 1)) | static_cast<u32>(code);
         double acc = (o.xlink > 0 && sex == 1) ? -0.5 : -1.0;
-        i64 hn = 0;
-        wk.w[i] = 1.0;
-        heap_push(wk.heap, hn, static_cast<i32>(i));
-        while (hn > 0) {
-          const i32 j = heap_pop(wk.heap, hn);
-          const double W = wk.w[j];
-          wk.w[j] = 0.0;
-          for (int k = 0; k < 2; ++k) {
-            const i32 p = a.plist[static_cast<std::size_t>(2 * (j - 1) + k)];
-            const double add = W * wk.pr[2 * static_cast<std::size_t>(j) + k];
-            if (p <= o.ngrp || add == 0.0) continue;
-            if (wk.w[p] == 0.0) heap_push(wk.heap, hn, p);
-            wk.w[p] += add;
+        const i32 top = static_cast<i32>(me.depth_code >> kCodeBits);
+        // The waiting ancestors of each depth are a list of nodes in a
+        // small pool, so that the records themselves are read in an order
+        // known ahead and can be fetched early.
+        me.w = 1.0;
+        i32 nodes = 1;
+        wk.node_row[1] = static_cast<i32>(i);
+        wk.node_next[1] = 0;
+        wk.head[top] = 1;
+        for (i32 level = top; level >= 0; --level) {
+          for (i32 nd = wk.head[level]; nd != 0; nd = wk.node_next[nd]) {
+            const i32 ahead = wk.node_next[nd];
+            if (ahead != 0) {
+              const RowRec& ra = wk.rec[wk.node_row[ahead]];
+              prefetch(&wk.rec[ra.par[0]]);
+              prefetch(&wk.rec[ra.par[1]]);
+            }
+            RowRec& rj = wk.rec[wk.node_row[nd]];
+            const double W = rj.w;
+            rj.w = 0.0;
+            const double* pr = weights.pr[rj.depth_code & (kCodes - 1)];
+            for (int k = 0; k < 2; ++k) {
+              const i32 p = rj.par[k];
+              const double add = W * pr[k];
+              if (p <= o.ngrp || add == 0.0) continue;
+              RowRec& rp = wk.rec[p];
+              if (rp.w == 0.0) {
+                const u32 d = rp.depth_code >> kCodeBits;
+                ++nodes;
+                wk.node_row[nodes] = p;
+                wk.node_next[nodes] = wk.head[d];
+                wk.head[d] = nodes;
+              }
+              rp.w += add;
+            }
+            acc += W * W * rj.mv;
           }
-          acc += W * W * wk.mv[j];
+          wk.head[level] = 0;
         }
         Fi = acc;
       }
@@ -423,9 +484,13 @@ int g5vaig(AinvArgs& a, WorkArray work) {
     if (MV < kMinMV) MV = kMinMV;
     if (Fi > kMaxF) Fi = kMaxF;
     F[i] = Fi;
-    wk.mv[i] = MV;
-    wk.pr[2 * i] = PR[0];
-    wk.pr[2 * i + 1] = PR[1];
+    {
+      const int code = weights.code(PR);
+      if (code < 0) return fault(a, kAinvSizes, static_cast<int>(i), "too many parent weights");
+      RowRec& me = wk.rec[i];
+      me.mv = MV;
+      me.depth_code = (me.depth_code & ~static_cast<u32>(kCodes - 1)) | static_cast<u32>(code);
+    }
     a.det -= std::log(1.0 / MV);
     int flag = 0;
     if (g5vllin(a.ainv, a.llainv, a.lenai, a.NEXT, static_cast<i32>(i), S, D, PR, 1.0 / MV, flag,

@@ -212,6 +212,8 @@ test_that("bad pedigrees give clear errors", {
   expect_error(pedigree_sort(data.frame(id = 1:2, sire = 0)), "at least three columns")
   expect_error(pedigree_inverse(messy, selfing = 2), "'selfing'")
   expect_error(pedigree_inverse(messy, method = "xlinked"), "needs 'sex'")
+  expect_error(pedigree_inverse(messy, method = "xlinked", sex = rep(1, 9), fgen = rep(0, 9)),
+               "cannot be combined")
   expect_error(.Call(tarnel:::C_pedigree, c(0L, 0L, 5L, 0L), double(0), 2L, 1, rep(0L, 8), c(0, 1)),
                "'lenai'")
   expect_error(.Call(tarnel:::C_pedigree, c(0L, 0L, 5L, 0L), double(0), 2L, 10, rep(0L, 8), c(0, 1)), NA)
