@@ -1,9 +1,14 @@
 #' A demonstration of tarnel
 #'
-#' Shows what the installed package is.  Later versions fit a model to a
-#' data set shipped with the package.
+#' Fits a split-plot model to the \code{split_plot} data shipped with the
+#' package: varieties on whole plots within blocks, nitrogen levels on the
+#' sub-plots, with random blocks and whole plots, and prints the summary.
 #'
-#' @return The text of \code{tarnel_about()}, invisibly.
+#' @return The fit, invisibly.
 tarnel_demo <- function() {
   tarnel_about()
+  cat("\nSplit-plot trial: yield ~ variety * nitrogen_level, random blocks and whole plots\n\n")
+  fit <- tarnel(yield ~ variety * nitrogen_level, random = ~ block + wholeplot, data = split_plot)
+  print(summary(fit))
+  invisible(fit)
 }
