@@ -8,7 +8,10 @@
 tarnel_demo <- function() {
   tarnel_about()
   cat("\nSplit-plot trial: yield ~ variety * nitrogen_level, random blocks and whole plots\n\n")
-  fit <- tarnel(yield ~ variety * nitrogen_level, random = ~ block + wholeplot, data = split_plot)
+  env <- new.env()
+  utils::data("split_plot", package = "tarnel", envir = env)
+  data <- env$split_plot
+  fit <- tarnel(yield ~ variety * nitrogen_level, random = ~ block + wholeplot, data = data)
   print(summary(fit))
   invisible(fit)
 }
