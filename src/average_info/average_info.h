@@ -150,6 +150,8 @@ struct AiPhaseArgs {
   i64 lenwk = 0;
   i64 wvxplimit = 0;           // >0: cap on WVXP nodes (forces spills)
   bool want_inverse = true;
+  bool skip_first_scale = false; // the first section's scale is profiled:
+                                 // its score is not needed
   bool trace = false;
   // Results.
   span<double> ai;             // NWV(NWV+1)/2: packed, scaled

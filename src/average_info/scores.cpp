@@ -233,7 +233,7 @@ int g5vscr(AiPhaseArgs& a, AiScratch& s) {
       if (structured_rscore(a, s, first, nrec, ps, n, r)) return 1;
       continue;
     }
-    if (!admits(a, ps)) continue;
+    if (!admits(a, ps) || (k == 0 && a.skip_first_scale)) continue;
     double g = a.gammas[ps - 1];
     double qf = 0.0, tr = 0.0;
     i64 n = 0;

@@ -559,6 +559,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     p.wvmap = span<const i32>(st.wvmap.data(), st.wvmap.size());
     p.nwv = nwv;
     p.sigma2 = st.profiled ? sigma2 : 1.0;
+    p.skip_first_scale = st.profiled;
     p.var.struc = s.struc;
     p.var.lstruc = s.lstruc;
     p.var.nstruc = s.nstruc;
