@@ -20,8 +20,15 @@ namespace tarnel {
 namespace {
 
 constexpr i32 kSentinel = -2;
+// Set bits of a word (no processor instruction is assumed).
+inline i32 popcount32(std::uint32_t v) {
+  v = v - ((v >> 1) & 0x55555555u);
+  v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
+  v = (v + (v >> 4)) & 0x0f0f0f0fu;
+  return static_cast<i32>((v * 0x01010101u) >> 24);
+}
 // Rows in selection at which the ordering moves to its bit matrix.
-constexpr i32 kBitRows = 8192;
+constexpr i32 kBitRows = 16384;
 
 struct Ord {
   OrderArgs& a;
@@ -70,6 +77,8 @@ struct Ord {
   i32* eq2idx = nullptr;     // per sparse equation (e-NDENSE-1): index or -1
   std::uint32_t* bits = nullptr;
   std::uint32_t* lmask = nullptr;  // one row of scratch: the current list
+  i32* lword = nullptr;            // the words of lmask that have bits
+  i32 nlword = 0;
   bool grouped = false;      // some row has group members (weights above 1)
 
   std::uint32_t* brow(i32 e) { return bits + static_cast<i64>(eq2idx[e - nd - 1]) * nw; }
@@ -80,13 +89,14 @@ struct Ord {
     const i32 m = nemid - nebot + 1;
     if (m < 1 || m > kBitRows) return;
     const i32 w = (m + 31) / 32;
-    const i64 ints = static_cast<i64>(m) + (neq - nd) + static_cast<i64>(m + 1) * w;
+    const i64 ints = static_cast<i64>(m) + (neq - nd) + w + static_cast<i64>(m + 1) * w;
     if (next + ints / 2 + 2 > maxlx) return;
     i32* base = wr + 2 * next;
     idx2eq = base;
     eq2idx = base + m;
     // Same representation, other signedness: allowed to alias.
-    bits = reinterpret_cast<std::uint32_t*>(eq2idx + (neq - nd));
+    lword = eq2idx + (neq - nd);
+    bits = reinterpret_cast<std::uint32_t*>(lword + w);
     lmask = bits + static_cast<i64>(m) * w;
     i32 k = 0;
     for (i32 e = nd + 1; e <= neq; ++e) {
@@ -119,7 +129,10 @@ struct Ord {
   i32 collect_bits(i32 e) {
     const std::uint32_t* r = brow(e);
     i32 n = 0;
+    nlword = 0;
     for (i32 k = 0; k < nw; ++k) {
+      lmask[k] = 0;
+      if (r[k] == 0) continue;
       std::uint32_t word = r[k], keep = 0;
       while (word) {
         const int b = __builtin_ctz(word);
@@ -130,6 +143,7 @@ struct Ord {
         tmp[n++] = c;
       }
       lmask[k] = keep;
+      if (keep) lword[nlword++] = k;
     }
     return n;
   }
@@ -253,12 +267,13 @@ struct Ord {
         rc[ie >> 5] &= ~(std::uint32_t(1) << (ie & 31));
         lmask[ic >> 5] &= ~(std::uint32_t(1) << (ic & 31));  // c is not its own column
         i32 gain = 0;
-        for (i32 j = 0; j < nw; ++j) {
+        for (i32 t = 0; t < nlword; ++t) {
+          const i32 j = lword[t];
           std::uint32_t g = lmask[j] & ~rc[j];
           if (!g) continue;
           rc[j] |= g;
           if (!grouped) {
-            gain += __builtin_popcount(g);
+            gain += popcount32(g);
           } else {
             while (g) {
               const int b = __builtin_ctz(g);
@@ -305,7 +320,7 @@ struct Ord {
       for (i32 k = 0; k < n; ++k) {
         const std::uint32_t* rc = brow(tmp[k]);
         i32 have = 0;
-        for (i32 j = 0; j < nw; ++j) have += __builtin_popcount(rc[j] & lmask[j]);
+        for (i32 t = 0; t < nlword; ++t) have += popcount32(rc[lword[t]] & lmask[lword[t]]);
         missing += (n - 1) - have;
       }
       return missing / 2;
