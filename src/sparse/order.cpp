@@ -8,6 +8,7 @@
 // Dense columns are not part of the pattern: they fill in anyway.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include "host/console.h"
@@ -19,6 +20,15 @@ namespace tarnel {
 namespace {
 
 constexpr i32 kSentinel = -2;
+// Set bits of a word (no processor instruction is assumed).
+inline i32 popcount32(std::uint32_t v) {
+  v = v - ((v >> 1) & 0x55555555u);
+  v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
+  v = (v + (v >> 4)) & 0x0f0f0f0fu;
+  return static_cast<i32>((v * 0x01010101u) >> 24);
+}
+// Rows in selection at which the ordering moves to its bit matrix.
+constexpr i32 kBitRows = 16384;
 
 struct Ord {
   OrderArgs& a;
@@ -52,6 +62,91 @@ struct Ord {
   i64 head(i32 e) const { return static_cast<i64>(e) - nd; }
 
   i64 taken = 0;  // slots handed out since the last relayout
+
+  // Late stage: once few rows are left in selection, their pattern among
+  // themselves is held as a bit matrix in the free room of the working
+  // pattern (above NEXT), and merging a neighbour list into a row becomes
+  // a few word operations instead of a walk along its chain.  Only columns
+  // still in selection matter from then on, and that set only shrinks, so
+  // the matrix is built once over the rows in selection at that moment.
+  // Bit b of row k (row k at bits + k*nw) is set when the rows of index k
+  // and b are neighbours; indices run by ascending equation number.
+  bool bitmode = false;
+  i32 nbit = 0, nw = 0;      // rows of the matrix, 32-bit words per row
+  i32* idx2eq = nullptr;     // nbit equations
+  i32* eq2idx = nullptr;     // per sparse equation (e-NDENSE-1): index or -1
+  std::uint32_t* bits = nullptr;
+  std::uint32_t* lmask = nullptr;  // one row of scratch: the current list
+  i32* lword = nullptr;            // the words of lmask that have bits
+  i32 nlword = 0;
+  bool grouped = false;      // some row has group members (weights above 1)
+
+  std::uint32_t* brow(i32 e) { return bits + static_cast<i64>(eq2idx[e - nd - 1]) * nw; }
+
+  // Builds the matrix when the rows in selection are few and the room
+  // suffices; otherwise leaves the chains in charge.
+  void enter_bitmode() {
+    const i32 m = nemid - nebot + 1;
+    if (m < 1 || m > kBitRows) return;
+    const i32 w = (m + 31) / 32;
+    const i64 ints = static_cast<i64>(m) + (neq - nd) + w + static_cast<i64>(m + 1) * w;
+    if (next + ints / 2 + 2 > maxlx) return;
+    i32* base = wr + 2 * next;
+    idx2eq = base;
+    eq2idx = base + m;
+    // Same representation, other signedness: allowed to alias.
+    lword = eq2idx + (neq - nd);
+    bits = reinterpret_cast<std::uint32_t*>(lword + w);
+    lmask = bits + static_cast<i64>(m) * w;
+    i32 k = 0;
+    for (i32 e = nd + 1; e <= neq; ++e) {
+      eq2idx[e - nd - 1] = active(e) ? k : -1;
+      if (active(e)) idx2eq[k++] = e;
+    }
+    for (i64 t = 0; t < static_cast<i64>(m + 1) * w; ++t) bits[t] = 0;
+    nbit = m;
+    nw = w;
+    grouped = false;
+    for (i32 b = 0; b < m; ++b) {
+      const i32 e = idx2eq[b];
+      if (GRP2(e) > 0) grouped = true;
+      std::uint32_t* r = bits + static_cast<i64>(b) * w;
+      for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
+        const i32 c = WC(s);
+        if (c > nd && c <= neq && active(c)) {
+          const i32 ic = eq2idx[c - nd - 1];
+          r[ic >> 5] |= std::uint32_t(1) << (ic & 31);
+        }
+      }
+    }
+    const i64 top = next + ints / 2 + 1;
+    if (top > a.peak) a.peak = top;
+    bitmode = true;
+  }
+
+  // The active neighbours of e, ascending, into tmp; their bits into lmask.
+  // Result: their number.
+  i32 collect_bits(i32 e) {
+    const std::uint32_t* r = brow(e);
+    i32 n = 0;
+    nlword = 0;
+    for (i32 k = 0; k < nw; ++k) {
+      lmask[k] = 0;
+      if (r[k] == 0) continue;
+      std::uint32_t word = r[k], keep = 0;
+      while (word) {
+        const int b = __builtin_ctz(word);
+        word &= word - 1;
+        const i32 c = idx2eq[k * 32 + b];
+        if (!active(c)) continue;
+        keep |= std::uint32_t(1) << b;
+        tmp[n++] = c;
+      }
+      lmask[k] = keep;
+      if (keep) lword[nlword++] = k;
+    }
+    return n;
+  }
 
   i64 take() {
     ++taken;
@@ -95,7 +190,10 @@ struct Ord {
     // The neighbours lose this row from their length.  Their elements of it
     // stay in place: a row outside selection is never collected again, and
     // unlinking would cost a walk of each neighbour.
-    if (ISZ1(e) > 1) {
+    if (ISZ1(e) > 1 && bitmode) {
+      const i32 n = collect_bits(e);
+      for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
+    } else if (ISZ1(e) > 1) {
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
         if (active(c)) ISZ1(c) -= w;
@@ -156,6 +254,40 @@ struct Ord {
     const i32 w = weight(e);
     swap_pos(inn, netop);
     fill += ISZ1(e);
+    if (bitmode) {
+      const i32 n = collect_bits(e);
+      for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
+      std::uint32_t* re = brow(e);
+      for (i32 k = 0; k < nw; ++k) re[k] = 0;
+      const i32 ie = eq2idx[e - nd - 1];
+      for (i32 k = 0; k < n; ++k) {
+        const i32 c = tmp[k];
+        std::uint32_t* rc = brow(c);
+        const i32 ic = eq2idx[c - nd - 1];
+        rc[ie >> 5] &= ~(std::uint32_t(1) << (ie & 31));
+        lmask[ic >> 5] &= ~(std::uint32_t(1) << (ic & 31));  // c is not its own column
+        i32 gain = 0;
+        for (i32 t = 0; t < nlword; ++t) {
+          const i32 j = lword[t];
+          std::uint32_t g = lmask[j] & ~rc[j];
+          if (!g) continue;
+          rc[j] |= g;
+          if (!grouped) {
+            gain += popcount32(g);
+          } else {
+            while (g) {
+              const int b = __builtin_ctz(g);
+              g &= g - 1;
+              gain += weight(idx2eq[j * 32 + b]);
+            }
+          }
+        }
+        ISZ1(c) += gain;
+        lmask[ic >> 5] |= std::uint32_t(1) << (ic & 31);
+      }
+      DLY1(e) = -1;
+      return 0;
+    }
     i32 n = 0;
     for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
       const i32 c = WC(s);
@@ -182,6 +314,17 @@ struct Ord {
 
   // Fill count of eliminating e now: pairs of neighbours not yet joined.
   i64 countrow(i32 e) {
+    if (bitmode) {
+      const i32 n = collect_bits(e);
+      i64 missing = 0;
+      for (i32 k = 0; k < n; ++k) {
+        const std::uint32_t* rc = brow(tmp[k]);
+        i32 have = 0;
+        for (i32 t = 0; t < nlword; ++t) have += popcount32(rc[lword[t]] & lmask[lword[t]]);
+        missing += (n - 1) - have;
+      }
+      return missing / 2;
+    }
     i32 n = 0;
     --stamp;  // negative marks never meet the sort's bucket positions
     for (i64 s = WL(head(e)); s > 0; s = WL(s))
@@ -446,7 +589,8 @@ int order_main(OrderArgs& a, int variant) {
       }
       if (!any) delays = false;
     }
-    if (o.taken > laid / 2 + 50000) {
+    if (!o.bitmode) o.enter_bitmode();
+    if (!o.bitmode && o.taken > laid / 2 + 50000) {
       const i64 l2 = o.relayout();
       laid = l2 >= 0 ? l2 : laid * 2;
     }

@@ -241,6 +241,65 @@ TEST(Absorb, ConstraintRowsWithZeroDiagonalAreDelayed) {
   }
 }
 
+TEST(Absorb, BlockLaidOutCompleteAcrossPanels) {
+  // The whole sparse part (more than three panels of pivots) absorbed as one
+  // complete block, with NDENSE 4 so that the block also updates the dense
+  // triangle.  Inside the block: an aliased pair, a held-out term and, in a
+  // second matrix, a constraint row with a zero diagonal whose columns all
+  // lie below it, so that the block stops there for the pivot search.
+  const int neq = 110, nd = 4;
+  Design d = make_design(neq, 400, 5, 41, 0.0);
+  for (int e = 2; e <= neq; ++e) d.c(e, e) += 0.05;
+  for (int j = 1; j <= neq; ++j) d.c(70, j) = d.c(j, 70) = d.c(40, j);
+  d.c(70, 70) = d.c(70, 40) = d.c(40, 70) = d.c(40, 40);
+  std::vector<int> term(neq + 1, 1);
+  term[50] = term[51] = -2;
+  Dense c2 = d.c;
+  for (int e : {50, 51})
+    for (int j = 1; j <= neq; ++j) c2(e, j) = c2(j, e) = 0.0;
+  for (unsigned seed : {0u, 3u}) {
+    std::vector<int> ord = seed ? shuffled(neq, nd, seed) : natural(neq);
+    for (int tail : {neq - nd, 45}) {
+      Store st(neq, nd, 40000);
+      ASSERT_TRUE(load(st, d.c));
+      AbsorbRun r = absorb(st, ord, 2, &term, tail);
+      ASSERT_EQ(r.rc, 0) << r.err;
+      RefResult o = ordered_ldl(c2, ord, 1e-9);
+      EXPECT_EQ(r.a.nsing, 3);  // one of the aliased pair, the two held out
+      EXPECT_EQ(r.a.nsing, o.nsing);
+      EXPECT_EQ(r.rank[0], neq - 1 - 3);
+      EXPECT_LT(rel(r.a.logdet, o.logdet), 1e-9);
+      EXPECT_LT(rel(st.s.x[0], o.rss), 1e-9);
+      for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], o.soln[e]), 1e-9) << e;
+      // The packed rows read back as the rows of the factor: row p's
+      // diagonal is the pivot, 1/DD(p).
+      tarnel::Pool p = st.s.pool();
+      for (int q = nd + 1; q <= neq; ++q) {
+        if (r.dd[q - 1] == 0.0) continue;
+        i64 s = p.lnk(st.off() + q);
+        while (p.col(s) != q) --s;
+        EXPECT_LT(rel(p.val(s), 1.0 / r.dd[q - 1]), 1e-12) << q;
+      }
+    }
+  }
+  // A constraint row at position 90 on equations 5..15.
+  Dense c(neq);
+  for (int i = 1; i <= neq; ++i)
+    for (int j = 1; j <= neq; ++j) c(i, j) = (i == 90 || j == 90) ? 0.0 : d.c(i, j);
+  c(40, 40) += 1.0;  // no longer aliased
+  for (int e = 5; e <= 15; ++e) c.add_sym(90, e, 1.0 + 0.05 * e);
+  std::vector<double> ref;
+  const double ld = lu_logdet(c, &ref);
+  Store st(neq, nd, 40000);
+  ASSERT_TRUE(load(st, c));
+  AbsorbRun r = absorb(st, natural(neq), 1, nullptr, neq - nd);
+  ASSERT_EQ(r.rc, 0) << r.err << " " << r.nfault;
+  EXPECT_GE(r.a.moves, 1);
+  EXPECT_EQ(r.a.nsing, 0);
+  EXPECT_LT(rel(r.a.logdet, ld), 1e-9);
+  for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], ref[e]), 1e-8) << e;
+}
+
 TEST(Absorb, TooLittleSpaceIsAFaultNotAnOverrun) {
   const int neq = 200;
   Design d = make_design(neq, 600, 4, 31, 1.0);
