@@ -84,7 +84,9 @@ static int g5vscf(AiPhaseArgs& a, AiScratch& s, int n, int r, int k, int p, int 
     int cur = 0;
     for (int f = 0; f < n; ++f) {
       const i64* rec = (f == k) ? a.var.parform[p - 1].second() : a.var.secform[r + f - 1].second();
-      if (structure_row(a, r + f, rec, f == k ? sel : 0, dig[f] + 1, s.rowv[f], s.rowc[f], cnt[f],
+      // The factor's record here is the inverse-side form G^-1 dG G^-1, whose
+      // derivative selector is the negative of the V-side one.
+      if (structure_row(a, r + f, rec, f == k ? -sel : 0, dig[f] + 1, s.rowv[f], s.rowc[f], cnt[f],
                         a.nfault))
         return 1;
       i64 nl = 0;
