@@ -415,4 +415,29 @@ test_that("known matrices: levels matched by name, and clear errors for what can
   expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv, FALSE), data = d), "is an inverse")
   expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv):sex, data = d), "not available yet")
   expect_error(tarnel(y ~ sex, residual = ~ cov_known(animal, animal_ainv), data = d), "random formula")
+  # A damaged table of known matrices reaches the entry: an error, no crash.
+  ns <- asNamespace("tarnel")
+  res <- ns$parse_residual(NULL, d, environment())
+  model <- ns$parse_model(y ~ sex, ~ cov_known(animal, animal_ainv), res, d, NULL, "drop", "fail", environment())
+  table <- ns$build_term_table(model)
+  struc <- ns$build_struc(model, table)
+  damage <- list(function(a) { a$lcainv[3] <- 1000000L; a },              # values past the store
+                 function(a) { a$llainv[2] <- 1000000L; a },              # a row start past the store
+                 function(a) { a$lcainv[1] <- 7L; a },                # order differs from the term's
+                 function(a) { a$lcainv[2] <- 5L; a })                # an unknown form
+  for (k in seq_along(damage)) {
+    bad <- struc
+    bad$ainv <- damage[[k]](bad$ainv)
+    args <- ns$ctrn_args(model, table, bad, FALSE, tarnel_control(), 2e6)
+    status <- quiet(.Call(ns$C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+                          args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+                          args$trn, args$design))
+    expect_true(status != 0L && nzchar(ns$engine_error_text(args$trn$errtxt)), info = paste("damage", k))
+  }
+  bad <- struc
+  bad$ainv$nainv <- 2L
+  args <- ns$ctrn_args(model, table, bad, FALSE, tarnel_control(), 2e6)
+  expect_error(.Call(ns$C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+                     args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+                     args$trn, args$design), "nainv")
 })
