@@ -31,6 +31,19 @@
 #'   \item{\code{cov_sar(f)}, \code{cov_sar2(f)}}{symmetric autoregressions.}
 #'   \item{\code{cov_cor(f)}, \code{cov_corb(f)}, \code{cov_corg(f)}}{uniform,
 #'     banded and general correlations.}
+#'   \item{\code{cov_known(f, K, inverse = NA)}}{random formula only: a known
+#'     covariance matrix between the levels of \code{f}, times a variance
+#'     (the animal model with a relationship matrix, a genomic relationship
+#'     matrix).  \code{K} is the matrix itself (\code{inverse = FALSE}) or
+#'     its inverse (\code{inverse = TRUE}); the default \code{NA} takes the
+#'     result of \code{\link{pedigree_inverse}} as the inverse and any other
+#'     matrix as the matrix itself.  \code{K} is a symmetric numeric matrix
+#'     or a Matrix object whose row names name the levels of \code{f}: every
+#'     value of \code{f} must have a row, rows with no records are kept as
+#'     effects without data, and the effects come in the order of \code{K}.
+#'     A dense matrix given as the matrix is inverted in R and must be
+#'     positive definite; a sparse inverse is used as it stands.  The term
+#'     stands alone: it cannot yet be one factor of a direct product.}
 #'   \item{\code{het(f)}}{residual formula only: a separate residual variance
 #'     for each level of \code{f}.}
 #'   \item{\code{coefs(f, terms, cov = "us")}}{random formula only: random
@@ -47,9 +60,13 @@
 #' @param het add a variance for each level to a correlation structure.
 #' @param terms a one-sided formula of covariates.
 #' @param cov \code{"us"} or \code{"diag"}.
+#' @param K a known covariance matrix, or its inverse, with the levels of
+#'   \code{f} as row names; or the result of \code{\link{pedigree_inverse}}.
+#' @param inverse \code{TRUE} when \code{K} is the inverse, \code{FALSE}
+#'   when it is the matrix itself, \code{NA} to decide by its class.
 #' @return These functions signal an error when called outside a formula.
 #' @name tarnel_structures
-#' @aliases cov_id cov_diag cov_us cov_ar1 cov_ar2 cov_ar3 cov_ma1 cov_ma2 cov_arma cov_sar cov_sar2 cov_cor cov_corb cov_corg het coefs
+#' @aliases cov_id cov_diag cov_us cov_ar1 cov_ar2 cov_ar3 cov_ma1 cov_ma2 cov_arma cov_sar cov_sar2 cov_cor cov_corb cov_corg cov_known het coefs
 NULL
 
 #' @rdname tarnel_structures
@@ -81,6 +98,8 @@ cov_corb <- function(f, het = FALSE) term_only("cov_corb")
 #' @rdname tarnel_structures
 cov_corg <- function(f, het = FALSE) term_only("cov_corg")
 #' @rdname tarnel_structures
+cov_known <- function(f, K, inverse = NA) term_only("cov_known")
+#' @rdname tarnel_structures
 het <- function(f) term_only("het")
 #' @rdname tarnel_structures
 coefs <- function(f, terms, cov = "us") term_only("coefs")
@@ -106,7 +125,114 @@ cov_catalogue <- list(
 )
 
 # A structure call in a formula: its function name and factor.
-is_cov_call <- function(e) is.call(e) && as.character(e[[1L]])[1] %in% names(cov_catalogue)
+is_cov_call <- function(e) is.call(e) && as.character(e[[1L]])[1] %in% c(names(cov_catalogue), "cov_known")
+is_known_call <- function(e) is.call(e) && identical(as.character(e[[1L]])[1], "cov_known")
+
+# A cov_known() call: the factor and the known matrix in the engine's form.
+known_call_spec <- function(e, data, env) {
+  key <- paste(deparse(e, width.cutoff = 500L), collapse = "")
+  args <- call_args(e)
+  nm <- names(args)
+  if (any(!nm %in% c("", "f", "K", "inverse"))) tstop("%s: unknown argument '%s'", key, setdiff(nm, c("", "f", "K", "inverse"))[1])
+  un <- which(nm == "")
+  get <- function(name, pos) {
+    if (name %in% nm) return(args[[name]])
+    free <- setdiff(c("f", "K", "inverse"), nm)
+    k <- match(name, free)
+    if (k <= length(un)) args[[un[k]]] else NULL
+  }
+  if (length(un) > length(setdiff(c("f", "K", "inverse"), nm))) tstop("%s: too many arguments", key)
+  f <- get("f", 1L)
+  if (is.null(f) || !is.name(f)) tstop("%s: the structure must wrap a column name", key)
+  kx <- get("K", 2L)
+  if (is.null(kx)) tstop("%s needs the known matrix K", key)
+  K <- eval_arg(kx, env, "the matrix of")
+  ix <- get("inverse", 3L)
+  inverse <- if (is.null(ix)) NA else eval_arg(ix, env, "'inverse' of")
+  if (!is.logical(inverse) || length(inverse) != 1L) tstop("%s: 'inverse' must be TRUE, FALSE or NA", key)
+  fname <- as.character(f)
+  known <- known_matrix(K, inverse, key)
+  x <- data_column(data, fname)
+  ids <- if (is.factor(x) || is.character(x)) as.character(x)
+         else if (is.numeric(x)) ifelse(is.finite(x) & x == round(x), sprintf("%.0f", x), as.character(x))
+         else tstop("%s: column '%s' must be a factor, character or numeric", key, fname)
+  miss <- unique(ids[!is.na(ids) & !ids %in% known$levels])
+  if (length(miss))
+    tstop("%s: %d level(s) of '%s' have no row in the matrix (matched by row name), e.g. '%s'", key,
+          length(miss), fname, miss[1])
+  list(fn = "cov_known", factor = fname, het = FALSE, key = key, known = known,
+       fvalues = factor(ids, levels = known$levels), levels = known$levels)
+}
+
+# A known matrix or its inverse as one row of the engine's table of known
+# matrices: a sparse inverse as its lower triangle by rows (type 7), a dense
+# one packed (type 9); the real store starts with log det of the matrix
+# itself (not its inverse).  `rank` counts the singularities of the
+# inverse, the genetic groups of a pedigree.
+known_matrix <- function(K, inverse, key) {
+  rank <- 0L
+  logdet <- NULL
+  if (inherits(K, "tarnel_ainv")) {
+    if (identical(inverse, FALSE)) tstop("%s: a pedigree_inverse() result is an inverse; leave 'inverse' at NA or TRUE", key)
+    rank <- as.integer(K$groups)
+    logdet <- K$logdet
+    K <- K$ainv
+    inverse <- TRUE
+  }
+  if (is.data.frame(K)) K <- as.matrix(K)
+  sparse <- methods::is(K, "sparseMatrix")
+  if (!sparse && methods::is(K, "Matrix")) K <- as.matrix(K)
+  if (!sparse && !(is.matrix(K) && is.numeric(K)))
+    tstop("%s: K must be a numeric matrix, a Matrix object or a pedigree_inverse() result", key)
+  n <- nrow(K)
+  if (n < 1L || ncol(K) != n) tstop("%s: K must be a square matrix", key)
+  ids <- rownames(K)
+  if (is.null(ids)) ids <- colnames(K)
+  if (is.null(ids)) tstop("%s: K needs row names that name the levels of the factor", key)
+  if (!is.null(colnames(K)) && !identical(colnames(K), ids)) tstop("%s: the row and column names of K differ", key)
+  if (anyNA(ids) || anyDuplicated(ids)) tstop("%s: the row names of K must be unique and not missing", key)
+  if (is.na(inverse)) inverse <- FALSE
+  if (sparse) {
+    if (!inverse) K <- as.matrix(K)  # inverted densely below
+    else {
+      Ks <- methods::as(Matrix::forceSymmetric(K, uplo = "U"), "CsparseMatrix")
+      if (!isTRUE(Matrix::isSymmetric(K, tol = 1e-8))) tstop("%s: K is not symmetric", key)
+      if (any(!is.finite(Ks@x))) tstop("%s: K holds missing or infinite values", key)
+      if (is.null(logdet)) {
+        ok <- tryCatch({ Matrix::Cholesky(Ks, LDL = FALSE); TRUE }, error = function(e) FALSE)
+        if (!ok) tstop("%s: the inverse K is not positive definite", key)
+        logdet <- -as.numeric(Matrix::determinant(Ks, logarithm = TRUE)$modulus)
+      }
+      # Upper triangle by columns = lower triangle by rows; a row without
+      # its diagonal gets an explicit zero there.
+      col <- rep(seq_len(n), diff(Ks@p))
+      row <- Ks@i + 1L
+      x <- Ks@x
+      hasdiag <- logical(n)
+      hasdiag[col[row == col]] <- TRUE
+      if (!all(hasdiag)) {
+        add <- which(!hasdiag)
+        col <- c(col, add); row <- c(row, add); x <- c(x, rep(0, length(add)))
+        o <- order(col, row)
+        col <- col[o]; row <- row[o]; x <- x[o]
+      }
+      rowstart <- c(1L, 1L + cumsum(tabulate(col, n)))
+      return(list(levels = ids, size = n, type = 7L, rank = rank,
+                  real = c(logdet, x), integer = c(as.integer(rowstart), as.integer(row), integer(n))))
+    }
+  }
+  storage.mode(K) <- "double"
+  if (any(!is.finite(K))) tstop("%s: K holds missing or infinite values", key)
+  if (!isSymmetric(unname(K), tol = 1e-8)) tstop("%s: K is not symmetric", key)
+  ch <- tryCatch(chol(K), error = function(e) NULL)
+  if (is.null(ch)) tstop("%s: K is not positive definite%s", key,
+                         if (inverse) "" else " (a singular relationship matrix needs a small value added to its diagonal)")
+  ld <- 2 * sum(log(diag(ch)))
+  Kinv <- if (inverse) K else chol2inv(ch)
+  if (is.null(logdet)) logdet <- if (inverse) -ld else ld
+  list(levels = ids, size = n, type = 9L, rank = rank, real = c(logdet, Kinv[upper.tri(Kinv, diag = TRUE)]),
+       integer = 0L)
+}
 
 call_args <- function(e) {
   args <- as.list(e)[-1L]
@@ -149,6 +275,11 @@ structure_factor <- function(data, name) {
 # variance parameters are ratios to the residual variance.
 section_spec <- function(spec, levels, ratio_start, comp_start) {
   n <- length(levels)
+  if (identical(spec$fn, "cov_known"))
+    # The model code (minus the row of the table of known matrices) is set
+    # when the table is built.
+    return(list(fn = spec$fn, factor = spec$factor, model = 0L, order = n, band = 0L, names = "variance",
+                kind = "variance", start = ratio_start, key = spec$key, known = spec$known))
   cat_ <- cov_catalogue[[spec$fn]]
   if (n < cat_$least) tstop("%s: '%s' has %d level(s); the structure needs at least %d", spec$key, spec$factor, n, cat_$least)
   ncor <- as.integer(cat_$ncor(n))
@@ -221,6 +352,17 @@ parse_random <- function(random, data, env, store) {
       terms <- c(terms, g$terms)
       groups[[j]] <- list(label = labels[j], kind = "coefs", terms = idx, cov = g$cov, coef_names = g$coef_names,
                           factor = g$factor, levels = g$levels)
+      next
+    }
+    if (any(vapply(exprs, is_known_call, TRUE))) {
+      if (length(exprs) > 1L)
+        tstop("'%s': cov_known() as one factor of a direct product is not available yet; it must stand alone", labels[j])
+      sp <- known_call_spec(exprs[[1L]], data, env)
+      b <- add_columns(store, paste0("known:", sp$key), as.integer(sp$fvalues))
+      sp$fvalues <- NULL
+      terms[[length(terms) + 1L]] <- list(label = labels[j], vars = list(leaf(sp$key, 0L, b, length(sp$levels), 1L,
+                                                                                paste0(sp$factor, sp$levels))))
+      groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = list(sp))
       next
     }
     iscov <- vapply(exprs, is_cov_call, TRUE)
@@ -316,6 +458,7 @@ parse_residual <- function(residual, data, env) {
   vars <- attr(tf, "variables")
   exprs <- lapply(which(attr(tf, "factors")[, 1L] > 0), function(i) vars[[i + 1L]])
   specs <- lapply(exprs, function(e) {
+    if (is_known_call(e)) tstop("cov_known() belongs in the random formula, not the residual formula")
     if (is_cov_call(e)) return(cov_call_spec(e, env))
     if (is.name(e)) return(list(fn = "cov_id", factor = as.character(e), het = FALSE, key = as.character(e)))
     tstop("the residual term '%s' is not a factor or a structure", deparse(e))
@@ -405,6 +548,7 @@ build_struc <- function(model, table) {
   code_of <- function(kind) if (kind %in% c("variance", "scale")) 1L else 3L
   tyfact <- integer(nfactp)
   secs <- list()
+  known <- list()
   gpos <- nfactp
   new_section <- function(sp, gfirst, npar, g14) {
     secs[[length(secs) + 1L]] <<- c(sp$order, npar, sp$model, gfirst, 0L, sp$band, 0L, 0L, 0L, 0L, 0L, 0L, 0L, g14, 1L)
@@ -440,6 +584,10 @@ build_struc <- function(model, table) {
       if (length(pos) > 1L) tyfact[pos[-1]] <- -1L
     } else {
       secs_specs <- lapply(g$specs, function(s) section_spec(s, s$levels, v0, v0))
+      for (k in seq_along(secs_specs)) if (!is.null(secs_specs[[k]]$known)) {
+        known[[length(known) + 1L]] <- secs_specs[[k]]$known
+        secs_specs[[k]]$model <- -length(known)
+      }
       tyfact[pos] <- length(secs_specs) * 10000L + length(secs) + 1L
     }
     has_var <- any(vapply(secs_specs, function(s) any(s$kind == "variance"), TRUE))
@@ -519,7 +667,7 @@ build_struc <- function(model, table) {
   pars$profiled <- profiled
   out <- list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
               printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
-              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled)
+              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known))
   apply_constraints(out, NULL, NULL, NULL, NULL)
 }
 
@@ -616,4 +764,19 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
   struc$tgamma <- fresh_int(struc$tgamma)
   struc$constr <- list(ngmcon = fresh_int(ngmcon), gequal = fresh_int(gequal), gmcon = as.double(gmcon))
   struc
+}
+
+# The engine's table of known matrices: five integers a row (size, type,
+# start in the real store, index in the integer store, rank) and the two
+# stores, one matrix after the other.
+known_table <- function(known) {
+  if (!length(known)) return(list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0))
+  tab <- integer(); real <- double(); int <- integer()
+  for (k in known) {
+    tab <- c(tab, k$size, k$type, length(real) + 1L, length(int) + 1L, k$rank)
+    real <- c(real, k$real)
+    int <- c(int, k$integer)
+  }
+  if (length(real) > 2^31 - 1 || length(int) > 2^31 - 1) tstop("the known matrices are too large")
+  list(nainv = length(known), lcainv = as.integer(tab), llainv = as.integer(int), ainv = as.double(real))
 }

@@ -10,6 +10,7 @@
 // R parameters (a diagonal R = gamma I):
 //   score = 1/2 (e'e/gamma^2 - n/gamma + tr(C^-1 W'W)/gamma^2).
 // Quadratic forms in u and e are divided by sigma2, the iteration's scale.
+#include <algorithm>
 #include <cmath>
 
 #include "average_info/ai_internal.h"
@@ -84,7 +85,9 @@ static int g5vscf(AiPhaseArgs& a, AiScratch& s, int n, int r, int k, int p, int 
     int cur = 0;
     for (int f = 0; f < n; ++f) {
       const i64* rec = (f == k) ? a.var.parform[p - 1].second() : a.var.secform[r + f - 1].second();
-      if (structure_row(a, r + f, rec, f == k ? sel : 0, dig[f] + 1, s.rowv[f], s.rowc[f], cnt[f],
+      // The factor's record here is the inverse-side form G^-1 dG G^-1, whose
+      // derivative selector is the negative of the V-side one.
+      if (structure_row(a, r + f, rec, f == k ? -sel : 0, dig[f] + 1, s.rowv[f], s.rowc[f], cnt[f],
                         a.nfault))
         return 1;
       i64 nl = 0;
@@ -129,6 +132,37 @@ static int makescore(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k) 
   return 0;
 }
 
+// g5vsca: the scale of a term whose covariance is sigma times a known
+// matrix A, held by its inverse (the section links to a GIV row).  The
+// parameter's inverse-side record delivers the rows of A^-1 / sigma^2, so
+// g5vscf gives (u'A^-1 u / sigma2 + tr(A^-1 C^-1_aa)) / sigma^2, and
+// tr(G^-1 dG/dsigma) = m / sigma with m the rank of A^-1 (its order less
+// the singularities the GIV row records, e.g. genetic groups).
+static int g5vsca(AiPhaseArgs& a, AiScratch& s, i64 e0, int r) {
+  if (a.var.field(r, kNpar) != 1) {
+    g5verror(" A known matrix takes one scale parameter", 3);
+    return g5vflt(a.nfault, 3004);
+  }
+  const int p = a.var.field(r, kGfirst);
+  if (p < 1 || static_cast<std::size_t>(p) > a.var.parform.size() ||
+      static_cast<std::size_t>(p) > a.gammas.size())
+    return g5vflt(a.nfault, 3001);
+  const double g = a.gammas[p - 1];
+  if (g == 0.0 || !admits(a, p)) return 0;
+  const int link = -a.var.field(r, kModel);
+  const int order = a.var.field(r, kOrder);
+  if (a.var.giv == nullptr || link < 1 || link > a.var.giv->count) return g5vflt(a.nfault, 3001);
+  const int m = std::min(order, a.var.giv->size(link) - a.var.giv->rank(link));
+  auto pair = [&](i64 I, i64 J) {
+    return a.soln[e0 + I] * a.soln[e0 + J] / a.sigma2 +
+           zeq(a, s, static_cast<i32>(e0 + I + 1), static_cast<i32>(e0 + J + 1));
+  };
+  double q;
+  if (g5vscf(a, s, 1, r, 0, p, 0, pair, q)) return 1;
+  a.score[wvcol(a, p) - 1] += 0.5 * (q - static_cast<double>(m) / g);
+  return 0;
+}
+
 int g5vscg(AiPhaseArgs& a, AiScratch& s) {
   i64 e0 = 1;
   for (std::size_t t = 0; t < a.tcode.size(); e0 += a.nlev[t], ++t) {
@@ -159,8 +193,18 @@ int g5vscg(AiPhaseArgs& a, AiScratch& s) {
       g5vsci(a, s, e0, q, g, a.score[wvcol(a, p) - 1]);
       continue;
     }
+    if (n == 1 && a.var.field(r, kModel) < 0) {
+      if (g5vsca(a, s, e0, r)) return 1;
+      continue;
+    }
     for (int k = 0; k < n; ++k) {
       if (a.var.field(r + k, kNpar) == 0) continue;
+      if (a.var.field(r + k, kModel) < 0) {
+        // The scale of a known matrix inside a product: its trace term
+        // needs the matrix itself, which only its inverse rows give.
+        g5verror(" Scores of a scaled known matrix in a direct product are not available yet", 3);
+        return g5vflt(a.nfault, 3005);
+      }
       if (makescore(a, s, e0, n, r, k)) return 1;
     }
   }

@@ -119,6 +119,9 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   a.known.lcainv = need_int(ainv, "lcainv", "ainv");
   a.known.llainv = need_int(ainv, "llainv", "ainv");
   a.known.ainv = need_real(ainv, "ainv", "ainv");
+  // The engine reads five integers for each known matrix.
+  check(a.known.nainv >= 0 && static_cast<std::size_t>(a.known.nainv) * 5 <= a.known.lcainv.size(),
+        "element 'nainv' of 'ainv' must be from 0 to length(lcainv) / 5");
 
   need_list(glm, "glm");
   a.glm.id = *need_int1(glm, "id", "glm");

@@ -867,3 +867,133 @@ TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
   ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
   check_against_dense(m, b, r);
 }
+
+// G = sigma A over q groups, A known and given by its inverse: a dense
+// packed (type 9) and a sparse lower triangle by rows (type 7) of the same
+// tridiagonal A^-1, linked to the section (model -1), formed by g5vvsf and
+// delivered by g5vvrw.  Scores, AI and log|G| against dense formulas.
+TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
+  const int q = 5;
+  const double sg = 0.8;
+  Mat ai = zeros(q, q);  // A^-1: tridiagonal, diagonally dominant
+  for (int i = 0; i < q; ++i) {
+    ai[i][i] = 2.0 + 0.3 * i;
+    if (i > 0) ai[i][i - 1] = ai[i - 1][i] = -0.7;
+  }
+  Mat A = inv(ai);
+  vtest::Mat aflat(q * q);
+  for (int i = 0; i < q; ++i)
+    for (int j = 0; j < q; ++j) aflat[i * q + j] = A[i][j];
+  const double ldA = vtest::log_abs_det(aflat, q);
+  for (int type : {9, 7}) {
+    Model m = one_way(q, 2, sg, 1.0, true);
+    vtest::Fit f;
+    f.gammas = {1.0, sg};
+    f.add_section(q, 1, -1, 2, 0);
+    std::vector<double> vals;
+    std::vector<int> ints;
+    if (type == 9) {
+      for (int i = 0; i < q; ++i)
+        for (int j = 0; j <= i; ++j) vals.push_back(ai[i][j]);
+      ints = {0};
+    } else {
+      ints.push_back(1);
+      std::vector<int> cols;
+      for (int i = 0; i < q; ++i) {
+        if (i > 0) vals.push_back(ai[i][i - 1]), cols.push_back(i);
+        vals.push_back(ai[i][i]), cols.push_back(i + 1);
+        ints.push_back(static_cast<int>(vals.size()) + 1);
+      }
+      ints.insert(ints.end(), cols.begin(), cols.end());
+      ints.insert(ints.end(), q, 0);  // cursors
+    }
+    f.givreal = {ldA};
+    f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());
+    f.givint = ints;
+    f.givtab = {q, type, 1, 1, 0};
+    ASSERT_EQ(f.run(), 0) << f.ifault;
+    f.struc[kField14 - 1] = 1;
+    m.tcode = {0, 10001};
+    m.gammas = f.gammas;
+    m.struc = f.struc;
+    m.secform = f.secform;
+    m.parform = f.parform;
+    m.logdet = f.logdet;
+    m.work = f.work;
+    int ne = m.neq - 1;
+    m.g = zeros(ne, ne);
+    m.ginv = zeros(ne, ne);
+    m.dg.assign(2, zeros(ne, ne));
+    for (int i = 0; i < q; ++i)
+      for (int j = 0; j < q; ++j) {
+        m.g[1 + i][1 + j] = sg * A[i][j];
+        m.ginv[1 + i][1 + j] = ai[i][j] / sg;
+        m.dg[1][1 + i][1 + j] = A[i][j];
+      }
+    std::vector<int> perm = natural(m.neq);
+    std::reverse(perm.begin() + 2, perm.end());
+    Built b;
+    build(m, perm, 1, b, true);
+    PhaseRun r;
+    run(m, b, r, 0, 400000, tarnel::g5vvrw);
+    r.giv = f.a.giv;
+    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+    check_against_dense(m, b, r);
+    expect_rel(r.a.logdetg, q * std::log(sg) + ldA, "log|G| of sigma A");
+  }
+}
+
+// G = sigma AR1(rho) as one section whose last parameter is its overall
+// scale (scalepos), alone and in a product I(ns) x sigma AR1: the scale's
+// score reads the inverse side with the scale squared.
+TEST(AverageInfoPipeline, OverallScaleOfACorrelationSection) {
+  const int q = 4;
+  const double sg = 1.6, rho = 0.5;
+  for (int ns : {1, 3}) {
+    Model m = one_way(q * ns, 2, sg, 1.0, true);
+    vtest::Fit f;
+    f.gammas = {1.0, rho, sg};
+    int code = 10001;
+    if (ns > 1) {
+      f.add_section(ns, 0, 0, 0);
+      code = 20001;
+    }
+    f.add_section(q, 2, 1, 2, 1, 3);
+    ASSERT_EQ(f.run(), 0) << f.ifault;
+    for (size_t s = 0; s < f.struc.size() / 15; ++s) f.struc[s * 15 + kField14 - 1] = 1;
+    m.tcode = {0, code};
+    m.gammas = f.gammas;
+    m.rgmstr = {0, 0, 0};
+    m.wvcolumn = {1, 2, 3};
+    m.nwv = 3;
+    m.struc = f.struc;
+    m.secform = f.secform;
+    m.parform = f.parform;
+    m.logdet = f.logdet;
+    m.work = f.work;
+    int ne = m.neq - 1;
+    m.g = zeros(ne, ne);
+    m.dg.assign(3, zeros(ne, ne));
+    for (int k = 0; k < ns; ++k)
+      for (int i = 0; i < q; ++i)
+        for (int j = 0; j < q; ++j) {
+          int d = std::abs(i - j), ei = 1 + k * q + i, ej = 1 + k * q + j;
+          m.g[ei][ej] = sg * std::pow(rho, d);
+          m.dg[1][ei][ej] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
+          m.dg[2][ei][ej] = std::pow(rho, d);
+        }
+    Mat gsub = zeros(ne - 1, ne - 1);
+    for (int i = 0; i < ne - 1; ++i)
+      for (int j = 0; j < ne - 1; ++j) gsub[i][j] = m.g[1 + i][1 + j];
+    Mat gi = inv(gsub);
+    m.ginv = zeros(ne, ne);
+    for (int i = 0; i < ne - 1; ++i)
+      for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
+    Built b;
+    build(m, natural(m.neq), 1, b, true);
+    PhaseRun r;
+    run(m, b, r, 0, 400000, tarnel::g5vvrw);
+    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+    check_against_dense(m, b, r);
+  }
+}

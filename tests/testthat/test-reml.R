@@ -37,6 +37,21 @@ dense_ai <- function(theta, D, X, y) {
   outer(seq_along(D), seq_along(D), Vectorize(function(i, j) 0.5 * drop(t(w[[i]]) %*% P %*% w[[j]])))
 }
 zmat <- function(f) { f <- factor(f); m <- outer(as.integer(f), seq_len(nlevels(f)), `==`) * 1; m }
+# The numerator relationship matrix by the tabular method (parents first).
+tabular_A <- function(ped) {
+  n <- nrow(ped)
+  s <- match(ped[[2]], ped[[1]]); m <- match(ped[[3]], ped[[1]])
+  A <- matrix(0, n, n, dimnames = list(ped[[1]], ped[[1]]))
+  for (i in seq_len(n)) {
+    j <- seq_len(i - 1L)
+    if (i > 1L) A[i, j] <- A[j, i] <- 0.5 * ((if (is.na(s[i])) 0 else A[j, s[i]]) + (if (is.na(m[i])) 0 else A[j, m[i]]))
+    A[i, i] <- 1 + if (is.na(s[i]) || is.na(m[i])) 0 else 0.5 * A[s[i], m[i]]
+  }
+  A
+}
+animal_ped <- utils::read.csv(file.path(ref_dir("animal"), "pedigree.csv"))
+animal_ainv <- pedigree_inverse(animal_ped)
+animal_Z <- function(d) outer(match(d$animal, animal_ped$id), seq_len(nrow(animal_ped)), `==`) * 1
 ar1 <- function(n, rho) rho^abs(outer(seq_len(n), seq_len(n), `-`))
 
 # A fit, or a recorded failure carrying the engine's text.
@@ -84,7 +99,12 @@ ref_cases <- list(
                       X = function(d) model.matrix(~ variety, d),
                       V = function(d, p) p[1] * tcrossprod(zmat(d$rep)) +
                         p[2] * kronecker(ar1(length(unique(d$col)), p[3]), ar1(length(unique(d$row)), p[4])),
-                      y = "yield")
+                      y = "yield"),
+  animal = list(fit = function(d) tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d),
+                par = c("cov_known(animal, animal_ainv)!animal:variance", "residual"),
+                X = function(d) model.matrix(~ sex, d),
+                D = function(d) { Z <- animal_Z(d); list(Z %*% tabular_A(animal_ped) %*% t(Z), diag(nrow(d))) },
+                y = "y")
 )
 
 dense_V <- function(case, d, p) {
@@ -117,7 +137,7 @@ test_that("every reference case fits: parameters, log-likelihood and fitted X b"
 })
 
 test_that("standard errors come from the average information matrix", {
-  for (nm in c("dyestuff", "penicillin", "orthodont_rr", "hetres")) {
+  for (nm in c("dyestuff", "penicillin", "orthodont_rr", "hetres", "animal")) {
     case <- ref_cases[[nm]]
     d <- ref_data(nm)
     if (!is.null(case$prep)) d <- case$prep(d)
@@ -340,4 +360,84 @@ test_that("an incomplete field grid is completed in column-major order, each rec
   expect_true(all(is.na(a$data$yield[!kept])))
   expect_equal(a$data$yield[kept], dd$yield[a$rows[kept]])
   expect_equal(sort(a$rows[kept]), seq_len(nrow(dd)))
+})
+
+test_that("known matrices: a genomic-style dense matrix against dense REML, and its three forms agree", {
+  set.seed(11)
+  nid <- 60; nm <- 200
+  M <- matrix(rbinom(nid * nm, 2, 0.3), nid) - 0.6
+  G <- tcrossprod(M) / nm + diag(0.05, nid)
+  ids <- sprintf("g%02d", seq_len(nid))
+  dimnames(G) <- list(ids, ids)
+  u <- drop(t(chol(G)) %*% rnorm(nid)) * 1.5
+  rec <- sample(ids[1:50], 150, replace = TRUE)  # ten genotypes without records
+  d <- data.frame(id = rec, env = factor(sample(c("a", "b", "c"), 150, TRUE)))
+  d$y <- 5 + as.integer(d$env) + u[match(d$id, ids)] + rnorm(150)
+  Z <- outer(match(d$id, ids), seq_len(nid), `==`) * 1
+  X <- model.matrix(~ env, d)
+  obj <- function(p) -dense_reml(exp(p[1]) * Z %*% G %*% t(Z) + exp(p[2]) * diag(nrow(d)), X, d$y)$ll
+  o <- optim(c(0, 0), obj, method = "BFGS")
+  Gi <- solve(G)
+  forms <- list(matrix = quote(cov_known(id, G)), dense_inverse = quote(cov_known(id, Gi, inverse = TRUE)),
+                sparse_inverse = quote(cov_known(id, Matrix::Matrix(Gi, sparse = TRUE), TRUE)))
+  for (k in names(forms)) {
+    rf <- eval(call("~", forms[[k]]))
+    fit <- fit_or_fail(tarnel(y ~ env, random = rf, data = d), k)
+    if (is.null(fit)) next
+    vc <- fit$varcomp_all
+    expect_close(vc[c(1, nrow(vc)), "component"], exp(o$par), what = k)
+    expect_abs(as.numeric(logLik(fit)), -o$value, 0.05, info = k)
+    # at the fit's own estimates: X b by GLS, and the effects of every
+    # genotype, records or not, in the order of G: s G Z' V^-1 (y - X b)
+    p <- vc[c(1, nrow(vc)), "component"]
+    V <- p[1] * Z %*% G %*% t(Z) + p[2] * diag(nrow(d))
+    xb <- dense_reml(V, X, d$y)$xb
+    expect_lt(max(abs(fitted(fit, "fixed") - xb) / abs(xb)), 1e-4)
+    blup <- drop(p[1] * G %*% t(Z) %*% solve(V, d$y - xb))
+    expect_true(all(endsWith(names(fit$ranef), ids)), info = k)
+    expect_lt(max(abs(fit$ranef - blup)), 1e-4 * max(abs(blup)))
+  }
+})
+
+test_that("known matrices: levels matched by name, and clear errors for what cannot be used", {
+  d <- ref_data("animal")
+  sh <- d[sample(nrow(d)), ]  # record order does not matter: levels match by name
+  f1 <- fit_or_fail(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = sh), "shuffled")
+  if (!is.null(f1)) expect_abs(f1$varcomp$component[1], ref_expected("animal")$vp[["additive"]], 0.01)
+  bad <- d; bad$animal[3] <- 99999
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = bad), "no row in the matrix.*99999")
+  G <- diag(3)
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, G), data = d), "row names")
+  dimnames(G) <- list(1:3, 1:3); G[1, 2] <- 0.5
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, G), data = d), "not symmetric")
+  G <- matrix(1, 2, 2, dimnames = list(c("1", "2"), c("1", "2")))
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, G), data = d), "not positive definite")
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv, FALSE), data = d), "is an inverse")
+  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv):sex, data = d), "not available yet")
+  expect_error(tarnel(y ~ sex, residual = ~ cov_known(animal, animal_ainv), data = d), "random formula")
+  # A damaged table of known matrices reaches the entry: an error, no crash.
+  ns <- asNamespace("tarnel")
+  res <- ns$parse_residual(NULL, d, environment())
+  model <- ns$parse_model(y ~ sex, ~ cov_known(animal, animal_ainv), res, d, NULL, "drop", "fail", environment())
+  table <- ns$build_term_table(model)
+  struc <- ns$build_struc(model, table)
+  damage <- list(function(a) { a$lcainv[3] <- 1000000L; a },              # values past the store
+                 function(a) { a$llainv[2] <- 1000000L; a },              # a row start past the store
+                 function(a) { a$lcainv[1] <- 7L; a },                # order differs from the term's
+                 function(a) { a$lcainv[2] <- 5L; a })                # an unknown form
+  for (k in seq_along(damage)) {
+    bad <- struc
+    bad$ainv <- damage[[k]](bad$ainv)
+    args <- ns$ctrn_args(model, table, bad, FALSE, tarnel_control(), 2e6)
+    status <- quiet(.Call(ns$C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+                          args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+                          args$trn, args$design))
+    expect_true(status != 0L && nzchar(ns$engine_error_text(args$trn$errtxt)), info = paste("damage", k))
+  }
+  bad <- struc
+  bad$ainv$nainv <- 2L
+  args <- ns$ctrn_args(model, table, bad, FALSE, tarnel_control(), 2e6)
+  expect_error(.Call(ns$C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+                     args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+                     args$trn, args$design), "nainv")
 })
