@@ -202,7 +202,7 @@ int Former::run() {
   // 5. The sections.
   for (int s = 1; s <= a_.nsect; ++s) {
     StrucRow row{a_.struc.data() + static_cast<std::size_t>(s - 1) * a_.lstruc};
-    if (row.field(kOrder) > 800) g5vtme(a_.unit, " Forming a large variance structure", 35);
+    if (row.field(kOrder) > 800 && a_.debug != 0) g5vtme(a_.unit, " Forming a large variance structure", 35);
     if (section(s)) return 1;
   }
   return 0;
