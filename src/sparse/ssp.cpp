@@ -10,12 +10,6 @@
 
 namespace tarnel {
 
-// The structure rows come from the variance code; until it is linked in, a
-// product structure is reported as not available instead of failing to load.
-int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int order,
-           const i64* record, StrucRow strucrow, const WorkArray& work, int selector, int link,
-           const GivTable& giv, int unit, int& ifault) __attribute__((weak));
-
 namespace {
 
 // Adds value(c) * ACC(a) for a in list[0..n) (all at most c) to row c.
@@ -236,11 +230,6 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
   count = 0;
   if (src.nsect < 1 || src.records == nullptr || src.rows == nullptr || src.work == nullptr ||
       src.giv == nullptr) {
-    ifault = 1;
-    return 1;
-  }
-  if (&g5vvrw == nullptr) {
-    g5verror(" Structured rows in SSP formation not available yet", 3);
     ifault = 1;
     return 1;
   }
