@@ -9,14 +9,20 @@
 #'   may ask for, in 8-byte words.
 #' @param maxiter iteration limit of the fit.
 #' @param trace print the engine's start and finish lines and the iteration log.
+#' @param keep_order for models of more than 5,000 equations: keep the order
+#'   of the equations in the file \code{EQNORD.BIN} of the working directory
+#'   and use it again in a later fit of the same model and work array, which
+#'   saves the search for an order.
 #' @return A list of options.
 #' @export
-tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE) {
+tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE,
+                           keep_order = FALSE) {
   if (!is.null(workspace) && (!is.numeric(workspace) || length(workspace) != 1L || !(workspace > 0)))
     stop("'workspace' must be a positive number of words", call. = FALSE)
   if (!is.numeric(max_workspace) || length(max_workspace) != 1L || !(max_workspace > 0))
     stop("'max_workspace' must be a positive number of words", call. = FALSE)
   list(workspace = workspace, max_workspace = max_workspace, maxiter = as.integer(maxiter),
+       keep_order = isTRUE(keep_order),
        trace = isTRUE(trace))
 }
 
@@ -144,6 +150,10 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
+  if (isTRUE(control$keep_order)) {
+    aiopt[4L] <- 1L                                           # the order file ...
+    aiopt[32L] <- 8L                                          # ... on its unit
+  }
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter

@@ -426,7 +426,15 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
       iw[2 * (p - 1) + 1] = p;
     }
     const int isort = aiopt_at(o, 1);
-    if (neq > ndense + 2 && isort >= 0) {
+    // A large model may take its order from an earlier fit kept in
+    // "EQNORD.BIN", when the option asks for it and the file's header
+    // matches this model and work array.
+    const bool keep_order = aiopt_at(o, 3) == 1 && neq > 5000 && aiopt_at(o, 31) > 7;
+    const i64 mark = static_cast<i64>(st.floor), total = static_cast<i64>(a.work.lenx[0]);
+    bool from_file = false;
+    if (keep_order && neq > ndense + 2 && isort >= 0)
+      from_file = eqnord_read(iw, static_cast<i32>(ndense), neq, nfactp, mark, total, trace) == 0;
+    if (!from_file && neq > ndense + 2 && isort >= 0) {
       OrderArgs oa;
       oa.store = &ms;
       oa.iw = iw;
@@ -454,6 +462,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
       }
       if (trace) g5vtme(6, " Order found", 12);
       st.tail = oa.tail;
+      if (keep_order) eqnord_write(iw, static_cast<i32>(ndense), neq, nfactp, mark, total, trace);
     }
     st.ordered = true;
   }

@@ -441,3 +441,19 @@ test_that("known matrices: levels matched by name, and clear errors for what can
                      args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
                      args$trn, args$design), "nainv")
 })
+
+test_that("an order kept in EQNORD.BIN serves a later fit of the same model", {
+  old <- setwd(tempdir())
+  on.exit({ unlink("EQNORD.BIN"); setwd(old) })
+  unlink("EQNORD.BIN")
+  set.seed(5)
+  n <- 12000
+  d <- data.frame(A = factor(sample(4000, n, TRUE)), B = factor(sample(1500, n, TRUE)))
+  d$y <- rnorm(4000)[as.integer(d$A)] + rnorm(1500, sd = 0.5)[as.integer(d$B)] + rnorm(n)
+  ctl <- tarnel_control(keep_order = TRUE, workspace = 2e7)
+  f1 <- tarnel(y ~ 1, random = ~ A + B, data = d, control = ctl)
+  expect_true(file.exists("EQNORD.BIN"))
+  f2 <- tarnel(y ~ 1, random = ~ A + B, data = d, control = ctl)
+  expect_equal(f2$loglik, f1$loglik, tolerance = 1e-8)
+  expect_equal(f2$varcomp$component, f1$varcomp$component, tolerance = 1e-6)
+})
