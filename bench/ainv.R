@@ -7,8 +7,12 @@
 suppressMessages(library(tarnel))
 suppressMessages(library(Matrix))
 
+# Arguments: individuals for tarnel (default 1,000,000) and for the side by
+# side with the peer (default 100,000: on the deep 1,000,000-individual
+# pedigree nadiv did not finish within 30 minutes).
 args <- commandArgs(trailingOnly = TRUE)
 n_total <- if (length(args)) as.numeric(args[1]) else 1e6
+n_peer <- if (length(args) > 1) as.numeric(args[2]) else 1e5
 
 # 20,000 founders, then generations of 98,000: 500 sires chosen from the
 # males of the previous generation each mate with about 98 dams, and every
@@ -55,6 +59,13 @@ cat(sprintf("tarnel  pedigree_inverse: %8.2f s elapsed, %8.2f s CPU  (nonzeros %
             t_tarnel, cpu(st), a$giv$lcainv, mean(a$inbreeding), max(a$inbreeding), a$logdet))
 
 if (requireNamespace("nadiv", quietly = TRUE)) {
+  if (n_peer != n_total) {
+    ped <- simulate_pedigree(n_peer)
+    cat(sprintf("Side by side on %d individuals:\n", nrow(ped)))
+    st <- system.time(a <- pedigree_inverse(ped))
+    t_tarnel <- st[["elapsed"]]
+    cat(sprintf("tarnel  pedigree_inverse: %8.2f s elapsed, %8.2f s CPU\n", t_tarnel, cpu(st)))
+  }
   # nadiv reads unknown parents as NA; a small call first loads its code.
   pp <- ped
   pp$sire[pp$sire == 0] <- NA
