@@ -217,8 +217,18 @@ known_matrix <- function(K, inverse, key) {
         col <- col[o]; row <- row[o]; x <- x[o]
       }
       rowstart <- c(1L, 1L + cumsum(tabulate(col, n)))
+      # The strict lower triangle indexed by columns, so that the engine
+      # finds the part of a row right of its diagonal without scanning the
+      # later rows: -1 in the first cursor word marks it; then the column
+      # starts, the rows of each column ascending and the positions of the
+      # values.
+      low <- which(row < col)
+      o <- low[order(row[low], col[low])]
+      tstart <- c(1L, 1L + cumsum(tabulate(row[low], n)))
       return(list(levels = ids, size = n, type = 7L, rank = rank,
-                  real = c(logdet, x), integer = c(as.integer(rowstart), as.integer(row), integer(n))))
+                  real = c(logdet, x),
+                  integer = c(as.integer(rowstart), as.integer(row), -1L, integer(n - 1L),
+                              as.integer(tstart), as.integer(col[o]), as.integer(o))))
     }
   }
   storage.mode(K) <- "double"

@@ -107,21 +107,41 @@ bool block_levels_valid(const GivTable& giv, int g, int order);
 //   rowstart (size+1 positions, 1-based, rowstart(size+1) - 1 = nnz),
 //   then the column of each value (ascending, each row ending with its
 //   diagonal), then `size` cursor words used by g5vvar.
+//   Optionally a transposed index of the strict lower triangle follows the
+//   cursor words; its presence is marked by -1 in the first cursor word
+//   (cursor words are otherwise 0 as delivered or row starts, never
+//   negative).  It holds tstart (size+1 entries, 1-based into the next two
+//   runs, tstart(size+1) - 1 = nnz - size), then for each column i the rows
+//   j > i holding a value (j, i), ascending (trow), then the position of
+//   each such value in the real store, 1-based as rowstart counts (tpos).
+//   With it a row costs its own length; without it the part right of the
+//   diagonal is found by scanning the cursors of all later rows.
 struct GivLayout {
   bool ok = false;
   int type = 0, size = 0;
   i64 first = 0, slot = 0, nval = 0;   // real store, 1-based
   i64 rowstart = 0, colindex = 0, cursor = 0;  // integer store, 1-based
+  i64 tstart = 0, trow = 0, tpos = 0;  // transposed index; 0 when absent
+  i64 ntrans = 0;                      // entries of trow and tpos
 };
 GivLayout giv_layout(const GivTable& giv, int g);
-// Checks the row starts and columns of a type 7 row.
+// Checks the row starts and columns of a type 7 row, and the transposed
+// index when present (every strict lower value listed once, at its place).
 bool sparse_giv_valid(const GivTable& giv, const GivLayout& L);
 
+// The transposed index of a sparse lower triangle (see GivLayout); empty
+// spans when the table has none.
+struct SparseTranspose {
+  span<const int> tstart, trow, tpos;
+};
+
 // Row i of a sparse symmetric matrix held by its lower triangle, times
-// `scale`; see GivLayout.  Rows must be asked for in ascending order from
-// row 1 (the cursors follow the part right of the diagonal).
+// `scale`; see GivLayout.  With a transposed index any row may be asked
+// for at any time.  Without one, rows must be asked for in ascending order
+// from row 1 (the cursors follow the part right of the diagonal).
 void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
-            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor);
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor,
+            const SparseTranspose& trans = SparseTranspose{});
 
 // Spreads a packed band of half-width 3 (row i holds (i, max(1,i-3)) to
 // (i,i): 1, 2, 3 entries in the first three rows, then 4) into the four

@@ -71,6 +71,17 @@ GivLayout giv_layout(const GivTable& giv, int g) {
     L.colindex = L.rowstart + L.size + 1;
     L.cursor = L.colindex + nnz;
     if (L.cursor + L.size - 1 > nint) return L;
+    const int mark = giv.integer.at1(L.cursor);
+    if (mark < -1) return L;
+    if (mark == -1) {
+      L.tstart = L.cursor + L.size;
+      if (L.tstart + L.size > nint) return L;
+      L.ntrans = static_cast<i64>(giv.integer.at1(L.tstart + L.size)) - 1;
+      if (L.ntrans != nnz - L.size) return L;
+      L.trow = L.tstart + L.size + 1;
+      L.tpos = L.trow + L.ntrans;
+      if (L.tpos + L.ntrans - 1 > nint) return L;
+    }
     nval = nnz;
   } else {
     return L;
@@ -98,12 +109,34 @@ bool sparse_giv_valid(const GivTable& giv, const GivLayout& L) {
     }
     if (prev != r) return false;
   }
+  if (L.tstart == 0) return true;
+  // The transposed index: each column's rows ascending below the diagonal,
+  // each pointing at the value of its row in that column.  There are as
+  // many entries as strict lower values and no pair repeats, so each value
+  // is listed exactly once.
+  auto ts = [&](int k) { return static_cast<i64>(giv.integer.at1(L.tstart + k - 1)); };
+  if (ts(1) != 1 || ts(L.size + 1) - 1 != L.ntrans) return false;
+  for (int c = 1; c <= L.size; ++c) {
+    const i64 a = ts(c), b = ts(c + 1);
+    if (b < a || b - 1 > L.ntrans) return false;
+    int prev = c;
+    for (i64 k = a; k < b; ++k) {
+      const int j = giv.integer.at1(L.trow + k - 1);
+      if (j <= prev || j > L.size) return false;
+      prev = j;
+      const i64 q = giv.integer.at1(L.tpos + k - 1);
+      if (q < rs(j) || q >= rs(j + 1) - 1) return false;  // before row j's diagonal
+      if (giv.integer.at1(L.colindex + q - 1) != c) return false;
+    }
+  }
   return true;
 }
 
 void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, span<const double> store,
-            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor) {
-  if (i == 1)
+            double scale, span<const int> rowstart, span<const int> colindex, int lower, span<int> cursor,
+            const SparseTranspose& trans) {
+  const bool transposed = !trans.tstart.empty();
+  if (i == 1 && !transposed)
     for (int j = 1; j <= n; ++j) cursor.at1(j) = rowstart.at1(j);
   for (int q = rowstart.at1(i); q < rowstart.at1(i + 1); ++q) {
     const int c = colindex.at1(q);
@@ -111,6 +144,14 @@ void g5vvar(span<double> values, span<int> columns, int& count, int i, int n, sp
     values[c - 1] = scale * store.at1(q);
   }
   if (lower) return;
+  if (transposed) {
+    for (int k = trans.tstart.at1(i); k < trans.tstart.at1(i + 1); ++k) {
+      const int j = trans.trow.at1(k);
+      columns[count++] = j;
+      values[j - 1] = scale * store.at1(trans.tpos.at1(k));
+    }
+    return;
+  }
   for (int j = i + 1; j <= n; ++j) {
     int& q = cursor.at1(j);
     while (q < rowstart.at1(j + 1) && colindex.at1(q) < i) ++q;
@@ -192,10 +233,19 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
       if (!L.ok || L.size != n) return undefined(count, ifault);
       auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
       if (L.type == 7) {
+        SparseTranspose tr;
+        if (L.tstart != 0) {
+          auto ints = [&](i64 from, i64 len) {
+            return span<const int>(giv.integer.data() + from - 1, static_cast<std::size_t>(len));
+          };
+          tr.tstart = ints(L.tstart, L.size + 1);
+          tr.trow = ints(L.trow, L.ntrans);
+          tr.tpos = ints(L.tpos, L.ntrans);
+        }
         g5vvar(values, columns, count, i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,
                giv.integer.subspan(static_cast<std::size_t>(L.rowstart - 1), L.size + 1),
                giv.integer.subspan(static_cast<std::size_t>(L.colindex - 1)), 0,
-               giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size));
+               giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size), tr);
       } else if (L.type == 8) {
         put(values, columns, count, i, v * val(i));
       } else if (L.type == 9) {

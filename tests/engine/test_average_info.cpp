@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include <algorithm>
@@ -885,7 +886,11 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
   for (int i = 0; i < q; ++i)
     for (int j = 0; j < q; ++j) aflat[i * q + j] = A[i][j];
   const double ldA = vtest::log_abs_det(aflat, q);
-  for (int type : {9, 7}) {
+  // The sparse inverse with and without the transposed index of its lower
+  // triangle.
+  const std::pair<int, bool> cases[] = {{9, false}, {7, false}, {7, true}};
+  for (const auto& [type, transposed] : cases) {
+    SCOPED_TRACE(type * 10 + transposed);
     Model m = one_way(q, 2, sg, 1.0, true);
     vtest::Fit f;
     f.gammas = {1.0, sg};
@@ -906,6 +911,7 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
       }
       ints.insert(ints.end(), cols.begin(), cols.end());
       ints.insert(ints.end(), q, 0);  // cursors
+      if (transposed) vtest::append_transpose(ints, q);
     }
     f.givreal = {ldA};
     f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
+#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "console_capture.h"
@@ -519,8 +522,11 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
     if (i > 1) at(Ai, n, i, i - 1) = at(Ai, n, i - 1, i) = -0.7;
   }
   const double sigma = 2.0;
-  for (int type : {7, 8, 9, 17, 19}) {
-    SCOPED_TRACE(type);
+  // Type 7 with and without the transposed index of its lower triangle.
+  const std::pair<int, bool> cases[] = {{7, false}, {7, true}, {8, false}, {9, false},
+                                        {17, false}, {17, true}, {19, false}};
+  for (const auto& [type, transposed] : cases) {
+    SCOPED_TRACE(type * 10 + transposed);
     const int t = type % 10;
     Mat M = Ai;
     if (t == 8)
@@ -546,6 +552,7 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
       }
       ints.insert(ints.end(), cols.begin(), cols.end());
       ints.insert(ints.end(), n, 0);  // cursors
+      if (transposed) append_transpose(ints, n);
     }
     // The slot starts as the mark of an unknown log determinant.
     Fit f;
@@ -580,6 +587,108 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
   b.add_section(3, 1, -2, 1);
   EXPECT_EQ(b.run(), 1);
   EXPECT_EQ(b.ifault, 998);
+}
+
+// Rows of a random sparse symmetric matrix held by its lower triangle,
+// delivered with and without the transposed index: the same rows, equal to
+// the dense matrix, in any order with the index; a damaged index is caught.
+TEST(SparseKnownRows, TransposedIndexGivesTheSameRows) {
+  const int n = 30;
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  Mat M(n * n, 0.0);
+  for (int i = 1; i <= n; ++i) {
+    at(M, n, i, i) = i % 7 == 0 ? 0.0 : 3.0 + u(rng);  // an explicit zero diagonal too
+    for (int j = 1; j < i; ++j)
+      if (u(rng) > 0.75 || (i == n && j == 1)) at(M, n, i, j) = at(M, n, j, i) = u(rng);
+  }
+  std::vector<double> real{0.0};
+  std::vector<int> plain{1}, cols;
+  for (int i = 1; i <= n; ++i) {
+    for (int j = 1; j <= i; ++j)
+      if (at(M, n, i, j) != 0.0 || j == i) real.push_back(at(M, n, i, j)), cols.push_back(j);
+    plain.push_back(static_cast<int>(real.size()));
+  }
+  plain.insert(plain.end(), cols.begin(), cols.end());
+  plain.insert(plain.end(), n, 0);
+  std::vector<int> trans = plain;
+  append_transpose(trans, n);
+  const int nnz = static_cast<int>(cols.size());
+  const std::size_t cur = n + 1 + nnz, tstart = cur + n, trow = tstart + n + 1, tpos = trow + (nnz - n);
+
+  const double scale = 2.5;
+  std::vector<double> wk{scale};
+  WorkArray work(wk.data(), wk.size());
+  int tab[5] = {n, 7, 1, 1, 0};
+  int sr[15] = {n, 0, 1, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  auto table = [&](std::vector<int>& ints) {
+    GivTable g;
+    g.table = span<int>(tab, 5);
+    g.count = 1;
+    g.real = span<double>(real.data(), real.size());
+    g.integer = span<int>(ints.data(), ints.size());
+    return g;
+  };
+  // Row i as a dense row, and its column list.
+  auto row = [&](const GivTable& g, int i, std::vector<int>& cl) {
+    std::vector<double> v(n, 0.0);
+    std::vector<int> c(n, 0);
+    int count = 0, flt = 0;
+    const i64 rec[3] = {0, 0, 1};
+    i64 rn = i - 1;
+    EXPECT_EQ(g5vvrw(span<double>(v.data(), n), span<int>(c.data(), n), count, rn, n, rec, StrucRow{sr}, work,
+                     0, -1, g, 6, flt), 0);
+    cl.assign(c.begin(), c.begin() + count);
+    return v;
+  };
+  const GivTable gp = table(plain), gt = table(trans);
+  ASSERT_TRUE(sparse_giv_valid(gp, giv_layout(gp, 1)));
+  ASSERT_TRUE(sparse_giv_valid(gt, giv_layout(gt, 1)));
+  EXPECT_EQ(giv_layout(gp, 1).tstart, 0);
+  for (int i = 1; i <= n; ++i) {
+    std::vector<int> cp, ct;
+    const std::vector<double> vp = row(gp, i, cp), vt = row(gt, i, ct);
+    EXPECT_EQ(cp, ct) << i;
+    for (int j : ct) EXPECT_EQ(vt[j - 1], vp[j - 1]) << i << " " << j;
+  }
+  EXPECT_EQ(trans[cur], -1);  // the mark survives a walk
+  for (int i = n; i >= 1; --i) {
+    std::vector<int> ct;
+    const std::vector<double> vt = row(gt, i, ct);
+    std::vector<int> want;
+    for (int j = 1; j <= n; ++j)
+      if (at(M, n, i, j) != 0.0 || j == i) want.push_back(j);
+    EXPECT_EQ(ct, want) << i;
+    for (int j : ct) EXPECT_EQ(vt[j - 1], scale * at(M, n, i, j)) << i << " " << j;
+  }
+
+  // Damage: an unknown mark and a truncated store do not fit; rows out of
+  // range or order, positions off their column or on a diagonal, and
+  // column starts that do not add up are invalid.
+  int twoc = 0;  // a column with two rows below the diagonal
+  for (int c = 1; c <= n && !twoc; ++c)
+    if (trans[tstart + c] - trans[tstart + c - 1] >= 2) twoc = c;
+  ASSERT_GT(twoc, 0);
+  const std::size_t k2 = trow + trans[tstart + twoc - 1] - 1;  // its first entry
+  const int diag_of_row = plain[trans[k2] - 1 + 1] - 1;        // that row's diagonal
+  const std::vector<std::function<void(std::vector<int>&)>> damage = {
+      [&](std::vector<int>& a) { a[cur] = -2; },
+      [&](std::vector<int>& a) { a.pop_back(); },
+      [&](std::vector<int>& a) { a[tstart + n] += 1; },
+      [&](std::vector<int>& a) { a[trow] = n + 1; },
+      [&](std::vector<int>& a) { std::swap(a[k2], a[k2 + 1]); },
+      [&](std::vector<int>& a) { a[k2] = twoc; },
+      [&](std::vector<int>& a) { a[k2 - trow + tpos] = diag_of_row; },
+      [&](std::vector<int>& a) { std::swap(a[k2 - trow + tpos], a[k2 - trow + tpos + 1]); },
+      [&](std::vector<int>& a) { a[tstart + twoc] -= 1; a[tstart + twoc - 1] += 1; },
+      [&](std::vector<int>& a) { a[tstart] = 0; }};
+  for (std::size_t d = 0; d < damage.size(); ++d) {
+    std::vector<int> bad = trans;
+    damage[d](bad);
+    const GivTable gb = table(bad);
+    const GivLayout L = giv_layout(gb, 1);
+    EXPECT_FALSE(L.ok && sparse_giv_valid(gb, L)) << "damage " << d;
+  }
 }
 
 TEST(VarianceFormation, DebugPrintsTheStoredForms) {

@@ -147,4 +147,21 @@ Mat central_difference(const std::function<Mat(const std::vector<double>&)>& f,
   return a;
 }
 
+void append_transpose(std::vector<int>& ints, int n, std::size_t from) {
+  const int* rs = ints.data() + from;
+  const int nnz = rs[n] - 1;
+  const std::size_t col = from + n + 1, cur = col + nnz;
+  std::vector<int> tstart{1}, trow, tpos;
+  for (int c = 1; c <= n; ++c) {
+    for (int j = c + 1; j <= n; ++j)
+      for (int q = ints[from + j - 1]; q < ints[from + j]; ++q)
+        if (ints[col + q - 1] == c) trow.push_back(j), tpos.push_back(q);
+    tstart.push_back(static_cast<int>(trow.size()) + 1);
+  }
+  ints[cur] = -1;
+  ints.insert(ints.begin() + cur + n, tpos.begin(), tpos.end());
+  ints.insert(ints.begin() + cur + n, trow.begin(), trow.end());
+  ints.insert(ints.begin() + cur + n, tstart.begin(), tstart.end());
+}
+
 }  // namespace vtest

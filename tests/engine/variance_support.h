@@ -51,6 +51,12 @@ struct Fit {
   Mat Vinv(int s) { return rebuild(s, secform[s - 1].second()); }
 };
 
+// Appends to the integer store of a sparse lower triangle by rows of order
+// n (row starts, columns and cursor words from ints[from]) the transposed
+// index of its strict lower triangle, found by a plain search over all
+// rows, and marks it with -1 in the first cursor word.
+void append_transpose(std::vector<int>& ints, int n, std::size_t from = 0);
+
 // Central difference of a matrix function with respect to parameter p.
 Mat central_difference(const std::function<Mat(const std::vector<double>&)>& f,
                        std::vector<double> par, int p);

@@ -424,7 +424,11 @@ test_that("known matrices: levels matched by name, and clear errors for what can
   damage <- list(function(a) { a$lcainv[3] <- 1000000L; a },              # values past the store
                  function(a) { a$llainv[2] <- 1000000L; a },              # a row start past the store
                  function(a) { a$lcainv[1] <- 7L; a },                # order differs from the term's
-                 function(a) { a$lcainv[2] <- 5L; a })                # an unknown form
+                 function(a) { a$lcainv[2] <- 5L; a },                # an unknown form
+                 function(a) { n <- a$lcainv[1]; m <- a$llainv[n + 1L] - 1L
+                   a$llainv[n + 2L + m] <- -2L; a },                       # an unknown mark of the transposed index
+                 function(a) { a$llainv[length(a$llainv)] <- 1000000L; a }, # a transposed position past the store
+                 function(a) { k <- length(a$llainv); a$llainv[k] <- a$llainv[k - 1L]; a })  # a value listed twice
   for (k in seq_along(damage)) {
     bad <- struc
     bad$ainv <- damage[[k]](bad$ainv)
