@@ -180,7 +180,9 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     int nf = 0;
     g5vitr(a, it, iter, nf);
     st.ifault = nf;
-    if (nf == 6) {
+    // Out of workspace, in the equations (6) or while absorbing them
+    // (100000 + position): the host calls again with more.
+    if (nf == 6 || (nf > 100000 && nf <= 200000)) {
       st.runTrn = static_cast<double>(a.work.lenx[0]);
       return;
     }
