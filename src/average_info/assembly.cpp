@@ -9,6 +9,7 @@
 //   Z(p,p) = DD(p) - sum_k l(p,k) Z(p,k),
 // the sums over the columns k of row p.  Every Z(k,c) needed lies in row
 // max(k,c), since eliminating p filled row k with column c.
+#include <algorithm>
 #include <cmath>
 
 #include "average_info/ai_internal.h"
@@ -119,12 +120,131 @@ static bool singular_at(const AiPhaseArgs& a, i32 p) {
   return a.iw[2 * (e - 1)] < 0 || a.dd[p - 1] == 0.0;
 }
 
+// Rows of positions NDENSE+1..T laid out complete (every column 1..p at
+// slot start-(c-1)): the block that absorption filled in.  Returns T, or
+// NDENSE when there is no such row.
+static i32 complete_rows(const AiPhaseArgs& a) {
+  const MmeStore& st = *a.store;
+  Pool pl = st.pool();
+  i32 t = st.ndense;
+  for (i32 p = st.ndense + 1; p <= st.neq; ++p) {
+    i64 sl = packed_start(st, a.off, p);
+    if (sl < p || sl > pl.nval) break;
+    bool full = true;
+    for (i32 c = 1; c <= p && full; ++c) full = pl.col(sl - (c - 1)) == c;
+    if (!full) break;
+    t = p;
+  }
+  return t;
+}
+
+// The inverse on positions 2..top, where rows NDENSE+1..top are complete,
+// computed on a dense symmetric copy Z (n = top-1 square, index pos-2) in
+// `room`: the dense positions are copied in (already inverted), then the
+// complete rows follow in panels of NB.  For a panel P over the positions
+// A before it, Z(P,A) = -L(P,A) Z(A,A) - L(P,P) Z(P,A) (L strictly lower,
+// l(p,k) = a(p,k) DD(p)): the first term as row updates that read Z(A,A)
+// once per panel, the second row by row; then the panel's own columns and
+// diagonals as in the element recursion.  Singular positions keep zero rows
+// and columns (their multipliers are set to zero).  The result goes back
+// into the packed rows, column 1 cleared.  Returns false when `room` is too
+// small (nothing is changed then).
+static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
+  constexpr i32 NB = 16;
+  constexpr i64 CH = 256;
+  MmeStore& st = *a.store;
+  Pool pl = st.pool();
+  const i32 nd = st.ndense;
+  const i64 n = top - 1;
+  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n) return false;
+  double* Z = room.data();
+  double* lb = Z + n * n;
+  const double tiny = f32(1e-10);
+  auto z = [&](i32 p, i32 c) -> double& { return Z[static_cast<i64>(p - 2) * n + (c - 2)]; };
+  for (i32 k = 2; k <= nd; ++k)
+    for (i32 c = 2; c <= k; ++c) z(k, c) = z(c, k) = st.dense(k, c);
+  for (i32 p0 = nd + 1; p0 <= top; p0 += NB) {
+    const i32 p1 = std::min(top, p0 + NB - 1);
+    const i32 nb = p1 - p0 + 1;
+    const i64 na = p0 - 2;  // positions 2..p0-1
+    // Multipliers of the panel's rows, by column 2..p-1 (zero elsewhere).
+    for (i32 r = 0; r < nb; ++r) {
+      const i32 p = p0 + r;
+      double* l = lb + static_cast<i64>(r) * n;
+      for (i64 j = 0; j < n; ++j) l[j] = 0.0;
+      if (singular_at(a, p)) continue;
+      const double d = a.dd[p - 1];
+      const i64 sl = packed_start(st, a.off, p);
+      for (i32 c = 2; c < p; ++c) l[c - 2] = singular_at(a, c) ? 0.0 : pl.val(sl - (c - 1)) * d;
+    }
+    // Z(P,A) = -L(P,A) Z(A,A), by column chunks of A.
+    for (i64 j0 = 0; j0 < na; j0 += CH) {
+      const i64 j1 = std::min(na, j0 + CH);
+      for (i32 r = 0; r < nb; ++r) {
+        double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
+        for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
+      }
+      for (i64 k = 0; k < na; ++k) {
+        const double* zk = &Z[k * n];
+        for (i32 r = 0; r < nb; ++r) {
+          const double lk = lb[static_cast<i64>(r) * n + k];
+          if (lk == 0.0) continue;
+          double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
+          for (i64 j = j0; j < j1; ++j) g[j] -= lk * zk[j];
+        }
+      }
+    }
+    for (i32 r = 0; r < nb; ++r) {
+      const i32 p = p0 + r;
+      double* zp = &Z[static_cast<i64>(p - 2) * n];
+      const double* l = lb + static_cast<i64>(r) * n;
+      if (singular_at(a, p)) {
+        for (i64 j = 0; j < n; ++j) zp[j] = Z[j * n + (p - 2)] = 0.0;
+        continue;
+      }
+      for (i32 q = 0; q < r; ++q) {
+        const double lq = l[p0 - 2 + q];
+        if (lq == 0.0) continue;
+        const double* zq = &Z[static_cast<i64>(p0 - 2 + q) * n];
+        for (i64 j = 0; j < na; ++j) zp[j] -= lq * zq[j];
+      }
+      for (i32 c = p0; c < p; ++c) {
+        const double* zc = &Z[static_cast<i64>(c - 2) * n];
+        double v = 0.0;
+        for (i64 k = 0; k < na; ++k) v -= l[k] * zc[k];
+        for (i32 k = p0; k < p; ++k) v -= l[k - 2] * zc[k - 2];
+        zp[c - 2] = singular_at(a, c) ? 0.0 : v;
+      }
+      double zpp = a.dd[p - 1];
+      for (i32 c = 2; c < p; ++c) zpp -= l[c - 2] * zp[c - 2];
+      if (std::fabs(zpp / a.dd[p - 1]) < tiny) zpp = 0.0;
+      zp[p - 2] = zpp;
+      for (i32 c = 2; c < p; ++c) Z[static_cast<i64>(c - 2) * n + (p - 2)] = zp[c - 2];
+    }
+  }
+  for (i32 p = nd + 1; p <= top; ++p) {
+    const i64 sl = packed_start(st, a.off, p);
+    pl.val(sl) = 0.0;
+    for (i32 c = 2; c <= p; ++c) pl.val(sl - (c - 1)) = z(p, c);
+  }
+  return true;
+}
+
 // Overwrites the factor by the subset of its inverse.
 static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const double tiny = f32(1e-10);
+  // The filled-in block behind the dense positions goes through dense_tail
+  // when the free WVXP list room holds its square.
+  i32 top = complete_rows(a);
+  if (top - st.ndense < 32) top = st.ndense;
+  span<double> room(g_aistate.lists.w, g_aistate.lists.w ? 2 * g_aistate.lists.n : 0);
   for (i32 p = 2; p <= st.neq; ++p) {
+    if (p == st.ndense + 1 && top > st.ndense && dense_tail(a, top, room)) {
+      p = top;
+      continue;
+    }
     bool sing = singular_at(a, p);
     if (p <= st.ndense) {
       if (sing) {

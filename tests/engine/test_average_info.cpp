@@ -1003,3 +1003,75 @@ TEST(AverageInfoPipeline, OverallScaleOfACorrelationSection) {
     check_against_dense(m, b, r);
   }
 }
+
+namespace {
+
+// y = mu + f + a(i) + b(j) + e with every cell of 40 x 6 filled; f is a
+// fixed column equal to mu, so it takes no pivot.  With b absorbed first the
+// a block and the first b row fill in completely: the inverse on it comes
+// from the dense copy.
+Model crossed_full(int na, int nb) {
+  Model m;
+  m.neq = 1 + 2 + na + nb;
+  m.nlev = {2, na, nb};
+  m.tcode = {0, 2, 3};
+  m.gammas = {1.3, 0.4, 2.2};
+  m.rgmstr = {0, 0, 0};
+  m.wvcolumn = {1, 2, 3};
+  m.nwv = 3;
+  int ne = m.neq - 1;
+  m.ginv = zeros(ne, ne);
+  m.g = zeros(ne, ne);
+  m.dg.assign(3, zeros(ne, ne));
+  for (int k = 0; k < na; ++k) {
+    int e = 2 + k;
+    m.ginv[e][e] = 1 / 0.4, m.g[e][e] = 0.4, m.dg[1][e][e] = 1;
+  }
+  for (int k = 0; k < nb; ++k) {
+    int e = 2 + na + k;
+    m.ginv[e][e] = 1 / 2.2, m.g[e][e] = 2.2, m.dg[2][e][e] = 1;
+  }
+  unsigned s = 5;
+  for (int i = 0; i < na; ++i)
+    for (int j = 0; j < nb; ++j)
+      for (int rep = 0; rep < 1 + ((i * 7 + j) % 3 == 0); ++rep) {
+        s = s * 1103515245u + 12345u;
+        m.y.push_back(3.0 + 0.1 * i - 0.4 * j + ((s >> 8) % 1000) / 200.0);
+        m.rows.push_back({{2, 1.0}, {3, 1.0}, {4 + i, 1.0}, {4 + na + j, 1.0}});
+      }
+  return m;
+}
+
+}  // namespace
+
+TEST(AverageInfo, FilledBlockInverseMatchesDenseWithAndWithoutRoom) {
+  Model m = crossed_full(40, 6);
+  // Only the response dense: mu and its alias sit in the block too.
+  std::vector<int> perm = natural(m.neq);
+  Built b;
+  build(m, perm, 1, b);
+  ASSERT_TRUE(b.singular[2] || b.singular[3]);
+  const int sp = b.singular[2] ? 2 : 3;
+  PhaseRun r;
+  run(m, b, r);
+  ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+  check_against_dense(m, b, r);
+  check_inverse(m, b);
+  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(cinv_at(b.st, b.off, sp, p), 0.0);
+  // Column 1 of the inverse rows is cleared.
+  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(b.x[b.st.lssp + b.l[2 * (b.off + p - 1) + 1] - 1], 0.0);
+
+  // A work space too small for the dense copy: the element path, same result.
+  Built b2;
+  build(m, perm, 1, b2);
+  PhaseRun r2;
+  run(m, b2, r2, 0, 23000);
+  ASSERT_EQ(ai_phase(r2.a), 0) << r2.a.nfault;
+  check_inverse(m, b2);
+  for (int p = 2; p <= m.neq; ++p)
+    for (int q = 2; q <= p; ++q) {
+      const double want = cinv_at(b2.st, b2.off, p, q);
+      EXPECT_NEAR(cinv_at(b.st, b.off, p, q), want, 1e-12 * std::fabs(want))
+          << "C^-1 both paths " << p << " " << q;
+    }
+}
