@@ -8,11 +8,11 @@ suppressMessages(library(tarnel))
 suppressMessages(library(Matrix))
 
 # Arguments: individuals for tarnel (default 1,000,000) and for the side by
-# side with the peer (default 100,000: on the deep 1,000,000-individual
-# pedigree nadiv did not finish within 30 minutes).
+# side with the peer (default 30,000: on the deep 1,000,000-individual
+# pedigree nadiv did not finish within 30 minutes, nor within 10 at 100,000).
 args <- commandArgs(trailingOnly = TRUE)
 n_total <- if (length(args)) as.numeric(args[1]) else 1e6
-n_peer <- if (length(args) > 1) as.numeric(args[2]) else 1e5
+n_peer <- if (length(args) > 1) as.numeric(args[2]) else 3e4
 
 # 20,000 founders, then generations of 98,000: 500 sires chosen from the
 # males of the previous generation each mate with about 98 dams, and every
