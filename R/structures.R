@@ -625,7 +625,16 @@ build_struc <- function(model, table) {
   }
   # Residual sections.
   nrec <- table$nrecords
-  if (resid$kind == "identity") {
+  if (resid$kind == "identity" && model$weights_column > 0L) {
+    # Weights: R = sigma2 W^-1, with W the diagonal of the weights held as
+    # a known inverse (its log determinant found by the engine).
+    w <- table$data[, model$weights_column]
+    if (length(w) != nrec) tstop("the weights do not match the records")
+    known[[length(known) + 1L]] <- list(size = nrec, type = 8L, rank = 0L, real = c(0, as.double(w)),
+                                        integer = integer())
+    r <- new_section(list(order = nrec, model = -length(known), band = 0L), 0L, 0L, 0L)
+    nrsect <- matrix(c(nrec, 0L, r), 3L, 1L)
+  } else if (resid$kind == "identity") {
     nrsect <- matrix(c(nrec, 0L, 0L), 3L, 1L)
   } else if (resid$kind == "het") {
     f <- as.integer(structure_factor(model$data, resid$factor))

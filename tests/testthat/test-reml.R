@@ -461,3 +461,20 @@ test_that("an order kept in EQNORD.BIN serves a later fit of the same model", {
   expect_equal(f2$loglik, f1$loglik, tolerance = 1e-8)
   expect_equal(f2$varcomp$component, f1$varcomp$component, tolerance = 1e-6)
 })
+
+test_that("weights: R = sigma2 W^-1 against dense REML", {
+  set.seed(2); n <- 120
+  d <- data.frame(b = factor(sample(8, n, TRUE)), x = rnorm(n), w = runif(n, 0.5, 3))
+  d$y <- 1 + d$x + rnorm(8)[d$b] + rnorm(n) / sqrt(d$w)
+  fit <- tarnel(y ~ x, random = ~ b, data = d, weights = "w")
+  X <- model.matrix(~ x, d); Z <- model.matrix(~ b - 1, d)
+  nll <- function(th) {
+    if (any(th <= 0)) return(1e10)
+    V <- th[1] * tcrossprod(Z) + th[2] * diag(1 / d$w); Vi <- solve(V)
+    XVX <- t(X) %*% Vi %*% X; P <- Vi - Vi %*% X %*% solve(XVX) %*% t(X) %*% Vi
+    c(0.5 * (determinant(V)$modulus + determinant(XVX)$modulus + t(d$y) %*% P %*% d$y))
+  }
+  o <- optim(c(1, 1), nll, control = list(reltol = 1e-12))
+  expect_equal(unname(fit$varcomp[c("b", "residual"), "component"]), o$par, tolerance = 1e-4)
+  expect_equal(fit$loglik_standard, -o$value - 0.5 * (n - 2) * log(2 * pi), tolerance = 1e-6)
+})
