@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "control/driver.h"
+#include "control/run_helpers.h"
 #include "design/design.h"
 #include "host/console.h"
 #include "host/messages.h"
@@ -28,19 +29,6 @@ struct DriverState {
   i64 tupl = 0;
 };
 DriverState driver_state;
-
-void fault_exit(AiControlArgs& a) {
-  vprt("Fault %d\n", a.status.ifault);
-  cpflush();
-}
-
-void set_errtxt(AiControlArgs& a, const char* text) {
-  put_text(a.results.errtxt.data(), std::min<std::size_t>(a.results.errtxt.size(), 80), text);
-}
-
-int aiopt_at(const AiOptions& o, int k) {
-  return static_cast<std::size_t>(k) < o.aiopt.size() ? o.aiopt[k] : 0;
-}
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include "control/convergence.h"
 #include "control/driver.h"
 #include "control/iteration.h"
+#include "control/run_helpers.h"
 #include "average_info/average_info.h"
 #include "host/console.h"
 #include "host/messages.h"
@@ -15,19 +16,6 @@ namespace tarnel {
 
 namespace {
 
-int aiopt_at(const AiOptions& o, int k) {
-  return static_cast<std::size_t>(k) < o.aiopt.size() ? o.aiopt[k] : 0;
-}
-void aiopt_set(AiOptions& o, int k, int v) {
-  if (static_cast<std::size_t>(k) < o.aiopt.size()) o.aiopt[k] = v;
-}
-void set_errtxt(AiControlArgs& a, const char* text) {
-  put_text(a.results.errtxt.data(), std::min<std::size_t>(a.results.errtxt.size(), 80), text);
-}
-void fault_exit(AiControlArgs& a) {
-  vprt("Fault %d\n", a.status.ifault);
-  cpflush();
-}
 void text_exit(AiControlArgs& a) {
   errortext(a.status.ifault, a.results.errtxt.data(),
             std::min<std::size_t>(a.results.errtxt.size(), 80));

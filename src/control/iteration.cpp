@@ -1,12 +1,12 @@
 // One REML iteration: structures, equations, absorption, log-likelihood,
 // working variates and AI, scores, and the update of the parameters.
 #include "control/iteration.h"
+#include "control/run_helpers.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
-#include <vector>
 
 #include "average_info/average_info.h"
 #include "host/console.h"
@@ -45,19 +45,6 @@ struct Bump {
     return p;
   }
 };
-
-int aiopt_at(const AiOptions& o, int k) {
-  return static_cast<std::size_t>(k) < o.aiopt.size() ? o.aiopt[k] : 0;
-}
-void aiopt_set(AiOptions& o, int k, int v) {
-  if (static_cast<std::size_t>(k) < o.aiopt.size()) o.aiopt[k] = v;
-}
-double optvec_at(const AiOptions& o, int k) {
-  return static_cast<std::size_t>(k) < o.optvec.size() ? o.optvec[k] : 0.0;
-}
-void optvec_set(AiOptions& o, int k, double v) {
-  if (static_cast<std::size_t>(k) < o.optvec.size()) o.optvec[k] = v;
-}
 
 StrucRow struc_row(AiStructures& s, int r) {
   return StrucRow{s.struc.data() + static_cast<i64>(r - 1) * s.lstruc};
@@ -255,6 +242,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   const i64 upd_words = static_cast<i64>(g5vupd_work_words(nwv, ngamma, a.constraints.ngmcon)) +
                         static_cast<i64>(nwv) * (nwv + 1) + 16;
   double* updwork = bump.take(upd_words);
+  double* before = bump.take(ngamma);  // the parameters before the update
   double* aiinv = updwork + upd_words - (static_cast<i64>(nwv) * (nwv + 1) / 2 + 8);
   GTerm* gterms = reinterpret_cast<GTerm*>(bump.take((static_cast<i64>(nfactp) * sizeof(GTerm) + 7) / 8));
   StrucRow* grows = reinterpret_cast<StrucRow*>(bump.take(s.nstruc + 1));
@@ -656,7 +644,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   u.work = span<double>(updwork, static_cast<std::size_t>(upd_words - static_cast<i64>(nwv) * (nwv + 1) - 16));
   u.debug = o.debug != 0;
   const double scale_before = s.gammas[st.scalepos - 1];
-  std::vector<double> before(s.gammas.begin(), s.gammas.begin() + ngamma);
+  std::copy(s.gammas.begin(), s.gammas.begin() + ngamma, before);
   st.control.nmodified = 0;
   if (g5vupd(u, nfault)) return 1;
   if (st.profiled) s.gammas[st.scalepos - 1] = scale_before;
