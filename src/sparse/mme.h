@@ -55,6 +55,10 @@ struct OrderArgs {
   i64 peak = 0;               // out: highest working-pattern slot used
   i32 tail = 0;               // out: rows left to fill in as a block (full
                               // rows and rows where the ordering stopped)
+  i32 bitrows = -1;           // rows in selection at which the late bit-matrix
+                              // stage starts (-1: the default, 0: never)
+  i32 groups = 0;             // out: rows that joined a row group
+  i32 complements = 0;        // out: rows turned into complement form
 };
 
 // g5veor: main minimum-degree ordering (mode 3 adds delays for zero

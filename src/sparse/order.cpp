@@ -6,6 +6,14 @@
 // word is a sentinel and whose link starts the chain; the chain holds the
 // sparse neighbours of e (both triangles) by ascending equation number.
 // Dense columns are not part of the pattern: they fill in anyway.
+//
+// A row that holds more than half of the rows still in selection is kept in
+// complement form: its head's column word says so, and its chain lists the
+// rows in selection it does NOT touch.  Rows that become indistinguishable
+// (the same rows around them, themselves included) form a group: the head
+// stands for all of them, with the weight of its members in every length,
+// and the members are parked just above the rows in selection (positions
+// NEMID+1 to NETOP) until their head is eliminated or dropped.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -19,7 +27,8 @@ namespace tarnel {
 
 namespace {
 
-constexpr i32 kSentinel = -2;
+constexpr i32 kSentinel = -2;    // head of a row in normal form
+constexpr i32 kComplement = -3;  // head of a row in complement form
 // Set bits of a word (no processor instruction is assumed).
 inline i32 popcount32(std::uint32_t v) {
   v = v - ((v >> 1) & 0x55555555u);
@@ -83,11 +92,46 @@ struct Ord {
 
   std::uint32_t* brow(i32 e) { return bits + static_cast<i64>(eq2idx[e - nd - 1]) * nw; }
 
+  bool comp(i32 e) { return WC(head(e)) == kComplement; }
+
+  // Nesting: a block of equations in a direct-product layout whose rows of
+  // one level of the larger factor are eliminated one after the other.
+  bool nestact = false;
+  i32 nfirst = 0, nd1 = 0, nd2 = 0;
+  i64 nlen = 0;
+  i32 lastlev = -1;  // level of the nested row eliminated last, or -1
+  bool in_nest(i32 e) const { return nestact && e >= nfirst && e - nfirst < nlen; }
+  i32 nest_level(i32 e) const {
+    const i64 off = e - nfirst;
+    return static_cast<i32>(nd2 >= nd1 ? off % nd2 : off / nd2);
+  }
+
+  // The rows in selection that e touches, ascending by equation, into out.
+  // Chain stage only.
+  i32 neighbours(i32 e, i32* out) {
+    i32 n = 0;
+    if (!comp(e)) {
+      for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
+        const i32 c = WC(s);
+        if (c != e && active(c)) out[n++] = c;
+      }
+      return n;
+    }
+    --stamp;
+    for (i64 s = WL(head(e)); s > 0; s = WL(s)) tmp2[WC(s) - 1] = stamp;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      const i32 c = IW2(q);
+      if (c != e && tmp2[c - 1] != stamp) out[n++] = c;
+    }
+    std::sort(out, out + n);
+    return n;
+  }
+
   // Builds the matrix when the rows in selection are few and the room
   // suffices; otherwise leaves the chains in charge.
   void enter_bitmode() {
     const i32 m = nemid - nebot + 1;
-    if (m < 1 || m > kBitRows) return;
+    if (m < 1 || m > (a.bitrows > 0 ? a.bitrows : kBitRows)) return;
     const i32 w = (m + 31) / 32;
     const i64 ints = static_cast<i64>(m) + (neq - nd) + w + static_cast<i64>(m + 1) * w;
     if (next + ints / 2 + 2 > maxlx) return;
@@ -111,11 +155,20 @@ struct Ord {
       const i32 e = idx2eq[b];
       if (GRP2(e) > 0) grouped = true;
       std::uint32_t* r = bits + static_cast<i64>(b) * w;
+      if (comp(e)) {
+        // Every row in selection but the listed ones and e itself.
+        for (i32 k = 0; k < w; ++k) r[k] = ~std::uint32_t(0);
+        if (m & 31) r[w - 1] = (std::uint32_t(1) << (m & 31)) - 1;
+        r[b >> 5] &= ~(std::uint32_t(1) << (b & 31));
+      }
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
         if (c > nd && c <= neq && active(c)) {
           const i32 ic = eq2idx[c - nd - 1];
-          r[ic >> 5] |= std::uint32_t(1) << (ic & 31);
+          if (comp(e))
+            r[ic >> 5] &= ~(std::uint32_t(1) << (ic & 31));
+          else
+            r[ic >> 5] |= std::uint32_t(1) << (ic & 31);
         }
       }
     }
@@ -171,6 +224,8 @@ struct Ord {
     return q >= nebot && q <= nemid;
   }
   i32 weight(i32 e) { return 1 + (GRP2(e) > 0 ? GRP2(e) : 0); }
+  // Length for selection: a group head counts as one row.
+  i32 eff(i32 e) { return ISZ1(e) - (GRP2(e) > 0 ? GRP2(e) : 0); }
 
   void swap_pos(i32 p, i32 q) {
     if (p == q) return;
@@ -190,16 +245,90 @@ struct Ord {
     // The neighbours lose this row from their length.  Their elements of it
     // stay in place: a row outside selection is never collected again, and
     // unlinking would cost a walk of each neighbour.
-    if (ISZ1(e) > 1 && bitmode) {
-      const i32 n = collect_bits(e);
+    if (ISZ1(e) > 1) {
+      const i32 n = bitmode ? collect_bits(e) : neighbours(e, tmp);
       for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
-    } else if (ISZ1(e) > 1) {
-      for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
-        const i32 c = WC(s);
-        if (active(c)) ISZ1(c) -= w;
-      }
     }
     DLY1(e) = -1;
+    // The members follow their head: each is brought back from the parked
+    // range to the end of selection, then down to NEBOT.
+    for (i32 m = GRP1(e); GRP2(e) > 0 && m != 0; m = GRP1(m)) {
+      swap_pos(IW1(m), nemid + 1);
+      ++nemid;
+      swap_pos(nemid, nebot);
+      ++nebot;
+      DLY1(m) = -1;
+    }
+    if (GRP2(e) > 0) GRP2(e) = 0;
+  }
+
+  // g5veiv: turns row c into complement form: its chain then lists the rows
+  // in selection that c does not touch.  Result 1 when slots run out.
+  int g5veiv(i32 c) {
+    --stamp;
+    for (i64 s = WL(head(c)); s > 0; s = WL(s)) tmp2[WC(s) - 1] = stamp;
+    // The rows it misses, ascending, in the second half of tmp (the first
+    // half holds the caller's list, at most half of the rows in selection).
+    i32* miss = tmp + (neq + 1) / 2;
+    i32 nm = 0;
+    for (i32 q = nebot; q <= nemid; ++q) {
+      const i32 x = IW2(q);
+      if (x == c || tmp2[x - 1] == stamp) continue;
+      if (nm >= neq - (neq + 1) / 2) return 0;  // not short enough: stays as it is
+      miss[nm++] = x;
+    }
+    std::sort(miss, miss + nm);
+    i64 first = 0, last = 0;
+    for (i32 k = 0; k < nm; ++k) {
+      const i32 x = miss[k];
+      const i64 t = take();
+      if (t == 0) {
+        // Give back what was taken; the row stays as it was.
+        for (i64 u = first; u > 0;) {
+          const i64 nx = WL(u);
+          give(u);
+          u = nx;
+        }
+        return 1;
+      }
+      WC(t) = x;
+      WL(t) = 0;
+      if (last) WL(last) = static_cast<i32>(t);
+      else first = t;
+      last = t;
+    }
+    for (i64 s = WL(head(c)); s > 0;) {
+      const i64 nx = WL(s);
+      give(s);
+      s = nx;
+    }
+    WL(head(c)) = static_cast<i32>(first);
+    WC(head(c)) = kComplement;
+    ++a.complements;
+    return 0;
+  }
+
+  // Merge into a row in complement form: each listed row that the chain
+  // names as untouched is touched now, so it leaves the chain.
+  void g5vell_complement(i32 c, const i32* list, i32 n) {
+    i64 prev = head(c), s = WL(prev);
+    i32 k = 0;
+    while (k < n && s > 0) {
+      const i32 cs = WC(s), cl = list[k];
+      if (cl == c || cl < cs) {
+        ++k;
+      } else if (cs < cl) {
+        prev = s;
+        s = WL(s);
+      } else {
+        const i64 nx = WL(s);
+        WL(prev) = static_cast<i32>(nx);
+        give(s);
+        s = nx;
+        ISZ1(c) += weight(cl);
+        ++k;
+      }
+    }
   }
 
   // g5vell: merges the sorted list into row c, removing the eliminated row
@@ -253,7 +382,9 @@ struct Ord {
     const i32 e = IW2(inn);
     const i32 w = weight(e);
     swap_pos(inn, netop);
-    fill += ISZ1(e);
+    // The group's rows are eliminated one after the other: each has one
+    // element fewer than the one before.
+    for (i32 k = 0; k < w; ++k) fill += ISZ1(e) - k;
     if (bitmode) {
       const i32 n = collect_bits(e);
       for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
@@ -288,29 +419,35 @@ struct Ord {
       DLY1(e) = -1;
       return 0;
     }
-    i32 n = 0;
-    for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
-      const i32 c = WC(s);
-      if (!active(c)) continue;
-      tmp[n++] = c;
-      ISZ1(c) -= w;
-    }
+    const i32 n = neighbours(e, tmp);
+    for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
     // Free the chain.
     i64 s = WL(head(e));
     WL(head(e)) = 0;
+    WC(head(e)) = kSentinel;
     while (s > 0) {
       const i64 nx = WL(s);
       give(s);
       s = nx;
     }
-    for (i32 k = 0; k < n; ++k)
-      if (g5vell(tmp[k], tmp, n, e)) return 1;
+    const i32 left = netop - nebot;  // equations in selection after this one
+    for (i32 k = 0; k < n; ++k) {
+      const i32 c = tmp[k];
+      // A row about to hold more than half of what is left is cheaper to
+      // keep as the list of what it misses.
+      if (!comp(c) && 2 * ISZ1(c) > left + 1 && n <= (neq + 1) / 2 && g5veiv(c)) {
+        if (a.err) *a.err = 1111;
+        return 1;
+      }
+      if (comp(c)) {
+        g5vell_complement(c, tmp, n);
+      } else if (g5vell(c, tmp, n, e)) {
+        return 1;
+      }
+    }
     DLY1(e) = -1;
     return 0;
   }
-
-  // g5veiv would turn a long row into complement form; rows here stay in
-  // normal form, and a row that becomes full leaves selection instead.
 
   // Fill count of eliminating e now: pairs of neighbours not yet joined.
   i64 countrow(i32 e) {
@@ -325,18 +462,17 @@ struct Ord {
       }
       return missing / 2;
     }
-    i32 n = 0;
+    const i32 n = neighbours(e, tmp);
     --stamp;  // negative marks never meet the sort's bucket positions
-    for (i64 s = WL(head(e)); s > 0; s = WL(s))
-      if (active(WC(s))) tmp[n++] = WC(s);
+    for (i32 j = 0; j < n; ++j) tmp2[tmp[j] - 1] = stamp;
     i64 missing = 0;
     for (i32 k = 0; k < n; ++k) {
       const i32 c = tmp[k];
-      for (i32 j = 0; j < n; ++j) tmp2[tmp[j] - 1] = stamp;
-      i32 have = 0;
+      i32 listed = 0;
       for (i64 s = WL(head(c)); s > 0; s = WL(s))
-        if (tmp2[WC(s) - 1] == stamp) ++have;
-      missing += (n - 1) - have;
+        if (WC(s) != c && tmp2[WC(s) - 1] == stamp) ++listed;
+      // A complement row lists the neighbours it lacks.
+      missing += comp(c) ? listed : (n - 1) - listed;
     }
     return missing / 2;
   }
@@ -388,12 +524,12 @@ struct Ord {
     if (hi < lo) return;
     i32 maxlen = 0;
     for (i32 p = lo; p <= hi; ++p) {
-      const i32 l = ISZ1(IW2(p));
+      const i32 l = eff(IW2(p));
       if (l > maxlen) maxlen = l;
     }
     // Bucket counts in tmp2[0..maxlen].
     for (i32 l = 0; l <= maxlen; ++l) tmp2[l] = 0;
-    for (i32 p = lo; p <= hi; ++p) ++tmp2[ISZ1(IW2(p))];
+    for (i32 p = lo; p <= hi; ++p) ++tmp2[eff(IW2(p))];
     // Start positions: shortest length at the top.
     i32 at = hi;
     for (i32 l = 0; l <= maxlen; ++l) {
@@ -404,10 +540,86 @@ struct Ord {
     for (i32 p = lo; p <= hi; ++p) tmp[p - lo] = IW2(p);
     for (i32 k = 0; k <= hi - lo; ++k) {
       const i32 e = tmp[k];
-      const i32 q = tmp2[ISZ1(e)]--;
+      const i32 q = tmp2[eff(e)]--;
       IW2(q) = e;
       IW1(e) = q;
     }
+  }
+
+  // Are e and c (neighbours) touched by the same rows in selection, each
+  // other aside?  Both chains are in normal form and ascend.
+  bool same_rows(i32 e, i32 c) {
+    i64 s = WL(head(e)), t = WL(head(c));
+    while (true) {
+      while (s > 0 && (WC(s) == c || !active(WC(s)))) s = WL(s);
+      while (t > 0 && (WC(t) == e || !active(WC(t)))) t = WL(t);
+      if (s <= 0 || t <= 0) return s <= 0 && t <= 0;
+      if (WC(s) != WC(t)) return false;
+      s = WL(s);
+      t = WL(t);
+    }
+  }
+
+  // setgrps: rows indistinguishable from a neighbour join its group; the
+  // members are then parked above NEMID.  Existing groups are kept: rows
+  // that are alike stay alike as others are eliminated.  Result: joins.
+  i32 setgrps() {
+    // A cheap signature per row (a sum over the rows around it and itself)
+    // so that only rows with equal lengths and signatures are compared.
+    for (i32 p = nebot; p <= nemid; ++p) {
+      const i32 e = IW2(p);
+      std::uint32_t h = static_cast<std::uint32_t>(e) * 0x9E3779B1u;
+      if (!comp(e))
+        for (i64 s = WL(head(e)); s > 0; s = WL(s))
+          if (active(WC(s))) h += static_cast<std::uint32_t>(WC(s)) * 0x9E3779B1u;
+      ISZ2(e) = static_cast<i32>(h);
+    }
+    i32 joins = 0;
+    for (i32 p = nemid; p >= nebot; --p) {
+      const i32 e = IW2(p);
+      if (GRP2(e) < 0 || DLY2(e) == 1 || comp(e) || eff(e) <= 3) continue;
+      for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
+        const i32 c = WC(s);
+        if (c == e || !active(c) || GRP2(c) != 0 || DLY2(c) == 1 || comp(c)) continue;
+        if (ISZ1(c) != ISZ1(e) || ISZ2(c) != ISZ2(e) || !same_rows(e, c)) continue;
+        GRP1(c) = GRP2(e) > 0 ? GRP1(e) : 0;
+        GRP1(e) = c;
+        GRP2(e) += 1;
+        GRP2(c) = -e;
+        if (a.trace && joins < 130) vprt(" %d joins %d\n", c, e);
+        ++joins;
+      }
+    }
+    if (joins == 0) return 0;
+    // Park the members (their chains are no longer needed) just above the
+    // rows in selection.
+    for (i32 q = nemid; q >= nebot; --q) {
+      const i32 m = IW2(q);
+      if (GRP2(m) >= 0) continue;
+      for (i64 s = WL(head(m)); s > 0;) {
+        const i64 nx = WL(s);
+        give(s);
+        s = nx;
+      }
+      WL(head(m)) = 0;
+      swap_pos(q, nemid);
+      --nemid;
+    }
+    if (a.trace) vprt(" %d groups\n", joins);
+    a.groups += joins;
+    return joins;
+  }
+
+  // Places the members of the group of e, just eliminated at NETOP+1, at
+  // the next positions down.
+  void place_members(i32 e) {
+    if (GRP2(e) <= 0) return;
+    for (i32 m = GRP1(e); m != 0; m = GRP1(m)) {
+      swap_pos(IW1(m), netop);
+      --netop;
+      DLY1(m) = -1;
+    }
+    GRP2(e) = 0;
   }
 };
 
@@ -460,10 +672,9 @@ int order_main(OrderArgs& a, int variant) {
       }
     }
   }
-  if (o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0)
-    g5verror(" Row groups in ordering not available yet: rows ordered one by one", 1);
-  if (a.nest[1] * a.nest[2] != 0)
-    g5verror(" Nested ordering not available yet: ordinary selection used", 2);
+  const bool groups_wanted = o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0;
+  a.groups = 0;
+  a.complements = 0;
 
   for (i64 k = 0; k < need; ++k) a.work[k] = 0;
   // Positions: dense fixed; empty rows to the top.
@@ -559,12 +770,76 @@ int order_main(OrderArgs& a, int variant) {
     if (a.trace) vprt(" Priority equations %d\n", np);
   }
 
+  // setnest: the block of a direct product whose rows of one level of the
+  // larger factor are to be eliminated together.
+  if (static_cast<i64>(a.nest[1]) * a.nest[2] != 0) {
+    const i64 first = static_cast<i64>(a.nest[0]) + 1;
+    const i64 len = static_cast<i64>(a.nest[1]) * a.nest[2];
+    if (a.trace) vprt("!EQO3a %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
+    if (a.nest[1] < 1 || a.nest[2] < 1 || first <= nd || first + len - 1 > neq) {
+      vprt("NESTEQ Error %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
+      g5verror(" Nesting record does not fit the equations: ordinary selection used", 2);
+    } else {
+      o.nestact = true;
+      o.nfirst = static_cast<i32>(first);
+      o.nd1 = a.nest[1];
+      o.nd2 = a.nest[2];
+      o.nlen = len;
+      if (a.trace) vprt("!EQO3z %d %lld\n", o.nfirst, static_cast<long long>(o.nlen));
+    }
+  }
+
   // Passes.
   i32 lenhi = 0;
   int idle = 0;
   i64 laid = o.relayout();
   if (laid < 0) laid = o.next;
+  i64 since_groups = -1;  // eliminations since the last search for groups
+  // Eliminates the row at position q (in selection) with its group.
+  // Result 1 on failure.
+  auto eliminate = [&](i32 q) -> int {
+    const i32 e = o.IW2(q);
+    o.swap_pos(q, o.nemid);
+    const i32 inn = o.nemid;
+    if (o.g5veab(inn)) {
+      if (a.trace) vprt("EQABORT %d %d %d\n", o.nebot, inn, o.nemid);
+      return 1;
+    }
+    --o.nemid;
+    --o.netop;
+    o.place_members(e);
+    if (since_groups >= 0) ++since_groups;
+    o.lastlev = o.in_nest(e) ? o.nest_level(e) : -1;
+    return 0;
+  };
+  // The nesting rule: after a row of the nested block, the nearest row in
+  // selection of the same level goes next.  Result 1 on failure.
+  auto follow_nest = [&]() -> int {
+    while (o.nestact && o.lastlev >= 0 && o.nemid > o.nebot + 1) {
+      i32 q = o.nemid;
+      for (; q >= o.nebot; --q) {
+        const i32 f = o.IW2(q);
+        if (o.in_nest(f) && o.nest_level(f) == o.lastlev && o.DLY2(f) != 1 &&
+            o.ISZ1(f) < o.netop - o.nebot + 1)
+          break;
+      }
+      if (q < o.nebot) {
+        if (a.trace) vprt("NESTGP %d\n", o.lastlev);
+        o.lastlev = -1;
+        break;
+      }
+      if (a.trace) vprt("EQ4b %d %d\n", o.IW2(q), o.lastlev);
+      if (eliminate(q)) return 1;
+    }
+    return 0;
+  };
   while (o.nemid > o.nebot) {
+    // The nesting rule holds while rows of the block are left.
+    if (o.nestact) {
+      bool left = false;
+      for (i32 p = o.nebot; p <= o.netop && !left; ++p) left = o.in_nest(o.IW2(p));
+      if (!left) o.nestact = false;
+    }
     // Delay release: a delayed row is freed once one of its neighbours in
     // the store's own pattern has been eliminated.
     if (delays) {
@@ -589,7 +864,15 @@ int order_main(OrderArgs& a, int variant) {
       }
       if (!any) delays = false;
     }
-    if (!o.bitmode) o.enter_bitmode();
+    // Row groups, while the rows are still held in chains.  The search
+    // costs a walk of every chain, so it runs again only once a good part
+    // of the rows in selection has been eliminated since the last one.
+    if (groups_wanted && !o.nestact && !o.bitmode &&
+        (since_groups < 0 || since_groups > (o.nemid - o.nebot + 1) / 8)) {
+      o.setgrps();
+      since_groups = 0;
+    }
+    if (!o.bitmode && (a.bitrows != 0)) o.enter_bitmode();
     if (!o.bitmode && o.taken > laid / 2 + 50000) {
       const i64 l2 = o.relayout();
       laid = l2 >= 0 ? l2 : laid * 2;
@@ -602,6 +885,7 @@ int order_main(OrderArgs& a, int variant) {
            o.DLY2(o.IW2(o.nemid)) != 1) {
       o.fill += 1;
       o.DLY1(o.IW2(o.nemid)) = -1;
+      o.swap_pos(o.nemid, o.netop);  // past any parked group members
       --o.nemid;
       --o.netop;
     }
@@ -611,14 +895,16 @@ int order_main(OrderArgs& a, int variant) {
     i32 k = std::max<i32>(200, nfree / 20);
     if (k > nfree / 2) k = nfree / 2;
     const i32 kk = o.nemid - k;
-    const i32 minlen = o.ISZ1(o.IW2(o.nemid));
+    const i32 minlen = o.eff(o.IW2(o.nemid));
     i32 lenlo = minlen + 1;
     const float sq = std::sqrt(0.9f * static_cast<float>(minlen));
-    lenhi = std::max({o.ISZ1(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
+    lenhi = std::max({o.eff(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
                       minlen + 1 + static_cast<i32>(std::lround(sq))});
     if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
     // Rows long against what is left fill in anyway: stop ordering.
-    if (lenlo > (o.nemid - o.nebot + 1) / 3 + 1) break;
+    // (Lengths count group members, so they are set against all the
+    // equations still to be placed, parked members included.)
+    if (lenlo > (o.netop - o.nebot + 1) / 3 + 1) break;
     bool chose = false;
     bool stop = false;
     while (true) {
@@ -628,12 +914,12 @@ int order_main(OrderArgs& a, int variant) {
       bool chosen_now = false;
       for (i32 p = o.nemid; p >= o.nebot && p <= o.nemid;) {
         const i32 e = o.IW2(p);
-        const i32 len = o.ISZ1(e);
-        if (len >= o.netop - o.nebot + 1) {
+        if (o.ISZ1(e) >= o.netop - o.nebot + 1) {
           o.g5vedr(p);
-          if (p < o.nebot) break;
+          if (p < o.nebot || p > o.nemid) break;
           continue;
         }
+        const i32 len = o.eff(e);
         if (len > lenlo || o.DLY2(e) == 1) {
           ++count;
           sum += std::min(len, lenlo + 8);
@@ -650,26 +936,27 @@ int order_main(OrderArgs& a, int variant) {
           const i32 depth = std::max<i32>(1, std::min<i32>(10, (o.nemid - o.nebot) / 20));
           for (i32 q = p - 1; q >= o.nebot && q >= p - depth && best > 0; --q) {
             const i32 f = o.IW2(q);
-            if (o.ISZ1(f) > lenlo || o.DLY2(f) == 1) continue;
+            if (o.eff(f) > lenlo || o.DLY2(f) == 1) continue;
             const i64 cf = o.countrow(f);
-            if (cf < best || (cf == best && o.ISZ1(f) < o.ISZ1(o.IW2(pick)))) {
+            if (cf < best || (cf == best && o.eff(f) < o.eff(o.IW2(pick)))) {
               best = cf;
               pick = q;
             }
           }
         } else if (p - 5 >= o.nebot) {
+          // Five rows down, a strictly better row replaces the choice:
+          // shorter; at equal length the lower equation when neither is
+          // a group, the larger group when both are.
           const i32 f = o.IW2(p - 5);
-          if (o.DLY2(f) != 1 && (o.ISZ1(f) < len || (o.ISZ1(f) == len && f < e))) pick = p - 5;
+          const i32 lf = o.eff(f), gf = o.GRP2(f), ge = o.GRP2(e);
+          bool better = lf < len;
+          if (lf == len) better = (gf > 0 && ge > 0) ? gf > ge : (gf <= 0 && ge <= 0 && f < e);
+          if (o.DLY2(f) != 1 && o.ISZ1(f) < o.netop - o.nebot + 1 && better) pick = p - 5;
         }
-        o.swap_pos(pick, o.nemid);
-        const i32 inn = o.nemid;
-        if (o.g5veab(inn)) {
-          if (a.trace) vprt("EQABORT %d %d %d\n", o.nebot, inn, o.nemid);
+        if (eliminate(pick) || follow_nest()) {
           err = 7;
           return 1;
         }
-        --o.nemid;
-        --o.netop;
         chosen_now = true;
         chose = true;
         limit = count + 12;
