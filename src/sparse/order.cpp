@@ -226,6 +226,11 @@ struct Ord {
   i32 weight(i32 e) { return 1 + (GRP2(e) > 0 ? GRP2(e) : 0); }
   // Length for selection: a group head counts as one row.
   i32 eff(i32 e) { return ISZ1(e) - (GRP2(e) > 0 ? GRP2(e) : 0); }
+  // Length for the sort: rows held back sort as nearly full.
+  i32 sortlen(i32 e) {
+    if (DLY2(e) > 0 && GRP2(e) <= 0) return std::max(eff(e), netop - nebot + 1 - DLY2(e));
+    return eff(e);
+  }
 
   void swap_pos(i32 p, i32 q) {
     if (p == q) return;
@@ -524,12 +529,12 @@ struct Ord {
     if (hi < lo) return;
     i32 maxlen = 0;
     for (i32 p = lo; p <= hi; ++p) {
-      const i32 l = eff(IW2(p));
+      const i32 l = sortlen(IW2(p));
       if (l > maxlen) maxlen = l;
     }
     // Bucket counts in tmp2[0..maxlen].
     for (i32 l = 0; l <= maxlen; ++l) tmp2[l] = 0;
-    for (i32 p = lo; p <= hi; ++p) ++tmp2[eff(IW2(p))];
+    for (i32 p = lo; p <= hi; ++p) ++tmp2[sortlen(IW2(p))];
     // Start positions: shortest length at the top.
     i32 at = hi;
     for (i32 l = 0; l <= maxlen; ++l) {
@@ -540,7 +545,7 @@ struct Ord {
     for (i32 p = lo; p <= hi; ++p) tmp[p - lo] = IW2(p);
     for (i32 k = 0; k <= hi - lo; ++k) {
       const i32 e = tmp[k];
-      const i32 q = tmp2[eff(e)]--;
+      const i32 q = tmp2[sortlen(e)]--;
       IW2(q) = e;
       IW1(e) = q;
     }
@@ -733,7 +738,7 @@ int order_main(OrderArgs& a, int variant) {
         o.WL(o.ISZ2(row)) = static_cast<i32>(t);
         o.ISZ2(row) = static_cast<i32>(t);
         o.ISZ1(row) += 1;
-        if (side == 0 && pool.val(s) == 0.0) o.DLY1(row) += 1;
+        if (pool.val(s) == 0.0) o.DLY1(row) += 1;  // zero-valued elements
       }
     }
   }
@@ -741,19 +746,61 @@ int order_main(OrderArgs& a, int variant) {
   // its lower columns when r is visited and its upper columns later, so each
   // chain ascends.
 
-  // Delays for zero diagonals (mode 3).
+  // Delays (mode 3).  A row with zero-valued elements is of a constraint
+  // kind.  When it would add fill (a neighbour is shorter, or its columns
+  // are not all in its first longer neighbour) it is held back ("Filins"):
+  // its length is kept and it is sorted as nearly full.  A zero diagonal
+  // keeps the row out of selection until a neighbour has been eliminated.
   bool delays = false;
-  for (i32 e = nd + 1; e <= neq; ++e) {
-    o.DLY1(e) = 0;
-    o.DLY2(e) = 0;
-  }
   if (o.mo == 3) {
     for (i32 e = nd + 1; e <= neq; ++e) {
+      const i64 h = e - nd;
+      i32 zeros = o.DLY1(e);
+      o.DLY1(e) = 0;
+      o.DLY2(e) = 0;
+      if (pool.lnk(h) == -1 || pool.col(h) == 0) {
+        o.DLY1(e) = -1;
+        continue;
+      }
       const i64 d = g5vxii(e, pool, nd, 0);
-      if (d > 0 && pool.val(d) == 0.0 && o.ISZ1(e) > 1) {
+      const double diag = d > 0 ? pool.val(d) : 0.0;
+      if (diag == 0.0) ++zeros;
+      if (zeros == 0 || o.ISZ1(e) < 4) continue;
+      i32 longer = 0;
+      bool shorter = false;
+      for (i64 t = o.WL(o.head(e)); t > 0 && !shorter; t = o.WL(t)) {
+        const i32 c = o.WC(t);
+        if (o.ISZ1(c) < o.ISZ1(e)) shorter = true;
+        else if (longer == 0 && o.ISZ1(c) > o.ISZ1(e)) longer = c;
+      }
+      i32 outside = 0;  // columns of e missing from the longer neighbour
+      if (!shorter && longer != 0) {
+        i64 u = o.WL(o.head(longer));
+        for (i64 t = o.WL(o.head(e)); t > 0; t = o.WL(t)) {
+          const i32 c = o.WC(t);
+          if (c == longer) continue;
+          while (u > 0 && o.WC(u) < c) u = o.WL(u);
+          if (u <= 0 || o.WC(u) != c) ++outside;
+        }
+      }
+      if (shorter || longer == 0 || outside > 0) {
+        if (a.trace) vprt("Filins %d %d %d\n", e, o.ISZ1(e), outside);
+        o.DLY1(e) = o.ISZ1(e);
+        o.DLY2(e) = 3;
+      }
+      if (diag == 0.0 && o.ISZ1(e) > 1) {
+        o.DLY1(e) = o.ISZ1(e);  // a change of length tells of a neighbour gone
         o.DLY2(e) = 1;
         delays = true;
+      } else if (diag < 0.0) {
+        o.DLY1(e) = 0;
+        o.DLY2(e) = 0;
       }
+    }
+  } else {
+    for (i32 e = nd + 1; e <= neq; ++e) {
+      o.DLY1(e) = 0;
+      o.DLY2(e) = 0;
     }
   }
 
@@ -840,13 +887,18 @@ int order_main(OrderArgs& a, int variant) {
       for (i32 p = o.nebot; p <= o.netop && !left; ++p) left = o.in_nest(o.IW2(p));
       if (!left) o.nestact = false;
     }
-    // Delay release: a delayed row is freed once one of its neighbours in
-    // the store's own pattern has been eliminated.
+    // Delay release: a delayed row whose length has changed has lost a
+    // neighbour; it is freed once one of the lower columns of its row in
+    // the store has been eliminated, or when it has none.
     if (delays) {
       bool any = false;
       for (i32 p = o.nebot; p <= o.nemid; ++p) {
         const i32 e = o.IW2(p);
         if (o.DLY2(e) != 1) continue;
+        if (o.ISZ1(e) == o.DLY1(e)) {
+          any = true;
+          continue;
+        }
         bool release = true;
         for (i64 s = e - nd; s > 0; s = pool.lnk(s)) {
           const i32 c = pool.col(s);
@@ -920,7 +972,7 @@ int order_main(OrderArgs& a, int variant) {
           continue;
         }
         const i32 len = o.eff(e);
-        if (len > lenlo || o.DLY2(e) == 1) {
+        if (len > lenlo || o.DLY2(e) == 1 || (o.DLY2(e) == 3 && 2 * o.DLY1(e) >= lenlo)) {
           ++count;
           sum += std::min(len, lenlo + 8);
           if (len < minpass) minpass = len;
@@ -951,7 +1003,8 @@ int order_main(OrderArgs& a, int variant) {
           const i32 lf = o.eff(f), gf = o.GRP2(f), ge = o.GRP2(e);
           bool better = lf < len;
           if (lf == len) better = (gf > 0 && ge > 0) ? gf > ge : (gf <= 0 && ge <= 0 && f < e);
-          if (o.DLY2(f) != 1 && o.ISZ1(f) < o.netop - o.nebot + 1 && better) pick = p - 5;
+          const bool held = o.DLY2(f) == 1 || (o.DLY2(f) == 3 && 2 * o.DLY1(f) >= lenlo);
+          if (!held && o.ISZ1(f) < o.netop - o.nebot + 1 && better) pick = p - 5;
         }
         if (eliminate(pick) || follow_nest()) {
           err = 7;

@@ -441,3 +441,53 @@ TEST(Order, NestingRuleKeepsTheLevelsOfTheLargerFactorTogether) {
   EXPECT_NE(out.find("NESTEQ Error"), std::string::npos) << out;
   EXPECT_EQ(bad.iw, order(st, 0, 1).iw);
 }
+
+TEST(Order, ZeroDiagonalRowsWaitForANeighbour) {
+  // Two constraint rows (zero diagonal) on herd and animal effects, given
+  // the first sparse equation numbers so that a plain order may well
+  // absorb them first.  With delays each waits until a neighbour has been
+  // eliminated, and the absorption needs no pivot moves.
+  Triplets base = animal_model(400, 10, 12);
+  Triplets t;
+  t.neq = base.neq + 2;
+  t.ndense = base.ndense;
+  const int k1 = t.ndense + 1, k2 = t.ndense + 2;
+  auto shift = [&](int e) { return e <= t.ndense ? e : e + 2; };
+  std::map<std::pair<int, int>, double> m;
+  for (size_t x = 0; x < base.r.size(); ++x) m[{shift(base.r[x]), shift(base.c[x])}] += base.v[x];
+  m[{k1, k1}] = 0.0;
+  m[{k2, k2}] = 0.0;
+  for (int h = 0; h < 5; ++h) m[{shift(3 + h), k1}] = 1.0;
+  for (int a = 0; a < 6; ++a) m[{shift(3 + base.neq - 400 + 7 * a), k2}] = 1.0 + 0.1 * a;
+  for (auto& kv : m) {
+    t.r.push_back(kv.first.first);
+    t.c.push_back(kv.first.second);
+    t.v.push_back(kv.second);
+  }
+  Dense c(t.neq);
+  for (size_t k = 0; k < t.r.size(); ++k) c.add_sym(t.r[k], t.c[k], t.v[k]);
+  std::vector<double> ref;
+  const double ld = lu_logdet(c, &ref);
+  for (int which : {0, 2}) {
+    Store st(t.neq, t.ndense, 300000);
+    load_triplets(st, t);
+    OrderRun o = order(st, which, 4);
+    ASSERT_EQ(o.rc, 0);
+    std::vector<i32> pos = positions(o, t.neq);
+    for (int k : {k1, k2}) {
+      int top = 0;  // highest position of a neighbour: absorbed first
+      for (size_t x = 0; x < t.r.size(); ++x)
+        if ((t.r[x] == k) != (t.c[x] == k)) top = std::max(top, pos[t.r[x] == k ? t.c[x] : t.r[x]]);
+      EXPECT_LT(pos[k], top) << k;
+    }
+    std::vector<int> ord(t.neq + 1);
+    for (int p = 1; p <= t.neq; ++p) ord[p] = o.iw[2 * (p - 1) + 1];
+    AbsorbRun r = absorb(st, ord, 1, nullptr, o.a.tail);
+    ASSERT_EQ(r.rc, 0);
+    EXPECT_EQ(r.a.moves, 0);
+    EXPECT_EQ(r.a.nsing, 0);
+    EXPECT_LT(std::fabs(r.a.logdet - ld) / std::fabs(ld), 1e-9);
+    for (int e = 2; e <= t.neq; ++e)
+      EXPECT_NEAR(r.soln[e - 1], ref[e], 1e-8 * std::fmax(1.0, std::fabs(ref[e])));
+  }
+}
