@@ -892,6 +892,7 @@ int order_main(OrderArgs& a, int variant) {
     // the store has been eliminated, or when it has none.
     if (delays) {
       bool any = false;
+      i32 ndelay = 0, nreleased = 0;
       for (i32 p = o.nebot; p <= o.nemid; ++p) {
         const i32 e = o.IW2(p);
         if (o.DLY2(e) != 1) continue;
@@ -908,12 +909,15 @@ int order_main(OrderArgs& a, int variant) {
           }
           if (c > nd && c != e) release = false;
         }
+        if (a.trace) vprt("DDELAY %d %d %d %d %d\n", ++ndelay, e, neq - e, o.ISZ1(e), o.DLY1(e));
         if (release) {
           o.DLY2(e) = 0;
+          ++nreleased;
         } else {
           any = true;
         }
       }
+      if (a.trace) vprt("DDELAY sum %d %d\n", ndelay, nreleased);
       if (!any) delays = false;
     }
     // Row groups, while the rows are still held in chains.  The search
@@ -921,7 +925,13 @@ int order_main(OrderArgs& a, int variant) {
     // of the rows in selection has been eliminated since the last one.
     if (groups_wanted && !o.nestact && !o.bitmode &&
         (since_groups < 0 || since_groups > (o.nemid - o.nebot + 1) / 8)) {
-      o.setgrps();
+      const bool timed = a.trace && neq > 2000;
+      if (timed && since_groups < 0) g5vtme(6, " EOR Setup", 10);
+      const i32 joins = o.setgrps();
+      if (timed && joins > 0) {
+        g5vtme(6, " EOR Groups found", 17);
+        g5vtme(6, " EOR Groups done", 16);
+      }
       since_groups = 0;
     }
     if (!o.bitmode && (a.bitrows != 0)) o.enter_bitmode();
@@ -930,6 +940,17 @@ int order_main(OrderArgs& a, int variant) {
       laid = l2 >= 0 ? l2 : laid * 2;
     }
     o.sort_active();
+    if (a.trace && o.netop > 5) {
+      // Rows in the four longest buckets: close to full.
+      i32 nfull[4] = {0, 0, 0, 0};
+      const i32 left = o.netop - o.nebot + 1;
+      for (i32 p = o.nebot; p <= o.nemid; ++p) {
+        const i32 gap = left - o.ISZ1(o.IW2(p));
+        if (gap >= 0 && gap < 4) ++nfull[gap];
+      }
+      if (nfull[0] + nfull[1] + nfull[2] + nfull[3] > 0)
+        vprt("%d %d %d %d ROWS FULL\n", nfull[0], nfull[1], nfull[2], nfull[3]);
+    }
     // Full rows.
     while (o.nebot <= o.nemid && o.ISZ1(o.IW2(o.nebot)) >= o.netop - o.nebot + 1) o.g5vedr(o.nebot);
     // Trivial rows stay where they are.
