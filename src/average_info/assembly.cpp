@@ -237,7 +237,8 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
   const double tiny = f32(1e-10);
   // The filled-in block behind the dense positions goes through dense_tail
   // when the free WVXP list room holds its square.
-  i32 top = complete_rows(a);
+  const i32 ctop = complete_rows(a);
+  i32 top = ctop;
   if (top - st.ndense < 32) top = st.ndense;
   span<double> room(g_aistate.lists.w, g_aistate.lists.w ? 2 * g_aistate.lists.n : 0);
   for (i32 p = 2; p <= st.neq; ++p) {
@@ -287,6 +288,16 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
         continue;
       }
       i64 sl = packed_start(st, a.off, k);
+      if (k <= ctop) {
+        // A complete row: column c at slot start-(c-1), no walk needed.
+        for (i64 ib = 0; ib < ia; ++ib) {
+          const double zkc = pl.val(sl - (s.crow[ib] - 1));
+          s.zrow[ib] -= la * zkc;
+          s.zrow[ia] -= s.lrow[ib] * zkc;
+        }
+        s.zrow[ia] -= la * pl.val(sl - (k - 1));
+        continue;
+      }
       i64 ib = 0;
       for (i32 steps = 0;; --sl, ++steps) {
         if (sl < 1 || sl > pl.nval || steps > k) return g5vflt(a.nfault, 2666);
