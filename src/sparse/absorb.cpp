@@ -401,13 +401,13 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
       pardolx[k].count = run;
       if (strips) {
         hold(lx, run);
-      } else {  // runs that the single path never uses: holes, trimmed at the next pack
-        for (i64 s = lx + 1; s <= lx + run; ++s) {
-          pool.col(s) = 0;
-          pool.lnk(s) = 0;
-        }
       }
       lx += run;
+    }
+    if (!strips) {
+      // The single path never uses the runs: they go back at once, so that
+      // no stale slot above LX is ever read as an element.
+      lx = pardolx[0].base;
     }
     if (a.trace)
       for (int k = 0; k < nstrip; ++k)
@@ -816,6 +816,11 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     pivot(p, e, d);
     const double r = 1.0 / d;
     const double* rowp = &st.x[static_cast<i64>(p) * (p - 1) / 2];  // rowp[j-1] = X(p,j)
+    // Each row j takes one update from this pivot and no row's update reads
+    // another's, so the order in which the rows are worked does not change
+    // the result: the blocked order of the strips comes down, in one thread,
+    // to this descending loop (rows with a negligible multiplier skipped),
+    // and the results do not depend on THREADS.
     for (i32 j = p - 1; j >= 1; --j) {
       const double am = rowp[j - 1] * r;
       if (std::fabs(am) > tol) {

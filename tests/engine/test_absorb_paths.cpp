@@ -153,6 +153,45 @@ TEST(AbsorbStrips, SameResultsAsTheSinglePath) {
   EXPECT_NE(out.find(" Threads NEQ 108 1 60"), std::string::npos);
 }
 
+TEST(AbsorbStrips, LargeAnimalModelWithFillAndLayoutAgain) {
+  // 20,000 animals in the minimum-degree order: enough fill that the pool
+  // is laid out again part way, with the strips' runs given back first.
+  Triplets t = animal_model(20000, 200, 9);
+  std::vector<int> ord;
+  std::vector<double> first;
+  double ld = 0;
+  for (int threads : {1, 108}) {
+    Store st(t.neq, t.ndense, 4000000);
+    int nf = 0;
+    ASSERT_EQ(tarnel::mme_load_lower(st.s, span<const i32>(t.r.data(), t.r.size()),
+                                     span<const i32>(t.c.data(), t.c.size()),
+                                     span<const double>(t.v.data(), t.v.size()), nf),
+              0);
+    if (ord.empty()) {
+      std::vector<i32> iw(2 * t.neq), work(8 * t.neq + 800 * static_cast<size_t>(t.neq));
+      int err = 0;
+      tarnel::OrderArgs oa;
+      oa.store = &st.s;
+      oa.iw = span<i32>(iw.data(), iw.size());
+      oa.work = span<i32>(work.data(), work.size());
+      oa.err = &err;
+      ASSERT_EQ(tarnel::g5veor(oa), 0);
+      ord.assign(t.neq + 1, 0);
+      for (int p = 1; p <= t.neq; ++p) ord[p] = iw[2 * (p - 1) + 1];
+    }
+    AbsorbRun r = absorb(st, ord, 1, nullptr, 0, [&](AbsorbRun& a) { a.a.threads = threads; });
+    ASSERT_EQ(r.rc, 0) << threads;
+    EXPECT_EQ(r.a.nsing, 0);
+    if (threads == 1) {
+      first = r.soln;
+      ld = r.a.logdet;
+      continue;
+    }
+    EXPECT_LT(rel(r.a.logdet, ld), 1e-12);
+    for (int e = 2; e <= t.neq; ++e) ASSERT_LT(rel(r.soln[e - 1], first[e - 1]), 1e-12) << e;
+  }
+}
+
 TEST(AbsorbStrips, ShortPoolIsAFaultNeverAnOverrun) {
   // From too small for the strips' runs, through pools where a strip finds
   // no room part way, to enough: every outcome is either the right answer
