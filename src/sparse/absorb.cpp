@@ -167,13 +167,23 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     err = 6;
     return g5vflt(nfault, 6);
   }
-  if (a.impute[0] >= 1) {
-    g5verror(" Sampled solutions in absorption not available yet", 3);
-    return g5vflt(nfault, 1);
+  // Sampling puts a second solution behind the first.
+  const bool sampling = a.impute[0] >= 1;
+  if (sampling) {
+    if (a.soln.size() < 2u * static_cast<size_t>(neq)) return g5vflt(nfault, 4);
+    if (a.rng == nullptr) {
+      g5verror(" Sampled solutions need a random-number generator", 3);
+      return g5vflt(nfault, 101);
+    }
   }
-  if (a.threads >= 101) {
-    g5verror(" Strip absorption (THREADS >= 101) not available yet", 3);
-    return g5vflt(nfault, 1);
+  // Strips: from THREADS 101 on the row updates are dealt to up to eight
+  // strips, each with its own free-run record; below that the runs are only
+  // handed out.
+  const bool strips = a.threads >= 101;
+  const int nstrip = strips ? std::min(a.threads - 100, 8) : std::min(std::max(a.threads, 1), 8);
+  if (strips && a.status.size() < static_cast<size_t>(nstrip)) {
+    err = 6;
+    return g5vflt(nfault, 6);
   }
   // Every equation number of the order must be a valid equation.
   for (i32 q = 1; q <= neq; ++q) {
@@ -304,21 +314,6 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
 
   const i64 step = std::max<i64>(200000, st.len / 10);
   i64 nextreport = step + step / 2;
-  if (a.threads > 1) {
-    if (a.iter <= 1 && a.trace) vprt(" Threads NEQ %d %d %d\n", a.threads, nd, neq);
-    const int ns = a.threads < 8 ? a.threads : 8;
-    for (int k = 0; k < ns; ++k) {
-      const i64 run = neq / 2;
-      if (lx + run >= st.len) {
-        err = 6;
-        return g5vflt(nfault, 100000 + neq);
-      }
-      pardolx[k].base = lx;
-      pardolx[k].count = run;
-      lx += run;
-    }
-  }
-
   i64 top = st.len;
   const i64 lxmax = st.len;
   PackArgs pk;
@@ -358,6 +353,102 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
   i64 laid = neq > nd ? relayout(pool, lx, top, nd, neq, neq, blocktop) : -1;
   bool intact = laid >= 0 && blocktop > 0;
   if (laid < 0) laid = lx - nheads;
+
+  i32 p = neq;  // the position being absorbed
+
+  // Free runs of the strips.  On the strip path a slot held in a run and
+  // not yet used carries column kHeld: neither a hole (compaction and the
+  // trimming of LX pass it by) nor an element.  Before anything that may
+  // compact or lay the pool out again, release_runs() turns them into holes
+  // and empties the records; a strip then takes a new run when it needs one.
+  constexpr i32 kHeld = -1;
+  i64 held = 0;  // slots held in runs
+  auto hold = [&](i64 base, i64 n) {
+    for (i64 s = base + 1; s <= base + n; ++s) {
+      pool.val(s) = 0.0;
+      pool.col(s) = kHeld;
+      pool.lnk(s) = 0;
+    }
+    held += n;
+  };
+  auto unhold = [&](i64 base, i64 n) {
+    for (i64 s = base + 1; s <= base + n; ++s) {
+      if (pool.col(s) != kHeld) continue;
+      pool.col(s) = 0;
+      pool.lnk(s) = 0;
+    }
+    held -= n;
+  };
+  auto release_runs = [&]() {
+    if (!strips) return;
+    for (int k = 0; k < nstrip; ++k) {
+      FreeRun& r = pardolx[k];
+      if (r.count > 0) unhold(r.base, r.count);
+      if (r.ncount > 0) unhold(r.nbase, r.ncount);
+      r = FreeRun{};
+    }
+    held = 0;
+  };
+  if (a.threads > 1) {
+    if (a.iter <= 1 && a.trace) vprt(" Threads NEQ %d %d %d\n", a.threads, nd, neq);
+    for (int k = 0; k < nstrip; ++k) {
+      const i64 run = neq / 2;
+      if (lx + run >= st.len) {
+        err = 6;
+        return g5vflt(nfault, 100000 + neq);
+      }
+      pardolx[k].base = lx;
+      pardolx[k].count = run;
+      if (strips) {
+        hold(lx, run);
+      }
+      lx += run;
+    }
+    if (!strips) {
+      // The single path never uses the runs: they go back at once, so that
+      // no stale slot above LX is ever read as an element.
+      lx = pardolx[0].base;
+    }
+    if (a.trace)
+      for (int k = 0; k < nstrip; ++k)
+        vprt(" Strip %d %lld %lld %lld %lld\n", k + 1, (long long)pardolx[k].base,
+             (long long)pardolx[k].count, (long long)pardolx[k].nbase, (long long)pardolx[k].ncount);
+  }
+  if (lx > a.peaklx) a.peaklx = lx;
+  for (int k = 0; strips && k < nstrip; ++k) a.status[k] = 0;
+  // Makes sure that strip k holds at least `need` slots, taking a spare run
+  // of `plen` slots (the pivot row's length) from LX when its run is short.
+  // Result 0; 1 when the pool has no room left even after compaction.
+  auto ensure = [&](int k, i64 need, i64 plen) -> int {
+    FreeRun& r = pardolx[k];
+    if (r.count + r.ncount >= need) return 0;
+    if (r.ncount > 0) {  // the spare cannot cover it either: start on it
+      if (r.count > 0) unhold(r.base, r.count);
+      r.base = r.nbase;
+      r.count = r.ncount;
+      r.nbase = 0;
+      r.ncount = 0;
+    }
+    i64 want = std::max(plen, need - r.count);
+    if (lx + want >= top) {
+      intact = false;
+      release_runs();
+      if (a.trace) vprt(" Compact %d %d %lld\n", p, neq, (long long)lx);
+      g5vllp(pool, lx, nd, neq, top - want, a.trace, a.unit);
+      want = std::max(plen, need);
+      if (lx + want >= top) want = top - 1 - lx;
+      if (want < need) return 1;
+    }
+    r.nbase = lx;
+    r.ncount = want;
+    hold(lx, want);
+    lx += want;
+    if (lx > a.peaklx) a.peaklx = lx;
+    if (a.trace)
+      vprt(" Strip %d %lld %lld %lld %lld\n", k + 1, (long long)r.base, (long long)r.count,
+           (long long)r.nbase, (long long)r.ncount);
+    return 0;
+  };
   // The block absorbed with dense kernels, in panels of NB pivots: each
   // panel is factored on its own rows, then its pivots update every row
   // below it in one pass per row.  The arithmetic per element is that of the
@@ -447,9 +538,9 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
   };
   bool blockdone = false;
 
-  i32 p = neq;
   while (p >= 2) {
-    if (p > nd && (lx - nheads > laid + laid / 2 + 50000 || (blocktop > 0 && p == blocktop && !intact))) {
+    if (p > nd && (lx - nheads - held > laid + laid / 2 + 50000 || (blocktop > 0 && p == blocktop && !intact))) {
+      release_runs();
       const i64 l2 = relayout(pool, lx, top, nd, neq, p, blocktop);
       laid = l2 >= 0 ? l2 : lx - nheads;
       if (l2 >= 0 && blocktop > 0) intact = true;
@@ -461,7 +552,10 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
         const i32 stop = absorb_block(p);
         // The absorbed rows packed as the element path packs them.
         for (i32 q = p; q > stop; --q) {
-          if (top - q < lx) intact = false;
+          if (top - q < lx) {
+            intact = false;
+            release_runs();  // packing may compact
+          }
           i64 rstart = 0, plen = 0;
           g5vxil(pool, pk, rstart, q, plen);
           tab2(q) = static_cast<i32>(rstart);
@@ -481,6 +575,7 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     }
     const i32 e = iw2(a.iw, p);
     if (p > nd) {
+      if (top - p < lx) release_runs();  // packing may compact
       i64 rstart = 0, plen = 0;
       const double d = g5vxil(pool, pk, rstart, p, plen);
       tab2(p) = static_cast<i32>(rstart);
@@ -569,6 +664,81 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
       const double r = 1.0 / d;
       // Row update: element k (slot rstart-k), columns ascending with k.
       const i64 dslot = rstart - plen + 1;  // the diagonal
+      if (strips) {
+        // The off-diagonal elements dealt to the strips in turn: strip k
+        // takes elements k, k+NS, k+2NS, ... in descending position.  Each
+        // element updates a row of its own, so the strips never meet and
+        // the arithmetic per element is that of the single path.
+        Pool lim = pool;
+        lim.nval = top;
+        const i64 noff = plen - 1;
+        for (int k = 0; k < nstrip; ++k) {
+          a.status[k] = 0;
+          for (i64 i = k; i < noff; i += nstrip) {
+            const i64 s = dslot + 1 + i;
+            const i32 c = pool.col(s);
+            const double am = pool.val(s) * r;
+            if (std::fabs(am) < tiny) continue;
+            const i64 last = rstart - s;
+            if (c > nd) {
+              const i64 hc = c - nd;
+              if (intact && c <= blocktop && pool.col(hc) == 1 && pool.lnk(hc) > 0) {
+                const i64 base = pool.lnk(hc) - 2;
+                for (i64 t = s; t <= rstart; ++t) {
+                  const i32 cc = pool.col(t);
+                  const double v = -am * pool.val(t);
+                  if (cc >= 2) {
+                    pool.val(base + cc) += v;
+                  } else if (cc == 1) {
+                    pool.val(hc) += v;
+                  }
+                }
+                continue;
+              }
+              const bool untouched = pool.lnk(hc) == -1;
+              if (ensure(k, last + 1 + (untouched ? 1 : 0), plen)) {
+                a.status[k] = -99;
+                break;
+              }
+              lim.nval = top;
+              i64 pos = hc;
+              if (untouched) {  // the target gets its diagonal first
+                const i64 n = freerun_next(pardolx[k]);
+                --held;
+                pool.val(n) = 0.0;
+                pool.col(n) = c;
+                pool.lnk(n) = 0;
+                pool.lnk(hc) = static_cast<i32>(n);
+              }
+              const i64 before = pardolx[k].count + pardolx[k].ncount;
+              g5vllrt(lim, pardolx[k], pos, s, -am, last);
+              held -= before - (pardolx[k].count + pardolx[k].ncount);
+              if (pos < 0) {
+                a.status[k] = -99;
+                break;
+              }
+            } else if (c >= 1) {
+              const i64 base = static_cast<i64>(c) * (c - 1) / 2;  // X(c,cc) at base+cc
+              for (i64 t = s; t <= rstart; ++t) {
+                const i32 cc = pool.col(t);
+                if (cc >= 1 && cc <= c) st.x[base + cc - 1] -= am * pool.val(t);
+              }
+            }
+          }
+        }
+        int failed = 0;
+        for (int k = 0; k < nstrip; ++k)
+          if (a.status[k] == -99) ++failed;
+        if (failed > 0) {
+          if (a.trace) vprt(" Strips failed %d %d\n", p, failed);
+          err += 1 + 495;
+          return g5vflt(nfault, 100000 + p);
+        }
+        if (lx > a.peaklx) a.peaklx = lx;
+        if (lx >= top) return g5vflt(nfault, 100000 + p);
+        --p;
+        continue;
+      }
       for (i64 s = dslot + 1; s <= rstart; ++s) {
         const i32 c = pool.col(s);
         const double am = pool.val(s) * r;
@@ -646,6 +816,11 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     pivot(p, e, d);
     const double r = 1.0 / d;
     const double* rowp = &st.x[static_cast<i64>(p) * (p - 1) / 2];  // rowp[j-1] = X(p,j)
+    // Each row j takes one update from this pivot and no row's update reads
+    // another's, so the order in which the rows are worked does not change
+    // the result: the blocked order of the strips comes down, in one thread,
+    // to this descending loop (rows with a negligible multiplier skipped),
+    // and the results do not depend on THREADS.
     for (i32 j = p - 1; j >= 1; --j) {
       const double am = rowp[j - 1] * r;
       if (std::fabs(am) > tol) {
@@ -655,33 +830,58 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
     }
     --p;
   }
+  release_runs();
   if (a.trace) vprt(" equations reordered %d\n", a.moves);
 
-  // Solution by position.
+  // Solution by position.  A sample follows the same sums over the sample
+  // itself, with a normal draw of variance DD(q) added for the equations in
+  // the sampling range, so that its deviations from the solution have the
+  // inverse of the coefficient matrix as covariance.  A negative pivot (a
+  // constraint row) has no variance of its own: its draw takes |DD(q)|.
+  span<double> smp = sampling ? a.soln.subspan(neq, neq) : span<double>();
+  if (sampling) {
+    if (a.trace) vprt(" Sampling range %d %d\n", a.impute[0], a.impute[1]);
+    smp.at1(1) = a.soln.at1(1);
+  }
   if (neq > nd) tab2(nd) = static_cast<i32>(top);
   for (i32 q = 2; q <= neq; ++q) {
     const i32 e = iw2(a.iw, q);
     if (iw1(a.iw, e) < 0 || a.dd.at1(q) == 0.0) {
       a.soln.at1(q) = 0.0;
+      if (sampling) smp.at1(q) = 0.0;
       continue;
     }
-    double sum = 0.0;
+    double sum = 0.0, tsum = 0.0;
     if (q > nd) {
       i64 s = tab2(q);
       if (pool.col(s) == 1) {
         sum = pool.val(s);
+        tsum = sum;
         --s;
       }
       for (; s > top && pool.col(s) != q; --s) {
         const i32 c = pool.col(s);
-        if (c >= 2 && c < q) sum -= pool.val(s) * a.soln.at1(c);
+        if (c >= 2 && c < q) {
+          sum -= pool.val(s) * a.soln.at1(c);
+          if (sampling) tsum -= pool.val(s) * smp.at1(c);
+        }
       }
     } else {
       sum = st.dense(q, 1);
-      for (i32 j = 2; j < q; ++j) sum -= st.dense(q, j) * a.soln.at1(j);
+      tsum = sum;
+      for (i32 j = 2; j < q; ++j) {
+        sum -= st.dense(q, j) * a.soln.at1(j);
+        if (sampling) tsum -= st.dense(q, j) * smp.at1(j);
+      }
     }
     a.soln.at1(q) = sum * a.dd.at1(q);
+    if (sampling) {
+      smp.at1(q) = tsum * a.dd.at1(q);
+      if (e > a.impute[0] && e <= a.impute[1])
+        smp.at1(q) += g5vnrv(*a.rng) * std::sqrt(std::fabs(a.dd.at1(q)));
+    }
   }
+  if (sampling) g5vxxi(smp, a.work, a.iw, neq);
   g5vxxi(a.soln, a.work, a.iw, neq);
   return 0;
 }

@@ -17,6 +17,7 @@
 #define TARNEL_SPARSE_MME_H
 
 #include "control/engine_types.h"
+#include "sparse/random.h"
 #include "sparse/row_store.h"
 #include "variance/structures.h"
 
@@ -200,19 +201,26 @@ struct AbsorbArgs {
   i32 nsing = 0;              // out: singularity count
   span<double> soln;          // out: solution by equation (NEQ), and a
                               // sample behind it when impute[0] >= 1
+                              // (then 2*NEQ reals: sample(e) at NEQ+e)
   span<double> work;          // NEQ reals
   span<double> dd;            // NEQ reals: DD by position
-  i32 impute[2] = {0, 0};     // sampling range
+  i32 impute[2] = {0, 0};     // sampling range: equations e with
+                              // impute[0] < e <= impute[1] take a normal
+                              // draw; on when impute[0] >= 1
+  NormalRng* rng = nullptr;   // generator of the draws (needed to sample)
   int marker = 0;             // term-code marker word (-113: DDF hook)
   int iter = 1;               // iteration number
   int e1 = 0, e2 = 0;         // tolerance options (aiopt[39], aiopt[40])
   int negpiv = 0;             // in/out: negative dense pivots (aiopt[48])
-  int threads = 1;            // strip count (aiopt[56])
+  int threads = 1;            // strip option (aiopt[56]): 2..100 hands
+                              // out runs but absorbs on the single path;
+                              // from 101 the row updates are dealt to
+                              // min(threads - 100, 8) strips in turn
   i32 tail = 0;               // rows the order leaves to fill in as a block
                               // (OrderArgs::tail; 0 unknown): positions
                               // NDENSE+1..NDENSE+tail are then laid out
                               // complete before they are absorbed
-  span<i32> status;           // per strip status (8)
+  span<i32> status;           // per strip status (8; -99 a failed strip)
   int* err = nullptr;         // error word
   bool trace = false;
   int unit = 6;
@@ -228,7 +236,9 @@ struct AbsorbArgs {
 // the call packed row p (positions above NDENSE) runs from slot L(2,OFF+p)
 // down to its diagonal, column 1 first; DD(p) is its reciprocal pivot.
 // Faults: 100000+p "Out of memory absorbing" when the pool is too small
-// (error word 496 or 667), 6 for views too small, 7 for a bad order.
+// (error word 496 or 667), 6 for views too small, 7 for a bad order, 4 when
+// sampling and soln has fewer than 2*NEQ reals, 101 when sampling without a
+// generator.
 // Result 0; 1 after a fault (err and/or nfault set).
 int g5vxxa(MmeStore& s, AbsorbArgs& a, int& nfault);
 

@@ -238,19 +238,24 @@ void g5vllrs(const Pool& p, i64& next, i64& pos, i64 rowslot, double scale, i64 
       pos, rowslot, scale, last);
 }
 
+i64 freerun_next(FreeRun& run) {
+  if (run.count <= 0) {
+    if (run.ncount <= 0) return 0;
+    run.base = run.nbase;
+    run.count = run.ncount;
+    run.nbase = 0;
+    run.ncount = 0;
+  }
+  const i64 s = run.base + run.count;
+  --run.count;
+  return s;
+}
+
 void g5vllrt(const Pool& p, FreeRun& run, i64& pos, i64 rowslot, double scale, i64 last) {
   add_packed(
       p,
       [&]() -> i64 {
-        if (run.count <= 0) {
-          if (run.ncount <= 0) return 0;
-          run.base = run.nbase;
-          run.count = run.ncount;
-          run.nbase = 0;
-          run.ncount = 0;
-        }
-        i64 s = run.base + run.count;
-        --run.count;
+        const i64 s = freerun_next(run);
         return p.ok(s) ? s : 0;
       },
       pos, rowslot, scale, last);

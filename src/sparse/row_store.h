@@ -149,6 +149,8 @@ void g5vllrs(const Pool& p, i64& next, i64& pos, i64 rowslot, double scale, i64 
 struct FreeRun {
   i64 base = 0, count = 0, nbase = 0, ncount = 0;
 };
+// The next slot of a free-run record (0 when both runs are exhausted).
+i64 freerun_next(FreeRun& run);
 // g5vllrt: as g5vllrs, new slots taken from a free-run record.  A run that
 // is exhausted gives pos = -98.
 void g5vllrt(const Pool& p, FreeRun& run, i64& pos, i64 rowslot, double scale, i64 last);

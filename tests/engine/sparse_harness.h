@@ -5,6 +5,8 @@
 #define TARNEL_TESTS_SPARSE_HARNESS_H
 
 #include <cmath>
+#include <algorithm>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -160,8 +162,10 @@ struct AbsorbRun {
   std::vector<double> soln, work, dd;
   std::vector<i32> rank, status;
 };
+// `more` (when given) may change the arguments just before the call.
 inline AbsorbRun absorb(Store& st, const std::vector<int>& ord, int nterms = 1,
-                        const std::vector<int>* term = nullptr, int tail = 0) {
+                        const std::vector<int>* term = nullptr, int tail = 0,
+                        const std::function<void(AbsorbRun&)>& more = nullptr) {
   AbsorbRun r;
   const int n = st.s.neq;
   r.iw.assign(2 * n, 0);
@@ -183,6 +187,7 @@ inline AbsorbRun absorb(Store& st, const std::vector<int>& ord, int nterms = 1,
   r.a.status = tarnel::span<i32>(r.status.data(), r.status.size());
   r.a.err = &r.err;
   r.a.tail = tail;
+  if (more) more(r);
   r.rc = tarnel::g5vxxa(st.s, r.a, r.nfault);
   return r;
 }
@@ -192,6 +197,49 @@ inline std::vector<int> natural(int n) {
   for (int i = 0; i <= n; ++i) o[i] = i;
   return o;
 }
+
+// Generated design: records with the response in column 1 and a few
+// factor columns (nested or crossed), with the dense X'WX beside it.
+struct Design {
+  std::vector<double> val;
+  std::vector<i32> col;
+  std::vector<i64> start;  // 1-based
+  Dense c;
+};
+
+inline Design make_design(int neq, int nrec, int per, unsigned seed, double gdiag) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> pick(2, neq);
+  std::normal_distribution<double> z(0, 1);
+  Design d;
+  d.c = Dense(neq);
+  d.start.push_back(1);
+  for (int i = 0; i < nrec; ++i) {
+    std::vector<int> cols{1};
+    for (int k = 0; k < per; ++k) cols.push_back(pick(rng));
+    std::sort(cols.begin(), cols.end());
+    cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
+    std::vector<double> v(cols.size());
+    for (size_t k = 0; k < cols.size(); ++k) v[k] = k == 0 ? z(rng) + 3 : 1.0 + 0.3 * z(rng);
+    for (size_t k = 0; k < cols.size(); ++k) {
+      d.val.push_back(v[k]);
+      d.col.push_back(cols[k]);
+      for (size_t j = 0; j <= k; ++j) d.c.add_sym(cols[k], cols[j], v[k] * v[j]);
+    }
+    d.start.push_back(static_cast<i64>(d.val.size()) + 1);
+  }
+  for (int e = 2; e <= neq; ++e) d.c(e, e) += gdiag;
+  return d;
+}
+
+inline std::vector<int> shuffled(int n, int nd, unsigned seed) {
+  std::vector<int> o = natural(n);
+  std::mt19937 rng(seed);
+  std::shuffle(o.begin() + nd + 1, o.end(), rng);
+  return o;
+}
+
+inline double rel(double a, double b) { return std::fabs(a - b) / std::fmax(1.0, std::fabs(b)); }
 
 }  // namespace tarnel_test
 

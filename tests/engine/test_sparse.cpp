@@ -12,53 +12,6 @@
 using namespace tarnel_test;
 using tarnel::span;
 
-namespace {
-
-// Generated design: records with the response in column 1 and a few
-// factor columns (nested or crossed), with the dense X'WX beside it.
-struct Design {
-  std::vector<double> val;
-  std::vector<i32> col;
-  std::vector<i64> start;  // 1-based
-  Dense c;
-};
-
-Design make_design(int neq, int nrec, int per, unsigned seed, double gdiag) {
-  std::mt19937 rng(seed);
-  std::uniform_int_distribution<int> pick(2, neq);
-  std::normal_distribution<double> z(0, 1);
-  Design d;
-  d.c = Dense(neq);
-  d.start.push_back(1);
-  for (int i = 0; i < nrec; ++i) {
-    std::vector<int> cols{1};
-    for (int k = 0; k < per; ++k) cols.push_back(pick(rng));
-    std::sort(cols.begin(), cols.end());
-    cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
-    std::vector<double> v(cols.size());
-    for (size_t k = 0; k < cols.size(); ++k) v[k] = k == 0 ? z(rng) + 3 : 1.0 + 0.3 * z(rng);
-    for (size_t k = 0; k < cols.size(); ++k) {
-      d.val.push_back(v[k]);
-      d.col.push_back(cols[k]);
-      for (size_t j = 0; j <= k; ++j) d.c.add_sym(cols[k], cols[j], v[k] * v[j]);
-    }
-    d.start.push_back(static_cast<i64>(d.val.size()) + 1);
-  }
-  for (int e = 2; e <= neq; ++e) d.c(e, e) += gdiag;
-  return d;
-}
-
-std::vector<int> shuffled(int n, int nd, unsigned seed) {
-  std::vector<int> o = natural(n);
-  std::mt19937 rng(seed);
-  std::shuffle(o.begin() + nd + 1, o.end(), rng);
-  return o;
-}
-
-double rel(double a, double b) { return std::fabs(a - b) / std::fmax(1.0, std::fabs(b)); }
-
-}  // namespace
-
 TEST(RowStore, KernelsKeepRowsSortedAndPackCompact) {
   // Row 5 of a store with NDENSE 1: insert columns out of order.
   Store st(6, 1, 40);
