@@ -15,6 +15,7 @@
 #include "average_info/ai_internal.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "sparse/kernels.h"
 
 namespace tarnel {
 
@@ -184,15 +185,23 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
         double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
         for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
       }
-      for (i64 k = 0; k < na; ++k) {
-        const double* zk = &Z[k * n];
+      // Four rows of Z(A,A) at a time, applied to every row of the panel
+      // while their chunk is in cache.
+      i64 k = 0;
+      for (; k + 3 < na; k += 4) {
+        const double *z0 = &Z[k * n], *z1 = z0 + n, *z2 = z1 + n, *z3 = z2 + n;
         for (i32 r = 0; r < nb; ++r) {
-          const double lk = lb[static_cast<i64>(r) * n + k];
-          if (lk == 0.0) continue;
-          double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
-          for (i64 j = j0; j < j1; ++j) g[j] -= lk * zk[j];
+          const double* l = lb + static_cast<i64>(r) * n + k;
+          if (l[0] == 0.0 && l[1] == 0.0 && l[2] == 0.0 && l[3] == 0.0) continue;
+          axpy4(&Z[static_cast<i64>(p0 - 2 + r) * n], z0, z1, z2, z3, l[0], l[1], l[2], l[3], j0,
+                j1 - 1);
         }
       }
+      for (; k < na; ++k)
+        for (i32 r = 0; r < nb; ++r) {
+          const double lk = lb[static_cast<i64>(r) * n + k];
+          if (lk != 0.0) axpy1(&Z[static_cast<i64>(p0 - 2 + r) * n], &Z[k * n], lk, j0, j1 - 1);
+        }
     }
     for (i32 r = 0; r < nb; ++r) {
       const i32 p = p0 + r;
@@ -206,17 +215,15 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
         const double lq = l[p0 - 2 + q];
         if (lq == 0.0) continue;
         const double* zq = &Z[static_cast<i64>(p0 - 2 + q) * n];
-        for (i64 j = 0; j < na; ++j) zp[j] -= lq * zq[j];
+        if (na > 0) axpy1(zp, zq, lq, 0, na - 1);
       }
       for (i32 c = p0; c < p; ++c) {
         const double* zc = &Z[static_cast<i64>(c - 2) * n];
-        double v = 0.0;
-        for (i64 k = 0; k < na; ++k) v -= l[k] * zc[k];
+        double v = na > 0 ? -dot(l, zc, 0, na - 1) : 0.0;
         for (i32 k = p0; k < p; ++k) v -= l[k - 2] * zc[k - 2];
         zp[c - 2] = singular_at(a, c) ? 0.0 : v;
       }
-      double zpp = a.dd[p - 1];
-      for (i32 c = 2; c < p; ++c) zpp -= l[c - 2] * zp[c - 2];
+      double zpp = a.dd[p - 1] - (p > 2 ? dot(l, zp, 0, p - 3) : 0.0);
       if (std::fabs(zpp / a.dd[p - 1]) < tiny) zpp = 0.0;
       zp[p - 2] = zpp;
       for (i32 c = 2; c < p; ++c) Z[static_cast<i64>(c - 2) * n + (p - 2)] = zp[c - 2];

@@ -6,6 +6,7 @@
 
 #include "host/console.h"
 #include "host/messages.h"
+#include "sparse/kernels.h"
 #include "sparse/mme.h"
 
 namespace tarnel {
@@ -127,31 +128,6 @@ bool block_complete(const Pool& p, i64 lx, i32 nd, i32 blocktop) {
       if (p.col(first + k) != k + 2 || p.lnk(first + k) != (k < r - 2 ? first + k + 1 : 0)) return false;
   }
   return true;
-}
-
-// The two inner loops of the block absorption: vectorised by GCC only at
-// its higher optimisation level, which R's default flags do not ask for.
-// On x86-64 Linux a second version for processors with AVX2 and FMA is
-// compiled beside the baseline one and chosen when the library loads.
-#if defined(__GNUC__) && !defined(__clang__)
-#if defined(__x86_64__) && defined(__linux__)
-#define TARNEL_VECTORISE \
-  __attribute__((optimize("O3"), target_clones("arch=x86-64-v3", "default")))
-#else
-#define TARNEL_VECTORISE __attribute__((optimize("O3")))
-#endif
-#else
-#define TARNEL_VECTORISE
-#endif
-
-// y[j] -= w0 a0[j] + w1 a1[j] + w2 a2[j] + w3 a3[j] for j in [lo, hi].
-TARNEL_VECTORISE void axpy4(double* __restrict y, const double* __restrict a0, const double* __restrict a1,
-           const double* __restrict a2, const double* __restrict a3, double w0, double w1,
-           double w2, double w3, i64 lo, i64 hi) {
-  for (i64 j = lo; j <= hi; ++j) y[j] -= w0 * a0[j] + w1 * a1[j] + w2 * a2[j] + w3 * a3[j];
-}
-TARNEL_VECTORISE void axpy1(double* __restrict y, const double* __restrict a0, double w0, i64 lo, i64 hi) {
-  for (i64 j = lo; j <= hi; ++j) y[j] -= w0 * a0[j];
 }
 
 }  // namespace

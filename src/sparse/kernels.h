@@ -1,0 +1,24 @@
+// Dense inner loops shared by the block absorption and the block of the
+// sparse inverse.  They are compiled at GCC's higher optimisation level,
+// which vectorises them (R's default flags do not), and on x86-64 Linux
+// with a second version for processors with AVX2 and FMA, chosen when the
+// library loads.
+#ifndef TARNEL_SPARSE_KERNELS_H
+#define TARNEL_SPARSE_KERNELS_H
+
+#include "control/engine_types.h"
+
+namespace tarnel {
+
+// y[j] -= w0 a0[j] + w1 a1[j] + w2 a2[j] + w3 a3[j] for j in [lo, hi].
+void axpy4(double* __restrict y, const double* __restrict a0, const double* __restrict a1,
+           const double* __restrict a2, const double* __restrict a3, double w0, double w1,
+           double w2, double w3, i64 lo, i64 hi);
+// y[j] -= w0 a0[j] for j in [lo, hi].
+void axpy1(double* __restrict y, const double* __restrict a0, double w0, i64 lo, i64 hi);
+// Sum of a[j] b[j] for j in [lo, hi].
+double dot(const double* __restrict a, const double* __restrict b, i64 lo, i64 hi);
+
+}  // namespace tarnel
+
+#endif
