@@ -166,11 +166,12 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
     bool single;     // Sigma alone (no units factor)
     double sigma2;
     bool weighted;
+    bool unitdiag = false;  // units factor DIAG: a scale per unit
   };
   const std::vector<Variant> variants{
       {2, "US", false, 1.0, false},  {2, "DIAG", false, 2.3, false}, {3, "US", false, 2.3, true},
       {3, "DIAG", true, 1.0, true},  {3, "AR1", false, 0.7, false},  {2, "IDEN", false, 1.4, true},
-      {3, "US", true, 1.0, false}};
+      {3, "US", true, 1.0, false},   {3, "US", false, 1.3, true, true}};
   for (const Variant& v : variants) {
     SCOPED_TRACE(v.kind + " traits " + std::to_string(v.t) + (v.single ? " single" : " product"));
     const int t = v.t;
@@ -183,7 +184,9 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
     }
     MvRun run(d, t, neq);
     const std::vector<double> sp = params_of(v.kind, t);
-    const double s1 = (v.single || v.kind == "IDEN") ? 1.0 : 1.6;  // the units factor's scale
+    std::vector<double> s1(nu, (v.single || v.kind == "IDEN") ? 1.0 : 1.6);  // the units factor
+    if (v.unitdiag)
+      for (int u = 0; u < nu; ++u) s1[u] = 0.8 + 0.1 * (u % 4);
     Mat sig = sigma_of(v.kind, sp, t);
     if (v.kind == "IDEN") {
       // The identity case: R = sigma2 gamma I, gamma named by word 4.
@@ -197,8 +200,11 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
       run.sec.sectlogdet = nrec * std::log(sp[0]);
     } else {
       const int model = v.kind == "US" ? 9 : v.kind == "DIAG" ? 8 : 1;
-      if (!v.single) {
-        run.fit.gammas.push_back(s1);
+      if (v.unitdiag) {
+        run.fit.gammas = s1;
+        run.fit.add_section(nu, nu, 8, 1);
+      } else if (!v.single) {
+        run.fit.gammas.push_back(s1[0]);
         run.fit.add_section(nu, 1, 0, 1);
       }
       const int g0 = static_cast<int>(run.fit.gammas.size()) + 1;
@@ -240,7 +246,7 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
       Mat r(no * no), x(no * neq, 0.0);
       for (int a = 0; a < no; ++a) {
         for (int b = 0; b < no; ++b)
-          r[a * no + b] = v.sigma2 * s1 * vtest::at(sig, t, o[a] + 1, o[b] + 1) /
+          r[a * no + b] = v.sigma2 * s1[u] * vtest::at(sig, t, o[a] + 1, o[b] + 1) /
                           std::sqrt(wts[u * t + o[a]] * wts[u * t + o[b]]);
         const int rec = u * t + o[a];
         for (i64 k = d.start[rec]; k < d.start[rec + 1]; ++k) x[a * neq + d.col[k - 1] - 1] = d.val[k - 1];
