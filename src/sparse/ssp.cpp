@@ -196,6 +196,13 @@ int multivariate(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
   const DesignView& d = sec.design;
   const RowSource& src = sec.rsrc;
   const bool identity = sec.termcode == -1;
+  // A caller that hands no multivariate scratch has not set the section up
+  // for several traits (views and the log-determinant convention above).
+  if (sec.mvwork.empty() && sec.mviwork.empty()) {
+    g5verror(" Multivariate residual sections not available yet", 3);
+    err += 1000;
+    return 1;
+  }
 
   // Permitted structures.
   bool ok = nrec % t == 0;

@@ -317,6 +317,18 @@ TEST(SspMulti, UnhandledStructuresAndFullStoreAreFaults) {
     EXPECT_NE(out.find("XXS 200"), std::string::npos) << out;
     EXPECT_EQ(st.s.lx, neq - nd);  // nothing added
   }
+  // A caller that has not set the section up for several traits.
+  {
+    MvRun run(d, t, neq);
+    run.sec.termcode = -1;
+    run.sec.mvwork = span<double>();
+    run.sec.mviwork = span<int>();
+    tarnel::clear_message_store();
+    Store st(neq, nd, 2000);
+    EXPECT_EQ(tarnel::g5vxxs(st.s, run.sec, run.w), 1);
+    EXPECT_EQ(run.err, 1000);
+    EXPECT_EQ(tarnel::message_text(0), " Multivariate residual sections not available yet");
+  }
   // A store too small for the equations.
   MvRun run(d, t, neq);
   run.fit.gammas = {1.0, 1.0, 0.3, 1.5};
