@@ -137,6 +137,23 @@ struct RowSource {
   span<double> scratch;                 // one section row, scattered
   span<int> scols;                      // its columns
 };
+// Augmented rows: the weighted design row of each record, (R^-1 X)(r, .)
+// over the columns that take part, kept beside the equations for the
+// working variates.  Row r (a design record, 1-based over the whole design)
+// holds its entries at val/col positions start(r) .. start(r+1)-1 (1-based,
+// columns ascending); `used` is the fill so far.  Sections fill their
+// records in order; a record that adds nothing (skipped, missing response)
+// has an empty row.  `start` needs one entry more than the last record.
+struct AugmentedRows {
+  span<double> val;
+  span<i32> col;
+  span<i64> start;
+  i64 used = 0;
+};
+
+// Flag bits of a section.
+constexpr int kSspAugment = 1;  // store the augmented rows in *aug
+
 // One R section for g5vxxs.
 struct SspSection {
   DesignView design;
@@ -154,26 +171,81 @@ struct SspSection {
   span<double> rrow;           // general case: one row of R^-1, scattered
                                // over the section's records (records reals)
   span<int> rcols;             // general case: its columns (records ints)
-  double sectlogdet = 0;       // general case: log |R| of the section's
-                               // own structure, added as it stands
+  double sectlogdet = 0;       // general and multivariate cases: log |R| of
+                               // the section's own structure over all its
+                               // records, added as it stands (see below)
+  double missing = kMissing;   // missing-value code of the response
+  int flags = 0;               // kSspAugment: fill *aug
+  AugmentedRows* aug = nullptr;
+  span<double> mvwork;         // multivariate: mv_scratch_reals(T) reals
+  span<int> mviwork;           // multivariate: mv_scratch_ints(T) ints
   double* logdet = nullptr;    // the R section's log determinant (adds)
   i64* skipped = nullptr;      // records skipped
   int* err = nullptr;          // error word
   bool trace = false;
 };
 
+// Multivariate sections (ntraits T > 1).  The section's records are units
+// of T consecutive design records, one per trait (trait fastest).  R is
+// block diagonal by unit: R_u = sigma2 * W_u^-1/2 Sigma_u W_u^-1/2 over the
+// unit's observed traits, W_u the records' weights (none: 1).  Permitted:
+//  - termcode -1: Sigma_u = gamma I (gamma the parameter named by word 4 of
+//    the section's struc row, when it names one; otherwise 1);
+//  - termcode -3 with rsrc a direct product whose last factor has order T
+//    and whose earlier factors are identities or diagonals (model 0 or 8,
+//    or of order 1): Sigma_u = c_u Sigma, c_u the product of the earlier
+//    factors' elements at the unit.  With one factor the product is taken
+//    as I x Sigma over the section's units; with several the orders must
+//    multiply to the record count.
+// A trait is observed when its response is not missing (the code above or
+// a mark of 1e37) and its weight is not 0; unobserved records count as
+// skipped.  R_u^-1 is the inverse of the observed block of Sigma_u, not
+// the observed block of Sigma_u^-1.
+// Log determinant: the caller passes in sectlogdet the log determinant the
+// section would have with every record observed, as in the general case
+// (for termcode -1: the record count times log gamma), and adds nothing
+// itself; g5vxxs adds it and corrects it unit by unit, so that the result
+// is the sum over units of log |R_u| of the observed records, including
+// sigma2 and the weights.
+// Anything else: "Invalid Multivariate Error Structure" (message store;
+// with trace also "XXS 200" and the section's words on the console), error
+// word + 1000.
+inline i64 mv_scratch_reals(int t) {
+  return 2 * static_cast<i64>(t) * t + static_cast<i64>(t) * (t + 1) / 2 + 3 * static_cast<i64>(t);
+}
+inline i64 mv_scratch_ints(int t) { return 5 * static_cast<i64>(t); }
+
 // g5vxxs: adds the section's X'R^-1 X to the store.  Result 0; 1 on fault
-// (err set: +6 out of memory, 130 column above NEQ, 136 broken row).
+// (err set: +6 out of memory, 130 column above NEQ or views too small, 136
+// broken row, +1000 a multivariate section that cannot be handled, or the
+// fault of the structure rows).
 int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w);
 
 int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
            double scale, int& ifault);
 
-// g5vxxm: one block of R^-1 for multivariate records: rows `nrow` of trait
-// order `t`, observed traits in pattern (1 observed), out by rows in block
-// (t*t reals).  Result 1 on fault.
-int g5vxxm(i64 startrow, int nrow, int t, span<const int> pattern, const RowSource& src,
-           span<double> block, int& ifault);
+// g5vxxm: one block of R^-1 for a unit of a multivariate section.
+//   startrow: 0-based running row of the product at the unit's first trait
+//             ((unit-1) * t for a product over units x traits)
+//   t:        trait order (the order of the product's last factor)
+//   pattern:  t words, 0 for an unobserved trait
+//   roots:    t square roots of the records' weights, or empty (none)
+//   src:      the product (inverse halves); earlier factors must deliver a
+//             single diagonal element at the unit
+// Out: block, t*t reals by rows: the inverse of the observed block of
+// Sigma_u (see SspSection), rows and columns of unobserved traits 0, row i
+// and column j times roots(i) roots(j).  corr: log |P_mm|, P = Sigma_u^-1
+// and m the unobserved traits (0 when all are observed), so that
+// log |Sigma_u,oo| = log |Sigma_u| + corr.  The weights are not in corr.
+// scratch: mv_scratch_reals(t) reals less t*t (the caller's block lies in
+// front), iscratch: 3t ints.  Result 1 on fault: the fault of g5vvrw,
+// 6 for views too small, 1000 + the factor's model for an earlier factor
+// that is not diagonal at the unit ("Invalid Multivariate Error
+// Structure"), 1000 + the model of the last factor when the unobserved
+// block of Sigma_u^-1 is not positive definite.
+int g5vxxm(i64 startrow, int t, span<const int> pattern, span<const double> roots,
+           const RowSource& src, span<double> block, double& corr, span<double> scratch,
+           span<int> iscratch, int& ifault);
 
 // A G term for g5vxxg.
 struct GTerm {

@@ -305,7 +305,27 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     sec.logdet = &logdet;
     sec.skipped = &skipped;
     sec.err = &err;
+    // Augmented rows: each record's weighted design row.
+    std::vector<double> aval(2000);
+    std::vector<i32> acol(2000);
+    std::vector<i64> astart(nrec + 1, -1);
+    tarnel::AugmentedRows aug{span<double>(aval.data(), aval.size()), span<i32>(acol.data(), acol.size()),
+                              span<i64>(astart.data(), astart.size())};
+    sec.flags = tarnel::kSspAugment;
+    sec.aug = &aug;
     ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
+    for (int i = 0; i < nrec; ++i) {
+      const double wi = (weighted ? wts[i] : 1.0) / 2.5;
+      if (wi == 0.0) {
+        EXPECT_EQ(astart[i + 1], astart[i]);
+        continue;
+      }
+      ASSERT_EQ(astart[i + 1] - astart[i], d.start[i + 1] - d.start[i]);
+      for (i64 k = 0; k < d.start[i + 1] - d.start[i]; ++k) {
+        EXPECT_EQ(acol[astart[i] + k - 1], d.col[d.start[i] + k - 1]);
+        EXPECT_NEAR(aval[astart[i] + k - 1], wi * d.val[d.start[i] + k - 1], 1e-14);
+      }
+    }
     // G: term 1 (equations 2..10) fixed, term 2 (11..25) scale gamma 2,
     // term 3 (26..40) scale gamma 3.
     std::vector<tarnel::GTerm> terms(3);
@@ -425,6 +445,13 @@ TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
   sec.logdet = &logdet;
   sec.skipped = &skipped;
   sec.err = &err;
+  std::vector<double> aval(4000);
+  std::vector<i32> acol(4000);
+  std::vector<i64> astart(nrec + 1, -1);
+  tarnel::AugmentedRows aug{span<double>(aval.data(), aval.size()), span<i32>(acol.data(), acol.size()),
+                            span<i64>(astart.data(), astart.size())};
+  sec.flags = tarnel::kSspAugment;
+  sec.aug = &aug;
   ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
   // Dense reference.
   std::vector<double> R(nrec * nrec, 0.0), X(nrec * neq, 0.0);
@@ -453,6 +480,16 @@ TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
         for (int b = 0; b < nrec; ++b) ref += X[a * neq + r - 1] * R[a * nrec + b] * X[b * neq + c - 1];
       EXPECT_NEAR(got(r, c), ref, 1e-12 * (1 + std::fabs(ref))) << r << "," << c;
     }
+  // Augmented row a: (R^-1 X)(a, .).
+  for (int a = 0; a < nrec; ++a) {
+    std::vector<double> row(neq, 0.0);
+    for (i64 k = astart[a]; k < astart[a + 1]; ++k) row[acol[k - 1] - 1] += aval[k - 1];
+    for (int c = 0; c < neq; ++c) {
+      double ref = 0;
+      for (int b = 0; b < nrec; ++b) ref += R[a * nrec + b] * X[b * neq + c];
+      EXPECT_NEAR(row[c], ref, 1e-12 * (1 + std::fabs(ref))) << a + 1 << "," << c + 1;
+    }
+  }
   for (int k = 0; k < neq; ++k) {
     EXPECT_EQ(acc[k], 0.0);  // scratch left clear
     EXPECT_EQ(links[k], 0);
