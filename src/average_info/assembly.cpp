@@ -153,6 +153,8 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
   constexpr i32 NB = 16;
   constexpr i64 CH = 256;
+  constexpr i64 KC = 128;
+  const double* zrows[KC];
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const i32 nd = st.ndense;
@@ -185,23 +187,20 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
         double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
         for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
       }
-      // Four rows of Z(A,A) at a time, applied to every row of the panel
-      // while their chunk is in cache.
-      i64 k = 0;
-      for (; k + 3 < na; k += 4) {
-        const double *z0 = &Z[k * n], *z1 = z0 + n, *z2 = z1 + n, *z3 = z2 + n;
-        for (i32 r = 0; r < nb; ++r) {
-          const double* l = lb + static_cast<i64>(r) * n + k;
-          if (l[0] == 0.0 && l[1] == 0.0 && l[2] == 0.0 && l[3] == 0.0) continue;
-          axpy4(&Z[static_cast<i64>(p0 - 2 + r) * n], z0, z1, z2, z3, l[0], l[1], l[2], l[3], j0,
-                j1 - 1);
+      // In steps of KC rows of Z(A,A), four panel rows at a time.
+      for (i64 k0 = 0; k0 < na; k0 += KC) {
+        const int kc = static_cast<int>(std::min<i64>(KC, na - k0));
+        for (int k = 0; k < kc; ++k) zrows[k] = &Z[(k0 + k) * n];
+        i32 r = 0;
+        for (; r + 3 < nb; r += 4) {
+          double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
+          update4(g, g + n, g + 2 * n, g + 3 * n, lb + static_cast<i64>(r) * n + k0, n, zrows, kc,
+                  j0, j1 - 1);
         }
+        for (; r < nb; ++r)
+          update1(&Z[static_cast<i64>(p0 - 2 + r) * n], lb + static_cast<i64>(r) * n + k0, zrows,
+                  kc, j0, j1 - 1);
       }
-      for (; k < na; ++k)
-        for (i32 r = 0; r < nb; ++r) {
-          const double lk = lb[static_cast<i64>(r) * n + k];
-          if (lk != 0.0) axpy1(&Z[static_cast<i64>(p0 - 2 + r) * n], &Z[k * n], lk, j0, j1 - 1);
-        }
     }
     for (i32 r = 0; r < nb; ++r) {
       const i32 p = p0 + r;

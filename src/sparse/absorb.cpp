@@ -436,6 +436,7 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
   auto absorb_block = [&](i32 q) -> i32 {
     double* prow[NB];
     double prhs[NB], pr[NB], w[NB];
+    double w4[4][NB];
     while (q > nd) {
       const i32 pend = std::max(nd + 1, q - NB + 1);
       int np = 0;
@@ -472,9 +473,11 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
         pr[np] = r;
         ++np;
       }
-      for (i32 c = pend - 1; np > 0 && c >= 1; --c) {
-        double* y = nullptr;  // y[j]: column j >= 2 of row c
-        double* y1;           // column 1 of row c
+      // The panel's pivots update every row below it: four rows at a time
+      // on the columns they share, then each row on the rest of its own.
+      const double* const* pb = prow;
+      auto target = [&](i32 c, double*& y, double*& y1) {
+        y = nullptr;  // y[j]: column j >= 2 of row c
         if (c > nd) {
           y = block_row(pool, nd, c);
           y1 = &pool.val(c - nd);
@@ -483,29 +486,45 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
           y1 = &st.x[base];
           if (c >= 2) y = &st.x[base + 1] - 2;
         }
+      };
+      auto weights = [&](i32 c, double* wr) {
         bool any = false;
         for (int k = 0; k < np; ++k) {
           const double am = (c >= 2 ? prow[k][c] : prhs[k]) * pr[k];
-          w[k] = std::fabs(am) < tiny ? 0.0 : am;
-          any = any || w[k] != 0.0;
+          wr[k] = std::fabs(am) < tiny ? 0.0 : am;
+          any = any || wr[k] != 0.0;
         }
-        if (!any) continue;
-        int k = 0;
+        return any;
+      };
+      auto rhs = [&](const double* wr, double* y1) {
         double s1 = 0.0;
-        for (; k + 4 <= np; k += 4) {
-          if (w[k] == 0.0 && w[k + 1] == 0.0 && w[k + 2] == 0.0 && w[k + 3] == 0.0) continue;
-          if (c >= 2)
-            axpy4(y, prow[k], prow[k + 1], prow[k + 2], prow[k + 3], w[k], w[k + 1], w[k + 2],
-                  w[k + 3], 2, c);
-          s1 += w[k] * prhs[k] + w[k + 1] * prhs[k + 1] + w[k + 2] * prhs[k + 2] +
-                w[k + 3] * prhs[k + 3];
-        }
-        for (; k < np; ++k) {
-          if (w[k] == 0.0) continue;
-          if (c >= 2) axpy1(y, prow[k], w[k], 2, c);
-          s1 += w[k] * prhs[k];
-        }
+        for (int k = 0; k < np; ++k) s1 += wr[k] * prhs[k];
         *y1 -= s1;
+      };
+      for (i32 c = pend - 1; np > 0 && c >= 1;) {
+        if (c >= 5) {
+          double* y[4];
+          double* y1[4];
+          bool any = false;
+          for (int r = 0; r < 4; ++r) {
+            target(c - r, y[r], y1[r]);
+            any = weights(c - r, w4[r]) || any;
+          }
+          if (any) {
+            update4(y[0], y[1], y[2], y[3], w4[0], NB, pb, np, 2, c - 3);
+            for (int r = 0; r < 3; ++r) update1(y[r], w4[r], pb, np, c - 2, c - r);
+            for (int r = 0; r < 4; ++r) rhs(w4[r], y1[r]);
+          }
+          c -= 4;
+          continue;
+        }
+        double *y, *y1;
+        target(c, y, y1);
+        if (weights(c, w) ) {
+          if (c >= 2) update1(y, w, pb, np, 2, c);
+          rhs(w, y1);
+        }
+        --c;
       }
       if (stopped) return qq;
       q = pend - 1;

@@ -19,6 +19,15 @@ void axpy1(double* __restrict y, const double* __restrict a0, double w0, i64 lo,
 // Sum of a[j] b[j] for j in [lo, hi].
 double dot(const double* __restrict a, const double* __restrict b, i64 lo, i64 hi);
 
+// Rank-nk updates of rows: y_r[j] -= sum over k < nk of w[r*ldw + k] b[k][j]
+// for j in [lo, hi].  update4 takes four rows y0..y3 at once, so that each
+// element of the b rows is loaded once for the four; the sums over k are
+// formed in registers before they are subtracted.  The y rows must not
+// overlap the b rows.
+void update4(double* y0, double* y1, double* y2, double* y3, const double* w, i64 ldw,
+             const double* const* b, int nk, i64 lo, i64 hi);
+void update1(double* y, const double* w, const double* const* b, int nk, i64 lo, i64 hi);
+
 }  // namespace tarnel
 
 #endif
