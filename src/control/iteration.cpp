@@ -34,13 +34,15 @@ struct Bump {
   const WorkArray* x;
   i64 lo, hi;
   bool ok = true;
-  double* take(i64 words) {
+  // Words handed out cleared, or, for the store (whose slots are written
+  // before they are read), as they stand.
+  double* take(i64 words, bool cleared = true) {
     if (words < 0 || lo + words > hi) {
       ok = false;
       return nullptr;
     }
     double* p = x->r + lo;
-    std::memset(p, 0, static_cast<std::size_t>(words) * sizeof(double));
+    if (cleared) std::memset(p, 0, static_cast<std::size_t>(words) * sizeof(double));
     lo += words;
     return p;
   }
@@ -264,8 +266,8 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
     g5verror("MME too large for workspace allocated", 3);
     return g5vflt(nfault, 6);
   }
-  double* xs = bump.take(lssp + pool);
-  i32* ls = reinterpret_cast<i32*>(bump.take(pool + neq + 4));
+  double* xs = bump.take(lssp + pool, false);
+  i32* ls = reinterpret_cast<i32*>(bump.take(pool + neq + 4, false));
   double* wk = bump.lo < bump.hi ? x.r + bump.lo : nullptr;
   const i64 lenwk = bump.hi - bump.lo;
   if (!bump.ok || wk == nullptr) return g5vflt(nfault, 6);
