@@ -239,6 +239,58 @@ inline std::vector<int> shuffled(int n, int nd, unsigned seed) {
   return o;
 }
 
+// The store read back as a dense matrix; a sparse row's chain must hold
+// ascending columns ending at its diagonal (NaN in the diagonal if not).
+inline Dense read_store(const Store& st) {
+  const int neq = st.s.neq;
+  tarnel::Pool p = st.s.pool();
+  Dense got(neq);
+  for (int r = 1; r <= neq; ++r) {
+    if (r <= st.s.ndense) {
+      for (int c = 1; c <= r; ++c) got.add_sym(r, c, st.s.dense(r, c));
+      continue;
+    }
+    if (p.lnk(st.s.head(r)) == -1) continue;
+    int last = 0;
+    for (i64 s = st.s.head(r); s > 0; s = p.lnk(s)) {
+      if (p.col(s) <= last) got(r, r) = NAN;
+      last = p.col(s);
+      got.add_sym(r, p.col(s), p.val(s));
+    }
+    if (last != r) got(r, r) = NAN;
+  }
+  return got;
+}
+
+// Equation `e` made a copy of equation `of`: aliased.
+inline void alias(Dense& c, int e, int of) {
+  for (int j = 1; j <= c.n; ++j) c(e, j) = c(j, e) = c(of, j);
+  c(e, e) = c(e, of) = c(of, e) = c(of, of);
+}
+
+// 20 generated equations and two constraint rows with a zero diagonal
+// (sums over effects 2..6 and 7..12), placed where they are absorbed first.
+inline Dense constraint_system() {
+  const int nbase = 20, neq = nbase + 2;
+  Design d = make_design(nbase, 60, 3, 21, 0.0);
+  Dense c(neq);
+  for (int i = 1; i <= nbase; ++i)
+    for (int j = 1; j <= nbase; ++j) c(i, j) = d.c(i, j);
+  for (int e = 2; e <= 6; ++e) c.add_sym(nbase + 1, e, 1.0);
+  for (int e = 7; e <= 12; ++e) c.add_sym(nbase + 2, e, 1.0 + 0.1 * e);
+  for (int e = 2; e <= nbase; ++e) c(e, e) += 0.01;
+  return c;
+}
+
+// 110 generated equations (more than three panels of pivots) with
+// equation 70 aliased to 40.
+inline Dense block_system() {
+  Design d = make_design(110, 400, 5, 41, 0.0);
+  for (int e = 2; e <= 110; ++e) d.c(e, e) += 0.05;
+  alias(d.c, 70, 40);
+  return d.c;
+}
+
 inline double rel(double a, double b) { return std::fabs(a - b) / std::fmax(1.0, std::fabs(b)); }
 
 }  // namespace tarnel_test

@@ -324,53 +324,26 @@ TEST(Design, TermFunctionCodes) {
     const int lev = static_cast<int>(h.data[4 * (r - 1) + 3]);
     Row want{{1, static_cast<double>(r)}};
     int e = 1;
-    auto put = [&](int at, double val) {
-      if (val != 0.0) want[e + at] += val;
+    // Value val in column k (none: 0) of the next term, `width` columns wide.
+    auto put = [&](int width, int k, double val) {
+      if (k > 0 && val != 0.0) want[e + k] += val;
+      e += width;
     };
-    put(1, std::log(v + 1));
-    e += 1;
-    put(1, std::exp(v));
-    e += 1;
-    if (v >= 0) put(1, std::sqrt(v));
-    e += 1;
-    put(1, 1 / (v - 1));
-    e += 1;
-    put(1, std::sin(2 * pi32 * v / 12));
-    e += 1;
-    put(1, std::cos(2 * pi32 * v / 12));
-    e += 1;
-    put(1, v > 0.5);
-    e += 1;
-    put(1, v < 0.5);
-    e += 1;
-    if (v > 0) put(1, std::pow(v, 2.5));
-    e += 1;
-    put(1, std::fabs(v));
-    e += 1;
-    put(1, lev == 2);
-    e += 1;
-    put(1, lev >= 1 && lev <= 2);
-    e += 1;
-    put(1, 3 * v + 2 * w2);
-    e += 1;
-    if (w2 == 20) put(2, 1.0);
-    if (w2 == 30) put(3, 1.0);
-    e += 3;
+    const double one[] = {std::log(v + 1), std::exp(v), v >= 0 ? std::sqrt(v) : 0.0, 1 / (v - 1),
+                          std::sin(2 * pi32 * v / 12), std::cos(2 * pi32 * v / 12),
+                          v > 0.5 ? 1.0 : 0.0, v < 0.5 ? 1.0 : 0.0, v > 0 ? std::pow(v, 2.5) : 0.0,
+                          std::fabs(v), lev == 2 ? 1.0 : 0.0, lev <= 2 ? 1.0 : 0.0, 3 * v + 2 * w2};
+    for (double x : one) put(1, 1, x);
+    put(3, w2 == 20 ? 2 : w2 == 30 ? 3 : 0, 1.0);
     const int map[3] = {2, 0, 1};
-    if (map[lev - 1] > 0) put(map[lev - 1], 1.0);
-    e += 2;
-    const int rt[3] = {2, 0, 1};
-    if (rt[lev - 1] > 0) put(rt[lev - 1], 1.0);
+    put(2, map[lev - 1], 1.0);
+    put(0, map[lev - 1], 1.0);  // the real table holds the same levels
     e += 3;
-    put(lev, 1.0);
-    put(lev + 1, 1.0);
-    e += 4;
-    put(1, r == 2);
-    e += 1;
-    put(1, 1.0);
-    e += 1;
-    put(1, r);
-    e += 1;
+    put(0, lev, 1.0);
+    put(4, lev + 1, 1.0);
+    put(1, 1, r == 2);
+    put(1, 1, 1.0);
+    put(1, 1, r);
     EXPECT_EQ(h.row(r), want) << "record " << r;
   }
 }

@@ -86,21 +86,6 @@ MvDesign mv_design(int nu, int t, int neq, unsigned seed) {
   return d;
 }
 
-Dense read_store(const Store& st) {
-  const int neq = st.s.neq;
-  tarnel::Pool p = st.s.pool();
-  Dense got(neq);
-  for (int r = 1; r <= neq; ++r) {
-    if (r <= st.s.ndense) {
-      for (int c = 1; c <= r; ++c) got.add_sym(r, c, st.s.dense(r, c));
-      continue;
-    }
-    if (p.lnk(st.s.head(r)) == -1) continue;
-    for (i64 s = st.s.head(r); s > 0; s = p.lnk(s)) got.add_sym(r, p.col(s), p.val(s));
-  }
-  return got;
-}
-
 // Everything one multivariate section needs, owned here.
 struct MvRun {
   vtest::Fit fit;

@@ -540,19 +540,7 @@ TEST(VarianceFormation, LinksDeliverTheKnownInverseScaled) {
     } else if (t == 9) {
       vals = pack(M, n);
     } else {
-      ints.push_back(1);
-      std::vector<int> cols;
-      for (int i = 1; i <= n; ++i) {
-        for (int j = 1; j <= i; ++j)
-          if (at(M, n, i, j) != 0.0) {
-            vals.push_back(at(M, n, i, j));
-            cols.push_back(j);
-          }
-        ints.push_back(static_cast<int>(vals.size()) + 1);
-      }
-      ints.insert(ints.end(), cols.begin(), cols.end());
-      ints.insert(ints.end(), n, 0);  // cursors
-      if (transposed) append_transpose(ints, n);
+      sparse_lower(M, n, transposed, vals, ints);
     }
     // The slot starts as the mark of an unknown log determinant.
     Fit f;
@@ -602,18 +590,12 @@ TEST(SparseKnownRows, TransposedIndexGivesTheSameRows) {
     for (int j = 1; j < i; ++j)
       if (u(rng) > 0.75 || (i == n && j == 1)) at(M, n, i, j) = at(M, n, j, i) = u(rng);
   }
-  std::vector<double> real{0.0};
-  std::vector<int> plain{1}, cols;
-  for (int i = 1; i <= n; ++i) {
-    for (int j = 1; j <= i; ++j)
-      if (at(M, n, i, j) != 0.0 || j == i) real.push_back(at(M, n, i, j)), cols.push_back(j);
-    plain.push_back(static_cast<int>(real.size()));
-  }
-  plain.insert(plain.end(), cols.begin(), cols.end());
-  plain.insert(plain.end(), n, 0);
-  std::vector<int> trans = plain;
-  append_transpose(trans, n);
-  const int nnz = static_cast<int>(cols.size());
+  std::vector<double> real;
+  std::vector<int> plain, trans;
+  sparse_lower(M, n, true, real, trans);
+  sparse_lower(M, n, false, real, plain);
+  real.insert(real.begin(), 0.0);  // the log determinant slot
+  const int nnz = static_cast<int>(real.size()) - 1;
   const std::size_t cur = n + 1 + nnz, tstart = cur + n, trow = tstart + n + 1, tpos = trow + (nnz - n);
 
   const double scale = 2.5;
