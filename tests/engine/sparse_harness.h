@@ -262,6 +262,51 @@ inline Dense read_store(const Store& st) {
   return got;
 }
 
+// One SSP section over records 1..n of a design, with the scratch, the
+// augmented rows and the outputs owned here (set in place: it points into
+// itself).
+struct SspRun {
+  std::vector<double> acc, aval;
+  std::vector<i32> list, links, acol;
+  std::vector<i64> astart;
+  tarnel::SspScratch w;
+  tarnel::AugmentedRows aug;
+  tarnel::SspSection sec;
+  double logdet = 0;
+  i64 skipped = 0;
+  int err = 0;
+  SspRun(const std::vector<double>& val, const std::vector<i32>& col, const std::vector<i64>& start, int neq)
+      : acc(neq, 0.0), aval(4000), list(neq + 1), links(2 * neq + 2, 0), acol(4000), astart(start.size(), -1) {
+    w = {tarnel::span<double>(acc.data(), acc.size()), tarnel::span<i32>(list.data(), list.size()),
+         tarnel::span<i32>(links.data(), links.size())};
+    aug = {tarnel::span<double>(aval.data(), aval.size()), tarnel::span<i32>(acol.data(), acol.size()),
+           tarnel::span<i64>(astart.data(), astart.size())};
+    sec.design = {tarnel::span<const double>(val.data(), val.size()), tarnel::span<const i32>(col.data(), col.size()),
+                  tarnel::span<const i64>(start.data(), start.size())};
+    sec.first = 1;
+    sec.last = static_cast<i64>(start.size()) - 1;
+    sec.logdet = &logdet;
+    sec.skipped = &skipped;
+    sec.err = &err;
+  }
+  void augment() {
+    sec.flags = tarnel::kSspAugment;
+    sec.aug = &aug;
+  }
+  // The augmented row of record a (from 0) as a dense row; empty if none.
+  std::vector<double> aug_row(int a, int neq) const {
+    if (astart[a + 1] == astart[a]) return {};
+    std::vector<double> row(neq, 0.0);
+    for (i64 k = astart[a]; k < astart[a + 1]; ++k) row[acol[k - 1] - 1] += aval[k - 1];
+    return row;
+  }
+  bool scratch_clear() const {
+    for (size_t k = 0; k < acc.size(); ++k)
+      if (acc[k] != 0.0 || links[k] != 0) return false;
+    return true;
+  }
+};
+
 // Equation `e` made a copy of equation `of`: aliased.
 inline void alias(Dense& c, int e, int of) {
   for (int j = 1; j <= c.n; ++j) c(e, j) = c(j, e) = c(of, j);

@@ -246,50 +246,24 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
   for (int i = 0; i < nrec; ++i) wts[i] = (i % 7 == 0) ? 0.0 : 0.5 + (i % 5) * 0.25;
   for (int weighted : {0, 1}) {
     Store st(neq, nd, 20000);
-    std::vector<double> acc(neq, 0.0);
-    std::vector<i32> list(neq + 1), links(2 * neq + 2);
-    tarnel::SspScratch w{span<double>(acc.data(), acc.size()), span<i32>(list.data(), list.size()),
-                         span<i32>(links.data(), links.size())};
-    double logdet = 0;
-    i64 skipped = 0;
-    int err = 0;
+    SspRun run(d.val, d.col, d.start, neq);
     std::vector<int> struc(15, 0);
     std::vector<double> gammas{2.0, 0.5, 4.0};
-    tarnel::SspSection sec;
-    sec.design = {span<const double>(d.val.data(), d.val.size()),
-                  span<const i32>(d.col.data(), d.col.size()),
-                  span<const i64>(d.start.data(), d.start.size())};
-    sec.struc = span<const int>(struc.data(), struc.size());
-    sec.lstruc = 15;
-    sec.termcode = weighted ? 0 : -1;
-    sec.first = 1;
-    sec.last = nrec;
-    sec.sigma2 = 2.5;
-    sec.gammas = span<const double>(gammas.data(), gammas.size());
-    sec.weights = span<const double>(wts.data(), wts.size());
-    sec.logdet = &logdet;
-    sec.skipped = &skipped;
-    sec.err = &err;
-    // Augmented rows: each record's weighted design row.
-    std::vector<double> aval(2000);
-    std::vector<i32> acol(2000);
-    std::vector<i64> astart(nrec + 1, -1);
-    tarnel::AugmentedRows aug{span<double>(aval.data(), aval.size()), span<i32>(acol.data(), acol.size()),
-                              span<i64>(astart.data(), astart.size())};
-    sec.flags = tarnel::kSspAugment;
-    sec.aug = &aug;
-    ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
+    run.sec.struc = span<const int>(struc.data(), struc.size());
+    run.sec.lstruc = 15;
+    run.sec.termcode = weighted ? 0 : -1;
+    run.sec.sigma2 = 2.5;
+    run.sec.gammas = span<const double>(gammas.data(), gammas.size());
+    run.sec.weights = span<const double>(wts.data(), wts.size());
+    run.augment();  // each record's weighted design row
+    ASSERT_EQ(tarnel::g5vxxs(st.s, run.sec, run.w), 0) << run.err;
     for (int i = 0; i < nrec; ++i) {
       const double wi = (weighted ? wts[i] : 1.0) / 2.5;
-      if (wi == 0.0) {
-        EXPECT_EQ(astart[i + 1], astart[i]);
-        continue;
-      }
-      ASSERT_EQ(astart[i + 1] - astart[i], d.start[i + 1] - d.start[i]);
-      for (i64 k = 0; k < d.start[i + 1] - d.start[i]; ++k) {
-        EXPECT_EQ(acol[astart[i] + k - 1], d.col[d.start[i] + k - 1]);
-        EXPECT_NEAR(aval[astart[i] + k - 1], wi * d.val[d.start[i] + k - 1], 1e-14);
-      }
+      std::vector<double> want(neq, 0.0);
+      for (i64 k = d.start[i]; k < d.start[i + 1]; ++k) want[d.col[k - 1] - 1] += wi * d.val[k - 1];
+      const std::vector<double> got = run.aug_row(i, neq);
+      EXPECT_EQ(got.empty(), wi == 0.0) << i;
+      for (size_t c = 0; c < got.size(); ++c) EXPECT_NEAR(got[c], want[c], 1e-14) << i;
     }
     // G: term 1 (equations 2..10) fixed, term 2 (11..25) scale gamma 2,
     // term 3 (26..40) scale gamma 3.
@@ -301,7 +275,7 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     terms[2].code = 3;
     int nf = 0;
     ASSERT_EQ(tarnel::g5vxxg(st.s, span<const tarnel::GTerm>(terms.data(), terms.size()),
-                             span<const double>(gammas.data(), gammas.size()), w, nf),
+                             span<const double>(gammas.data(), gammas.size()), run.w, nf),
               0);
     // Dense reference from the records.
     Dense ref(neq);
@@ -316,12 +290,12 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     const Dense got = read_store(st);
     for (int i = 1; i <= neq; ++i)
       for (int j = 1; j <= i; ++j) EXPECT_NEAR(got(i, j), ref(i, j), 1e-12 * (1 + std::fabs(ref(i, j))));
-    EXPECT_EQ(skipped, weighted ? (nrec + 6) / 7 : 0);
+    EXPECT_EQ(run.skipped, weighted ? (nrec + 6) / 7 : 0);
     double ldref = nrec * std::log(2.5);
     if (weighted)
       for (double x : wts)
         if (x > 0) ldref -= std::log(x);
-    EXPECT_NEAR(logdet, ldref, 1e-9);
+    EXPECT_NEAR(run.logdet, ldref, 1e-9);
   }
 }
 
@@ -367,19 +341,9 @@ TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
   std::vector<double> scr(nb), rrow(nrec);
   std::vector<int> scols(nb), rcols(nrec);
   Store st(neq, nd, 20000);
-  std::vector<double> acc(neq, 0.0);
-  std::vector<i32> list(neq + 1), links(neq, 0);
-  tarnel::SspScratch w{span<double>(acc.data(), acc.size()), span<i32>(list.data(), list.size()),
-                       span<i32>(links.data(), links.size())};
-  double logdet = 0;
-  i64 skipped = 0;
-  int err = 0;
-  tarnel::SspSection sec;
-  sec.design = {span<const double>(d.val.data(), d.val.size()), span<const i32>(d.col.data(), d.col.size()),
-                span<const i64>(d.start.data(), d.start.size())};
+  SspRun run(d.val, d.col, d.start, neq);
+  tarnel::SspSection& sec = run.sec;
   sec.termcode = -3;
-  sec.first = 1;
-  sec.last = nrec;
   sec.sigma2 = 1.7;
   sec.rsrc.records = recs;
   sec.rsrc.rows = rows;
@@ -390,17 +354,8 @@ TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
   sec.rsrc.scols = span<int>(scols.data(), scols.size());
   sec.rrow = span<double>(rrow.data(), rrow.size());
   sec.rcols = span<int>(rcols.data(), rcols.size());
-  sec.logdet = &logdet;
-  sec.skipped = &skipped;
-  sec.err = &err;
-  std::vector<double> aval(4000);
-  std::vector<i32> acol(4000);
-  std::vector<i64> astart(nrec + 1, -1);
-  tarnel::AugmentedRows aug{span<double>(aval.data(), aval.size()), span<i32>(acol.data(), acol.size()),
-                            span<i64>(astart.data(), astart.size())};
-  sec.flags = tarnel::kSspAugment;
-  sec.aug = &aug;
-  ASSERT_EQ(tarnel::g5vxxs(st.s, sec, w), 0) << err;
+  run.augment();
+  ASSERT_EQ(tarnel::g5vxxs(st.s, sec, run.w), 0) << run.err;
   // Dense reference.
   std::vector<double> R(nrec * nrec, 0.0), X(nrec * neq, 0.0);
   for (int a = 0; a < nrec; ++a)
@@ -422,16 +377,13 @@ TEST(Ssp, GeneralCaseWithStructuredResidualRows) {
     }
   // Augmented row a: (R^-1 X)(a, .).
   for (int a = 0; a < nrec; ++a) {
-    std::vector<double> row(neq, 0.0);
-    for (i64 k = astart[a]; k < astart[a + 1]; ++k) row[acol[k - 1] - 1] += aval[k - 1];
+    const std::vector<double> row = run.aug_row(a, neq);
+    ASSERT_EQ(row.size(), static_cast<size_t>(neq)) << a;
     for (int c = 0; c < neq; ++c) {
       double ref = 0;
       for (int b = 0; b < nrec; ++b) ref += R[a * nrec + b] * X[b * neq + c];
       EXPECT_NEAR(row[c], ref, 1e-12 * (1 + std::fabs(ref))) << a + 1 << "," << c + 1;
     }
   }
-  for (int k = 0; k < neq; ++k) {
-    EXPECT_EQ(acc[k], 0.0);  // scratch left clear
-    EXPECT_EQ(links[k], 0);
-  }
+  EXPECT_TRUE(run.scratch_clear());
 }
