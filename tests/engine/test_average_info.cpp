@@ -1,9 +1,7 @@
 // The AI step against dense computations.  Each model is built by hand:
-// the coefficient matrix C is formed densely, factored in the same order
-// as absorption (last position first) and laid out in a row store exactly
-// as absorption leaves it (packed rows from the top of the pool, dense
-// triangle, DD, IW, solutions).  The AI matrix, the scores and the subset
-// of C^-1 are then compared with V, P and C^-1 formed densely.
+// the coefficient matrix C is formed densely and absorbed by g5vxxa in a
+// given order; the AI matrix, the scores and the subset of C^-1 are then
+// compared with V, P and C^-1 formed densely.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -39,24 +37,15 @@ Mat tr(const Mat& a) {
     for (size_t j = 0; j < a[0].size(); ++j) t[j][i] = a[i][j];
   return t;
 }
-Mat inv(Mat a) {  // Gauss-Jordan with partial pivoting
-  int n = a.size();
+Mat inv(const Mat& a) {  // by vtest::inverse (Gauss-Jordan, partial pivoting)
+  const int n = a.size();
+  vtest::Mat f(n * n);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) f[i * n + j] = a[i][j];
+  f = vtest::inverse(f, n);
   Mat b = zeros(n, n);
-  for (int i = 0; i < n; ++i) b[i][i] = 1.0;
-  for (int c = 0; c < n; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < n; ++r)
-      if (std::fabs(a[r][c]) > std::fabs(a[piv][c])) piv = r;
-    std::swap(a[c], a[piv]);
-    std::swap(b[c], b[piv]);
-    double d = a[c][c];
-    for (int j = 0; j < n; ++j) a[c][j] /= d, b[c][j] /= d;
-    for (int r = 0; r < n; ++r) {
-      if (r == c || a[r][c] == 0.0) continue;
-      double f = a[r][c];
-      for (int j = 0; j < n; ++j) a[r][j] -= f * a[c][j], b[r][j] -= f * b[c][j];
-    }
-  }
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) b[i][j] = f[i * n + j];
   return b;
 }
 double trace(const Mat& a) {
@@ -100,24 +89,23 @@ struct Model {
 };
 
 struct Built {
-  std::unique_ptr<tarnel_test::Store> store;  // when absorbed by g5vxxa
+  std::unique_ptr<tarnel_test::Store> store;
   tarnel_test::AbsorbRun absorbed;
-  std::vector<double> x;
-  std::vector<i32> l, iw;
+  std::vector<i32> iw;
   std::vector<double> dd, soln;
   MmeStore st;
   i64 off = 0;
   Mat cinv;                    // dense inverse by equation (singular rows 0)
   std::vector<bool> singular;  // by equation
-  std::vector<double> dv, dval;
+  std::vector<double> dval;
   std::vector<i32> dcol;
   std::vector<i64> dstart;
 };
 
-// Forms C, factors it in the order `perm` (perm[p-1] = equation at p) with
-// `ndense` dense positions, and lays it out as absorption would; with
-// `real` the store is loaded and g5vxxa does the factoring.
-void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, bool real = false) {
+// Forms C densely, loads it and absorbs it with g5vxxa in the order `perm`
+// (perm[p-1] = equation at p) with `ndense` dense positions; the solution
+// is checked against the dense one.
+void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b) {
   int n = m.neq, nrec = m.y.size();
   double gr = m.gammas[0];
   Mat c = zeros(n + 1, n + 1);  // 1-based by equation, response at 1
@@ -135,92 +123,23 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, b
     }
   for (int i = 2; i <= n; ++i)
     for (int j = 2; j <= n; ++j) c[i][j] += m.ginv[i - 2][j - 2];
-  // Position form with pattern.
-  std::vector<int> posof(n + 1);
-  for (int p = 1; p <= n; ++p) posof[perm[p - 1]] = p;
-  Mat a = zeros(n + 1, n + 1);
-  std::vector<std::vector<char>> pat(n + 1, std::vector<char>(n + 1, 0));
+  tarnel_test::Dense dc(n);
   for (int i = 1; i <= n; ++i)
-    for (int j = 1; j <= n; ++j) {
-      a[posof[i]][posof[j]] = c[i][j];
-      pat[posof[i]][posof[j]] = c[i][j] != 0.0 || i == j;
-    }
-  for (int p = 1; p <= n; ++p) pat[p][1] = pat[1][p] = 1;
-  b.iw.assign(2 * n, 0);
-  b.dd.assign(n, 0.0);
+    for (int j = 1; j <= n; ++j) dc(i, j) = c[i][j];
+  b.store = std::make_unique<tarnel_test::Store>(n, ndense, 4 * n * n + 100);
+  EXPECT_TRUE(tarnel_test::load(*b.store, dc));
+  std::vector<int> ord(n + 1, 0);
+  for (int p = 1; p <= n; ++p) ord[p] = perm[p - 1];
+  b.absorbed = tarnel_test::absorb(*b.store, ord);
+  EXPECT_EQ(b.absorbed.rc, 0) << b.absorbed.err;
+  b.st = b.store->s;
+  b.off = b.store->off();
+  b.iw = b.absorbed.iw;
+  b.dd = b.absorbed.dd;
   b.singular.assign(n + 1, false);
-  for (int p = 1; p <= n; ++p) b.iw[2 * (p - 1) + 1] = perm[p - 1];
-  for (int e = 1; e <= n; ++e) b.iw[2 * (e - 1)] = (e == 1) ? 0 : 1;
-  // Rows at their pivot time.
-  std::vector<std::vector<std::pair<int, double>>> prow(n + 1);
-  i64 lssp = static_cast<i64>(ndense) * (ndense + 1) / 2;
-  b.x.assign(lssp, 0.0);
-  for (int p = n; p >= 2; --p) {
-    for (int cc = 1; cc <= p; ++cc)
-      if (pat[p][cc]) prow[p].push_back({cc, a[p][cc]});
-    if (p <= ndense)
-      for (int cc = 1; cc <= p; ++cc) b.x[p * (p - 1) / 2 + cc - 1] = a[p][cc];
-    double d = a[p][p];
-    if (std::fabs(d) < 1e-9) {
-      b.singular[perm[p - 1]] = true;
-      b.iw[2 * (perm[p - 1] - 1)] = -1;
-      continue;
-    }
-    b.dd[p - 1] = 1.0 / d;
-    for (int i = 1; i < p; ++i) {
-      if (!pat[p][i]) continue;
-      for (int j = 1; j <= i; ++j) {
-        if (!pat[p][j]) continue;
-        a[i][j] -= a[p][i] * a[p][j] / d;
-        a[j][i] = a[i][j];
-        pat[i][j] = pat[j][i] = 1;
-      }
-    }
-  }
-  b.x[0] = a[1][1];
-  // Pool: heads, then packed rows from the top.
-  i64 heads = n - ndense, packed = 0;
-  for (int p = ndense + 1; p <= n; ++p) packed += prow[p].size();
-  i64 slots = heads + packed;
-  b.off = slots;
-  b.x.resize(lssp + slots, 0.0);
-  b.l.assign(2 * (slots + n + 1), 0);
-  for (i64 h = 1; h <= heads; ++h) b.l[2 * (h - 1)] = 1;
-  i64 top = slots;
-  for (int p = n; p > ndense; --p) {
-    b.l[2 * (b.off + p - 1) + 1] = static_cast<i32>(top);
-    for (auto& e : prow[p]) {
-      b.x[lssp + top - 1] = e.second;
-      b.l[2 * (top - 1)] = e.first;
-      --top;
-    }
-  }
-  b.st.x = span<double>(b.x);
-  b.st.l = span<i32>(b.l);
-  b.st.neq = n;
-  b.st.ndense = ndense;
-  b.st.lssp = lssp;
-  b.st.lx = heads;
-  b.st.len = slots;
-  if (real) {
-    tarnel_test::Dense dc(n);
-    for (int i = 1; i <= n; ++i)
-      for (int j = 1; j <= n; ++j) dc(i, j) = c[i][j];
-    b.store = std::make_unique<tarnel_test::Store>(n, ndense, 4 * n * n + 100);
-    EXPECT_TRUE(tarnel_test::load(*b.store, dc));
-    std::vector<int> ord(n + 1, 0);
-    for (int p = 1; p <= n; ++p) ord[p] = perm[p - 1];
-    b.absorbed = tarnel_test::absorb(*b.store, ord);
-    EXPECT_EQ(b.absorbed.rc, 0) << b.absorbed.err;
-    b.st = b.store->s;
-    b.off = b.store->off();
-    b.iw = b.absorbed.iw;
-    b.dd = b.absorbed.dd;
-    for (int e = 1; e <= n; ++e) b.singular[e] = false;
-    for (int p = 2; p <= n; ++p) {
-      int e = b.iw[2 * (p - 1) + 1];
-      b.singular[e] = b.iw[2 * (e - 1)] < 0 || b.dd[p - 1] == 0.0;
-    }
+  for (int p = 2; p <= n; ++p) {
+    int e = b.iw[2 * (p - 1) + 1];
+    b.singular[e] = b.iw[2 * (e - 1)] < 0 || b.dd[p - 1] == 0.0;
   }
   // Dense solution and inverse over the non-singular equations.
   std::vector<int> keep;
@@ -240,11 +159,9 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, b
     }
     b.soln[keep[i] - 1] = s;
   }
-  if (real) {
-    for (int e = 2; e <= n; ++e)
-      EXPECT_NEAR(b.absorbed.soln[e - 1], b.soln[e - 1], 1e-9 * (1 + std::fabs(b.soln[e - 1])));
-    b.soln = b.absorbed.soln;
-  }
+  for (int e = 2; e <= n; ++e)
+    EXPECT_NEAR(b.absorbed.soln[e - 1], b.soln[e - 1], 1e-9 * (1 + std::fabs(b.soln[e - 1])));
+  b.soln = b.absorbed.soln;
   // Design rows.
   b.dstart.push_back(1);
   for (int r = 0; r < nrec; ++r) {
@@ -463,13 +380,12 @@ void invert_g(Model& m) {
     for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
 }
 
-// Builds (with `real`, absorbed by g5vxxa), runs the AI phase and checks the
-// AI, the scores and (with `inverse`) C^-1 against dense formulas; returns
-// log|G|.
-double check_model(Model& m, const std::vector<int>& perm, int ndense, bool real, bool inverse = true,
+// Builds and runs the AI phase and checks the AI, the scores and (with
+// `inverse`) C^-1 against dense formulas; returns log|G|.
+double check_model(Model& m, const std::vector<int>& perm, int ndense, bool inverse = true,
                    i64 wvxplimit = 0, const GivTable* giv = nullptr) {
   Built b;
-  build(m, perm, ndense, b, real);
+  build(m, perm, ndense, b);
   PhaseRun r;
   run(m, b, r, wvxplimit);
   if (giv) r.giv = *giv;
@@ -514,7 +430,7 @@ TEST(AverageInfo, OneWayRandomModelMatchesDenseFormulas) {
   // with three dense positions.
   for (int variant = 0; variant < 2; ++variant) {
     Model m = one_way(6, 3, 0.8, 1.0, true);
-    std::vector<int> perm = variant ? std::vector<int>{1, 3, 2, 8, 5, 4, 7, 6} : natural(m.neq);
+    std::vector<int> perm = variant ? std::vector<int>{1, 2, 3, 8, 5, 4, 7, 6} : natural(m.neq);
     Built b;
     build(m, perm, variant ? 3 : 1, b);
     PhaseRun r;
@@ -614,12 +530,11 @@ TEST(AverageInfo, ClearFaultsForUnavailableAndBadInput) {
   EXPECT_EQ(r4.a.nfault, 6);
 }
 
-// The equations absorbed by g5vxxa (or factored here), the structures
-// formed by g5vvsf and delivered by g5vvrw.
+// The structures formed by g5vvsf and delivered by g5vvrw.
 TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
   // one-way, shuffled order with two dense positions
   Model ow = one_way(7, 2, 0.45, 1.0, true);
-  check_model(ow, {1, 2, 9, 4, 7, 3, 5, 8, 6}, 2, true);
+  check_model(ow, {1, 2, 9, 4, 7, 3, 5, 8, 6}, 2);
   // I(ns) x US(2) random regression and sigma_g AR1(rho) over q levels.
   for (int kind = 0; kind < 2; ++kind) {
     vtest::Fit f;
@@ -682,9 +597,9 @@ TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
         else
           m.rows.push_back({{2, 1.0}, {3 + k, 1.0}});
       }
-    expect_rel(check_model(m, reversed(m.neq), 1, true), logdetg, "log|G|");
-    // Factored here in a shuffled order that splits the subjects' pairs.
-    if (kind == 0) expect_rel(check_model(m, {1, 2, 5, 6, 3, 4, 9, 10, 7, 8}, 1, false), logdetg, "log|G|");
+    expect_rel(check_model(m, reversed(m.neq), 1), logdetg, "log|G|");
+    // A shuffled order that splits the subjects' pairs.
+    if (kind == 0) expect_rel(check_model(m, {1, 2, 5, 6, 3, 4, 9, 10, 7, 8}, 1), logdetg, "log|G|");
   }
 }
 
@@ -710,8 +625,8 @@ TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
       m.dr[2][i][j] = d == 0 ? 0.0 : d * std::pow(rho, d - 1);
     }
   m.dg.resize(3, zeros(m.neq - 1, m.neq - 1));
-  check_model(m, natural(m.neq), 1, true);
-  check_model(m, reversed(m.neq), 2, true, true, m.neq + 2 * m.nwv + 3);  // WVXP rows spilled
+  check_model(m, natural(m.neq), 1);
+  check_model(m, reversed(m.neq), 2, true, m.neq + 2 * m.nwv + 3);  // WVXP rows spilled
 }
 
 TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
@@ -739,7 +654,7 @@ TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
     m.dr[i < n1 ? 2 : 3][i][i] = 1.0;
   }
   m.dg.resize(4, zeros(m.neq - 1, m.neq - 1));
-  check_model(m, natural(m.neq), 1, true, false);
+  check_model(m, natural(m.neq), 1, false);
 }
 
 // G = sigma A over q groups, A known and given by its inverse: a dense
@@ -790,7 +705,7 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
         m.ginv[1 + i][1 + j] = ai[i * q + j] / sg;
         m.dg[1][1 + i][1 + j] = A[i * q + j];
       }
-    expect_rel(check_model(m, reversed(m.neq), 1, true, false, 0, &f.a.giv), q * std::log(sg) + ldA,
+    expect_rel(check_model(m, reversed(m.neq), 1, false, 0, &f.a.giv), q * std::log(sg) + ldA,
                "log|G| of sigma A");
   }
 }
@@ -824,7 +739,7 @@ TEST(AverageInfoPipeline, OverallScaleOfACorrelationSection) {
           m.dg[2][ei][ej] = std::pow(rho, d);
         }
     invert_g(m);
-    check_model(m, natural(m.neq), 1, true, false);
+    check_model(m, natural(m.neq), 1, false);
   }
 }
 
@@ -846,7 +761,7 @@ TEST(AverageInfo, FilledBlockInverseMatchesDenseWithAndWithoutRoom) {
   check_inverse(m, b);
   for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(cinv_at(b.st, b.off, sp, p), 0.0);
   // Column 1 of the inverse rows is cleared.
-  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(b.x[b.st.lssp + b.l[2 * (b.off + p - 1) + 1] - 1], 0.0);
+  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(b.st.x[b.st.lssp + b.st.l[2 * (b.off + p - 1) + 1] - 1], 0.0);
 
   Built b2;
   build(m, perm, 1, b2);
