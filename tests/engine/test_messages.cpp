@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "console_capture.h"
 #include "host/console.h"
@@ -90,61 +91,48 @@ TEST(MessageStore, LongTextIsCutAt128AndDumpPrintsLabels) {
 }
 
 TEST(ErrorText, EveryBandAtItsEdges) {
+  // Each text with the faults at the edges of its band.
   struct Case {
-    int fault;
+    std::vector<int> faults;
     const char* text;
   };
   const Case cases[] = {
-      {300001, "Invalid binomial/threshold proportion"},
-      {300002, "Invalid poisson count"},
-      {300003, "Invalid gamma data"},
-      {300004, "Invalid negative binomial count"},
-      {300005, "Predicted values out of bounds- try a more reasonable link"},
-      {300006, "GLM: Fewer records transformed than expected"},
-      {300007, "Invalid data values for GLM"},
-      {300008, "Invalid Poisson data"},
-      {300000, "Invalid binary data"},
-      {200001, "Invalid binary data"},
-      {200000, "Out of memory absorbing"},
-      {100001, "Out of memory absorbing"},
-      {100000, "Failed forming R scores"},
-      {3901, "Failed forming R scores"},
-      {3900, "Failed forming G scores"},
-      {3000, "Failed forming G scores"},
-      {2999, "Failed in AIDGGI"},
-      {2130, "No residual variation"},
-      {2001, "Failed in AIDGGI"},
-      {2000, "Unable invert R or G [US?] matrix"},
-      {1006, "Unable invert R or G [US?] matrix"},
-      {1005, "Unable invert R or G [CORR?] matrix"},
-      {1001, "Unable invert R or G [CORR?] matrix"},
-      {1000, "Failed in AIABS: Increase memory with workspaceoption"},
-      {400, "Failed in AIABS: Increase memory with workspaceoption"},
-      {399, "PROGRAMMING error AIXDWX"},
-      {280, "Residual Variance is Zero"},
-      {130, "PROGRAMMING error AIXDWX"},
-      {129, "PROGRAMMING error in aigetr"},
-      {111, "PROGRAMMING error in aigetr"},
-      {110, "PROGRAMMING error"},
-      {101, "PROGRAMMING error"},
-      {100, "Prediction error"},
-      {51, "Prediction error"},
-      {50, "Too BIG! Use workspace option on tarnel()."},
-      {6, "Too BIG! Use workspace option on tarnel()."},
-      {5, "Inconsistent correlated factors"},
-      {4, "Solution vector too short"},
-      {3, "Negative Sum of Squares"},
-      {2, "Pedigree factor has wrong size"},
-      {1, "Convergence Failed"},
-      {0, "Convergence Failed"},
-      {-7, "Convergence Failed"},
+      {{300001}, "Invalid binomial/threshold proportion"},
+      {{300002}, "Invalid poisson count"},
+      {{300003}, "Invalid gamma data"},
+      {{300004}, "Invalid negative binomial count"},
+      {{300005}, "Predicted values out of bounds- try a more reasonable link"},
+      {{300006}, "GLM: Fewer records transformed than expected"},
+      {{300007}, "Invalid data values for GLM"},
+      {{300008}, "Invalid Poisson data"},
+      {{300000, 200001}, "Invalid binary data"},
+      {{200000, 100001}, "Out of memory absorbing"},
+      {{100000, 3901}, "Failed forming R scores"},
+      {{3900, 3000}, "Failed forming G scores"},
+      {{2999, 2001}, "Failed in AIDGGI"},
+      {{2130}, "No residual variation"},
+      {{2000, 1006}, "Unable invert R or G [US?] matrix"},
+      {{1005, 1001}, "Unable invert R or G [CORR?] matrix"},
+      {{1000, 400}, "Failed in AIABS: Increase memory with workspaceoption"},
+      {{399, 130}, "PROGRAMMING error AIXDWX"},
+      {{280}, "Residual Variance is Zero"},
+      {{129, 111}, "PROGRAMMING error in aigetr"},
+      {{110, 101}, "PROGRAMMING error"},
+      {{100, 51}, "Prediction error"},
+      {{50, 6}, "Too BIG! Use workspace option on tarnel()."},
+      {{5}, "Inconsistent correlated factors"},
+      {{4}, "Solution vector too short"},
+      {{3}, "Negative Sum of Squares"},
+      {{2}, "Pedigree factor has wrong size"},
+      {{1, 0, -7}, "Convergence Failed"},
   };
   char buf[80];
-  for (const Case& c : cases) {
-    std::memset(buf, 'z', sizeof buf);
-    errortext(c.fault, buf, sizeof buf);
-    EXPECT_STREQ(buf, c.text) << "fault " << c.fault;
-  }
+  for (const Case& c : cases)
+    for (int fault : c.faults) {
+      std::memset(buf, 'z', sizeof buf);
+      errortext(fault, buf, sizeof buf);
+      EXPECT_STREQ(buf, c.text) << "fault " << fault;
+    }
 }
 
 TEST(Console, FaultWordAndTimedLine) {
