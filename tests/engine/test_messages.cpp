@@ -40,42 +40,30 @@ TEST(MessageStore, DuplicateKeepsFirstSeverityAndLevelZeroClearsSeveritiesOnly) 
 }
 
 TEST(MessageStore, VictimRulesWhenFull) {
-  // Level 1 with no slot of severity 1 pushes out slot 1.
-  fill_store(3);
-  g5vcormsg("new", 1);
-  EXPECT_EQ(slot(0), "message 2");
-  EXPECT_EQ(slot(19), "new");
-  EXPECT_EQ(g5vxer.severity[19], 1);
-
-  // The first slot of severity 1 goes first, whatever the new level.
-  fill_store(3);
-  g5vxer.severity[5] = 1;
-  g5vxer.severity[7] = 1;
-  g5vcormsg("new", 4);
-  EXPECT_EQ(slot(5), "message 7");
-  EXPECT_EQ(g5vxer.severity[6], 1);  // old slot 8 moved down
-  EXPECT_EQ(slot(19), "new");
-
-  // Severity 2 goes for a level above 1, not for level 1.
-  fill_store(3);
-  g5vxer.severity[4] = 2;
-  g5vcormsg("new", 2);
-  EXPECT_EQ(slot(4), "message 6");
-  fill_store(3);
-  g5vxer.severity[4] = 2;
-  g5vcormsg("new", 1);
-  EXPECT_EQ(slot(0), "message 2");
-  EXPECT_EQ(slot(3), "message 5");
-
-  // Severity 3 goes only for a level above 2.
-  fill_store(4);
-  g5vxer.severity[9] = 3;
-  g5vcormsg("new", 3);
-  EXPECT_EQ(slot(9), "message 11");
-  fill_store(4);
-  g5vxer.severity[9] = 3;
-  g5vcormsg("new", 2);
-  EXPECT_EQ(slot(0), "message 2");
+  // A full store of one severity with some slots marked lower: the first
+  // slot of severity 1 goes first, whatever the new level; severity 2 goes
+  // for a level above 1, severity 3 for a level above 2; else slot 1.  The
+  // slots behind the victim move down and the new text takes the last.
+  struct Case {
+    int fill;
+    std::vector<int> marked;
+    int mark, level, victim;
+  };
+  const Case cases[] = {{3, {}, 0, 1, 0},     {3, {5, 7}, 1, 4, 5}, {3, {4}, 2, 2, 4},
+                        {3, {4}, 2, 1, 0},    {4, {9}, 3, 3, 9},    {4, {9}, 3, 2, 0}};
+  for (const Case& c : cases) {
+    fill_store(c.fill);
+    for (int k : c.marked) g5vxer.severity[k] = c.mark;
+    const auto before = g5vxer.severity;
+    g5vcormsg("new", c.level);
+    for (int k = 0; k + 1 < MessageStore::kSlots; ++k) {
+      const int from = k < c.victim ? k : k + 1;
+      EXPECT_EQ(slot(k), "message " + std::to_string(from + 1)) << c.victim << " " << k;
+      EXPECT_EQ(g5vxer.severity[k], before[from]) << c.victim << " " << k;
+    }
+    EXPECT_EQ(slot(MessageStore::kSlots - 1), "new");
+    EXPECT_EQ(g5vxer.severity[MessageStore::kSlots - 1], c.level);
+  }
 }
 
 TEST(MessageStore, LongTextIsCutAt128AndDumpPrintsLabels) {
