@@ -67,7 +67,6 @@ TEST(RowStore, KernelsKeepRowsSortedAndPackCompact) {
     i64 ps = big.s.head(r);
     tarnel::g5vlli(q, big.s.lx, ps, r / 2 + 1 < r ? r / 2 + 1 : 1, 1.0);
   }
-  for (i64 s = 300; s < 500; ++s) q.col(s) = q.col(s);  // no-op: rows are contiguous
   // Punch holes by packing rows 150..250 away.
   i64 t2 = 2000, l2 = big.s.lx;
   pa.lx = &l2;
