@@ -83,33 +83,37 @@ TEST(VarianceFormation, FallBacksRewriteTheSectionAndFixUnusedParameters) {
 }
 
 TEST(VarianceFormation, BoundsMoveParametersAndMarkThem) {
-  Fit a = one(4, 1, {0.999});
-  EXPECT_EQ(a.gammas[0], 0.999);
-  EXPECT_EQ(a.rgmstr[0], 4);
-  Fit b = one(4, 1, {-1.3});
-  EXPECT_EQ(b.gammas[0], -0.999);
-  EXPECT_EQ(b.rgmstr[0], 4);
-  Fit c = one(4, 1, {0.9975});
-  EXPECT_EQ(c.gammas[0], 0.995);
-  EXPECT_EQ(c.rgmstr[0], 0);
-  EXPECT_LT(max_abs_diff(c.V(1), ar1(0.995, 4)), 1e-12);
-  Fit d = one(3, 5, {1.0});  // CORU at 1
-  EXPECT_EQ(d.gammas[0], 0.999);
-  ASSERT_EQ(d.rc, 0);
-  EXPECT_LT(max_abs_diff(matmul(d.V(1), d.Vinv(1), 3), identity(3)), 1e-8);
-  Fit e = one(4, 2, {0.992}, 0);  // MA1 above 0.99
-  EXPECT_EQ(e.gammas[0], 0.995);
-  Fit g = one(5, 1, {0.7, 0.5});  // AR2: |phi1 + phi2| = 1.2
-  EXPECT_DOUBLE_EQ(g.gammas[0], 0.7 / 1.21);
-  EXPECT_DOUBLE_EQ(g.gammas[1], 0.5 / 1.21);
-  Fit h = one(5, 14, {0.3, 0.3});  // SAR2 with a equal to b
-  EXPECT_DOUBLE_EQ(h.gammas[1], 0.3 * 0.98);
-  ASSERT_EQ(h.rc, 0);
-  // A zero variance of a heterogeneous correlation is held at 1e-18.
-  Fit v = one(2, 5, {0.3, 1.0, 0.0});
-  ASSERT_EQ(v.rc, 0);
-  EXPECT_EQ(v.gammas[2], 1e-18);
-  EXPECT_EQ(v.rgmstr[2], 1);
+  // Parameter k moved to `want` (and marked `rg`, where not -1); V still
+  // has its inverse.
+  struct B {
+    int order, model, band;
+    std::vector<double> g;
+    int k;
+    double want;
+    int rg;
+  };
+  const B cases[] = {
+      {4, 1, 1, {0.999}, 0, 0.999, 4},
+      {4, 1, 1, {-1.3}, 0, -0.999, 4},
+      {4, 1, 1, {0.9975}, 0, 0.995, 0},
+      {3, 5, 1, {1.0}, 0, 0.999, -1},                  // CORU at 1
+      {4, 2, 0, {0.992}, 0, 0.995, -1},                // MA1 above 0.99
+      {5, 1, 1, {0.7, 0.5}, 0, 0.7 / 1.21, -1},        // AR2: |phi1 + phi2| = 1.2
+      {5, 1, 1, {0.7, 0.5}, 1, 0.5 / 1.21, -1},
+      {5, 14, 1, {0.3, 0.3}, 1, 0.3 * 0.98, -1},       // SAR2 with a equal to b
+      {2, 5, 1, {0.3, 1.0, 0.0}, 2, 1e-18, 1},         // a zero variance held at 1e-18
+  };
+  for (const B& c : cases) {
+    SCOPED_TRACE(std::to_string(c.model) + " " + std::to_string(c.g[0]));
+    Fit f = one(c.order, c.model, c.g, c.band);
+    ASSERT_EQ(f.rc, 0);
+    EXPECT_DOUBLE_EQ(f.gammas[c.k], c.want);
+    if (c.rg >= 0) {
+      EXPECT_EQ(f.rgmstr[c.k], c.rg);
+    }
+    EXPECT_LT(max_abs_diff(matmul(f.V(1), f.Vinv(1), c.order), identity(c.order)), 1e-8);
+  }
+  EXPECT_LT(max_abs_diff(one(4, 1, {0.9975}).V(1), ar1(0.995, 4)), 1e-12);
 }
 
 TEST(VarianceFormation, UsRepairDoublesFirstAndRegressesLater) {
