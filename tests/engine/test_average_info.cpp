@@ -380,6 +380,33 @@ void invert_g(Model& m) {
     for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
 }
 
+// G = I(ns) x S over the effects (equations 3..neq), dG = I(ns) x dS[p]
+// for each parameter p (empty: none), and G^-1 by dense inversion.
+void kron_g(Model& m, int ns, const vtest::Mat& S, const std::vector<vtest::Mat>& dS) {
+  const int ne = m.neq - 1, q = static_cast<int>(std::lround(std::sqrt(S.size())));
+  m.g = zeros(ne, ne);
+  m.dg.assign(dS.size(), zeros(ne, ne));
+  for (int k = 0; k < ns; ++k)
+    for (int i = 0; i < q; ++i)
+      for (int j = 0; j < q; ++j) {
+        const int ei = 1 + k * q + i, ej = 1 + k * q + j;
+        m.g[ei][ej] = S[i * q + j];
+        for (size_t p = 0; p < dS.size(); ++p)
+          if (!dS[p].empty()) m.dg[p][ei][ej] = dS[p][i * q + j];
+      }
+  invert_g(m);
+}
+// s AR1(rho) of order q, or its derivative in rho.
+vtest::Mat ar1(int q, double rho, double s, bool deriv = false) {
+  vtest::Mat a(q * q);
+  for (int i = 0; i < q; ++i)
+    for (int j = 0; j < q; ++j) {
+      const int d = std::abs(i - j);
+      a[i * q + j] = deriv ? (d == 0 ? 0.0 : s * d * std::pow(rho, d - 1)) : s * std::pow(rho, d);
+    }
+  return a;
+}
+
 // Builds and runs the AI phase and checks the AI, the scores and (with
 // `inverse`) C^-1 against dense formulas; returns log|G|.
 double check_model(Model& m, const std::vector<int>& perm, int ndense, bool inverse = true,
@@ -550,33 +577,14 @@ TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
     m.tcode = {0, 20001};
     use_fit(m, f);
     all_free(m);
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.dg.assign(m.nwv, zeros(ne, ne));
     double logdetg;
     if (kind == 0) {
-      double sig[2][2] = {{s11, s21}, {s21, s22}};
-      for (int k = 0; k < ns; ++k)
-        for (int i = 0; i < 2; ++i)
-          for (int j = 0; j < 2; ++j) {
-            int ei = 1 + 2 * k + i, ej = 1 + 2 * k + j;
-            m.g[ei][ej] = sig[i][j];
-            m.dg[1][ei][ej] = (i == 0 && j == 0);
-            m.dg[2][ei][ej] = (i != j);
-            m.dg[3][ei][ej] = (i == 1 && j == 1);
-          }
+      kron_g(m, ns, {s11, s21, s21, s22}, {{}, {1, 0, 0, 0}, {0, 1, 1, 0}, {0, 0, 0, 1}});
       logdetg = ns * std::log(s11 * s22 - s21 * s21);
     } else {
-      for (int i = 0; i < q; ++i)
-        for (int j = 0; j < q; ++j) {
-          int d = std::abs(i - j);
-          m.g[1 + i][1 + j] = sg * std::pow(rho, d);
-          m.dg[1][1 + i][1 + j] = std::pow(rho, d);
-          m.dg[2][1 + i][1 + j] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
-        }
+      kron_g(m, 1, ar1(q, rho, sg), {{}, ar1(q, rho, 1.0), ar1(q, rho, sg, true)});
       logdetg = q * std::log(sg) + (q - 1) * std::log(1 - rho * rho);
     }
-    invert_g(m);
     unsigned sd = 5 + kind;
     for (int k = 0; k < (kind == 0 ? ns : q); ++k)
       for (int t = 0; t < 3; ++t) {
@@ -686,16 +694,9 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
     f.struc[kField14 - 1] = 1;
     m.tcode = {0, 10001};
     use_fit(m, f);
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.ginv = zeros(ne, ne);
-    m.dg.assign(2, zeros(ne, ne));
-    for (int i = 0; i < q; ++i)
-      for (int j = 0; j < q; ++j) {
-        m.g[1 + i][1 + j] = sg * A[i * q + j];
-        m.ginv[1 + i][1 + j] = ai[i * q + j] / sg;
-        m.dg[1][1 + i][1 + j] = A[i * q + j];
-      }
+    vtest::Mat sA = A;
+    for (double& v : sA) v *= sg;
+    kron_g(m, 1, sA, {{}, A});
     expect_rel(check_model(m, reversed(m.neq), 1, false, 0, &f.a.giv), q * std::log(sg) + ldA,
                "log|G| of sigma A");
   }
@@ -718,18 +719,7 @@ TEST(AverageInfoPipeline, OverallScaleOfACorrelationSection) {
     m.tcode = {0, ns > 1 ? 20001 : 10001};
     use_fit(m, f);
     all_free(m);
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.dg.assign(3, zeros(ne, ne));
-    for (int k = 0; k < ns; ++k)
-      for (int i = 0; i < q; ++i)
-        for (int j = 0; j < q; ++j) {
-          int d = std::abs(i - j), ei = 1 + k * q + i, ej = 1 + k * q + j;
-          m.g[ei][ej] = sg * std::pow(rho, d);
-          m.dg[1][ei][ej] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
-          m.dg[2][ei][ej] = std::pow(rho, d);
-        }
-    invert_g(m);
+    kron_g(m, ns, ar1(q, rho, sg), {{}, ar1(q, rho, sg, true), ar1(q, rho, 1.0)});
     check_model(m, natural(m.neq), 1, false);
   }
 }
