@@ -106,6 +106,24 @@ struct Harness {
 
 using Row = std::map<int, double>;
 
+// A term table on its own vectors (inter by terms of four).
+struct Table {
+  std::vector<int> inter, flev, nlev, neword, submds = std::vector<int>(8, 0);
+  std::vector<double> fc = std::vector<double>(8, 0.0);
+  DesignTerms tt() {
+    DesignTerms t;
+    t.nfact = static_cast<int>(flev.size());
+    t.nfactp = static_cast<int>(neword.size());
+    t.inter = span<const int>(inter.data(), inter.size());
+    t.flev = span<const int>(flev.data(), flev.size());
+    t.nlev = span<int>(nlev.data(), nlev.size());
+    t.neword = span<const int>(neword.data(), neword.size());
+    t.submds = span<const int>(submds.data(), neword.size());
+    t.faconst = span<const double>(fc.data(), flev.size());
+    return t;
+  }
+};
+
 }  // namespace
 
 TEST(Generators, AixfacForms) {
@@ -486,25 +504,15 @@ TEST(Design, FaultsOfFormation) {
 }
 
 TEST(Design, TermChecksRejectBadIndices) {
-  std::vector<int> inter{0, 0, 1, 0,  0, 0, 9, 0,  2, 7, 0, 0};
-  std::vector<int> flev{1, 3, 3}, nlev{1, 1, 0}, neword{2, 3}, submds{0, 0};
-  std::vector<double> fc{0, 0, 0};
-  DesignTerms tt;
-  tt.nfact = 3;
-  tt.nfactp = 2;
-  tt.inter = span<const int>(inter.data(), inter.size());
-  tt.flev = span<const int>(flev.data(), 3);
-  tt.nlev = span<int>(nlev.data(), 3);
-  tt.neword = span<const int>(neword.data(), 2);
-  tt.submds = span<const int>(submds.data(), 2);
-  tt.faconst = span<const double>(fc.data(), 3);
+  Table t{{0, 0, 1, 0,  0, 0, 9, 0,  2, 7, 0, 0}, {1, 3, 3}, {1, 1, 0}, {2, 3}};
+  const DesignTerms tt = t.tt();
   tarnel_test::capture_begin();
   EXPECT_EQ(check_terms(tt, 2, 5), 2);  // column 9 of 2
-  inter[6] = 2;
+  t.inter[6] = 2;
   EXPECT_EQ(check_terms(tt, 2, 5), 3);  // interaction with term 7
-  inter[9] = 2;
+  t.inter[9] = 2;
   EXPECT_EQ(check_terms(tt, 2, 5), 3);  // 3 x 3 levels, not 3
-  flev[2] = 9;
+  t.flev[2] = 9;
   EXPECT_EQ(check_terms(tt, 2, 5), 0);
   tarnel_test::capture_end();
 }
@@ -519,15 +527,8 @@ TEST(Design, KeynkeyAndSethigh) {
   EXPECT_EQ(order, (std::vector<int>{4, 2, 3, 5, 1}));  // rank of each key
 
   // Terms: 1 y, 2 A (3), 3 B (4), 4 A:B.
-  std::vector<int> inter{0, 0, 1, 0,  0, 0, 2, 0,  0, 0, 3, 0,  2, 3, 0, 0};
-  std::vector<int> flev{1, 3, 4, 12}, nlev{1, 1, 1, 0}, neword{2, 3, 4};
-  DesignTerms tt;
-  tt.nfact = 4;
-  tt.nfactp = 3;
-  tt.inter = span<const int>(inter.data(), inter.size());
-  tt.flev = span<const int>(flev.data(), 4);
-  tt.nlev = span<int>(nlev.data(), 4);
-  tt.neword = span<const int>(neword.data(), 3);
+  Table t{{0, 0, 1, 0,  0, 0, 2, 0,  0, 0, 3, 0,  2, 3, 0, 0}, {1, 3, 4, 12}, {1, 1, 1, 0}, {2, 3, 4}};
+  const DesignTerms tt = t.tt();
   std::vector<int> eqh{3, 2, 0, 0}, out(64);
   const int n = sethigh(span<const int>(eqh.data(), 4), tt, span<int>(out.data(), out.size()));
   // B's first two (equations 5, 6), then in A:B (from 9) the first two of
