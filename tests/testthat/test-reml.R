@@ -112,7 +112,7 @@ dense_V <- function(case, d, p) {
   Reduce(`+`, Map(`*`, p, case$D(d)))
 }
 
-test_that("every reference case fits: parameters, log-likelihood and fitted X b", {
+test_that("every reference case fits: parameters, log-likelihood, fitted X b and standard errors", {
   for (nm in names(ref_cases)) {
     case <- ref_cases[[nm]]
     d <- ref_data(nm)
@@ -130,25 +130,16 @@ test_that("every reference case fits: parameters, log-likelihood and fitted X b"
     expect_true(all(abs(got[corr] - unname(ex$vp)[corr]) <= 0.005), info = nm)
     expect_abs(fit$loglik, ex$loglik, 0.05, info = nm)
     expect_abs(as.numeric(logLik(fit)), ex$loglik_std, 0.05, info = nm)
-    xb <- dense_reml(dense_V(case, d, unname(ex$vp)), case$X(d), d[[case$y]])$xb
-    expect_true(max(abs(fitted(fit, "fixed") - xb) / abs(xb)) < 1e-4, info = nm)
+    expect_true(max(abs(fitted(fit, "fixed") - dn$xb) / abs(dn$xb)) < 1e-4, info = nm)
     expect_equal(fit$nedf, nrow(d) - dn$rank, info = nm)
+    # standard errors from the dense average information at the estimates
+    if (nm %in% c("oats", "field_ar1ar1")) next  # X not of full rank; V not linear
+    ai <- dense_ai(got, case$D(d), case$X(d), d[[case$y]])
+    expect_close(fit$varcomp_all[case$par, "std.error"], sqrt(diag(solve(ai))), rel = 0.02, what = nm)
   }
 })
 
-test_that("standard errors come from the average information matrix", {
-  for (nm in c("dyestuff", "penicillin", "orthodont_rr", "hetres", "animal")) {
-    case <- ref_cases[[nm]]
-    d <- ref_data(nm)
-    if (!is.null(case$prep)) d <- case$prep(d)
-    fit <- fit_or_fail(case$fit(d), nm)
-    if (is.null(fit)) next
-    p <- fit$varcomp_all[case$par, "component"]
-    ai <- dense_ai(p, case$D(d), case$X(d), d[[case$y]])
-    se <- sqrt(diag(solve(ai)))
-    expect_close(fit$varcomp_all[case$par, "std.error"], se, rel = 0.02, what = nm)
-  }
-  # fixed effects: the covariance of the fitted X b is the GLS one at the estimates
+test_that("fixed effects: the covariance of the fitted X b is the GLS one at the estimates", {
   d <- transform(ref_data("oats"), nitro = factor(nitro))
   fit <- fit_or_fail(tarnel(yield ~ nitro * Variety, random = ~ Block + Block:Variety, data = d, keep_design = TRUE), "oats")
   if (is.null(fit)) return()
