@@ -11,6 +11,8 @@
 #include <random>
 #include <vector>
 
+#include "sparse_harness.h"
+
 namespace tarnel_test {
 
 struct Triplets {
@@ -19,10 +21,65 @@ struct Triplets {
   std::vector<double> v;
 };
 
+using Cells = std::map<std::pair<int, int>, double>;  // (row, col), row >= col
+
+inline Triplets from_cells(const Cells& m, int neq, int ndense = 2) {
+  Triplets t;
+  t.neq = neq;
+  t.ndense = ndense;
+  for (auto& kv : m) {
+    t.r.push_back(kv.first.first);
+    t.c.push_back(kv.first.second);
+    t.v.push_back(kv.second);
+  }
+  return t;
+}
+
+inline Dense dense_of(const Triplets& t) {
+  Dense c(t.neq);
+  for (size_t k = 0; k < t.r.size(); ++k) c.add_sym(t.r[k], t.c[k], t.v[k]);
+  return c;
+}
+
+inline bool load_triplets(Store& st, const Triplets& t) {
+  int nf = 0;
+  return tarnel::mme_load_lower(st.s, tarnel::span<const i32>(t.r.data(), t.r.size()),
+                                tarnel::span<const i32>(t.c.data(), t.c.size()),
+                                tarnel::span<const double>(t.v.data(), t.v.size()), nf) == 0;
+}
+
+// One run of an ordering routine (0 g5veor, 1 g5veora, 2 g5veorb); `more`
+// may change the arguments before the call.
+struct OrderRun {
+  int rc = 0, err = 0;
+  std::vector<i32> iw, work;
+  tarnel::OrderArgs a;
+  std::vector<int> ord() const {  // equation at each position
+    std::vector<int> o(iw.size() / 2 + 1, 0);
+    for (size_t p = 1; p < o.size(); ++p) o[p] = iw[2 * (p - 1) + 1];
+    return o;
+  }
+};
+inline OrderRun order(const Store& st, int which, int mode,
+                      const std::function<void(OrderRun&)>& more = nullptr) {
+  OrderRun o;
+  const int n = st.s.neq;
+  o.iw.assign(2 * n, 0);
+  o.work.assign(8 * n + 2 * 400 * static_cast<size_t>(n), 0);
+  o.a.store = &st.s;
+  o.a.iw = tarnel::span<i32>(o.iw.data(), o.iw.size());
+  o.a.mode = mode;
+  o.a.err = &o.err;
+  if (more) more(o);
+  o.a.work = tarnel::span<i32>(o.work.data(), o.work.size());
+  o.rc = which == 0 ? tarnel::g5veor(o.a) : which == 1 ? tarnel::g5veora(o.a) : tarnel::g5veorb(o.a);
+  return o;
+}
+
 inline Triplets animal_model(int nanimal, int nherd, unsigned seed) {
   std::mt19937 rng(seed);
   std::normal_distribution<double> z(0, 1);
-  std::map<std::pair<int, int>, double> m;  // (row, col) row >= col
+  Cells m;
   auto add = [&](int a, int b, double x) {
     if (a < b) std::swap(a, b);
     m[{a, b}] += x;
@@ -72,14 +129,7 @@ inline Triplets animal_model(int nanimal, int nherd, unsigned seed) {
     add(a, h, 1);
     add(a, a, 1);
   }
-  Triplets t;
-  t.neq = neq;
-  for (auto& kv : m) {
-    t.r.push_back(kv.first.first);
-    t.c.push_back(kv.first.second);
-    t.v.push_back(kv.second);
-  }
-  return t;
+  return from_cells(m, neq);
 }
 
 }  // namespace tarnel_test

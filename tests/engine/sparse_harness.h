@@ -239,6 +239,103 @@ inline std::vector<int> shuffled(int n, int nd, unsigned seed) {
   return o;
 }
 
+// The store read back as a dense matrix; a sparse row's chain must hold
+// ascending columns ending at its diagonal (NaN in the diagonal if not).
+inline Dense read_store(const Store& st) {
+  const int neq = st.s.neq;
+  tarnel::Pool p = st.s.pool();
+  Dense got(neq);
+  for (int r = 1; r <= neq; ++r) {
+    if (r <= st.s.ndense) {
+      for (int c = 1; c <= r; ++c) got.add_sym(r, c, st.s.dense(r, c));
+      continue;
+    }
+    if (p.lnk(st.s.head(r)) == -1) continue;
+    int last = 0;
+    for (i64 s = st.s.head(r); s > 0; s = p.lnk(s)) {
+      if (p.col(s) <= last) got(r, r) = NAN;
+      last = p.col(s);
+      got.add_sym(r, p.col(s), p.val(s));
+    }
+    if (last != r) got(r, r) = NAN;
+  }
+  return got;
+}
+
+// One SSP section over records 1..n of a design, with the scratch, the
+// augmented rows and the outputs owned here (set in place: it points into
+// itself).
+struct SspRun {
+  std::vector<double> acc, aval;
+  std::vector<i32> list, links, acol;
+  std::vector<i64> astart;
+  tarnel::SspScratch w;
+  tarnel::AugmentedRows aug;
+  tarnel::SspSection sec;
+  double logdet = 0;
+  i64 skipped = 0;
+  int err = 0;
+  SspRun(const std::vector<double>& val, const std::vector<i32>& col, const std::vector<i64>& start, int neq)
+      : acc(neq, 0.0), aval(4000), list(neq + 1), links(2 * neq + 2, 0), acol(4000), astart(start.size(), -1) {
+    w = {tarnel::span<double>(acc.data(), acc.size()), tarnel::span<i32>(list.data(), list.size()),
+         tarnel::span<i32>(links.data(), links.size())};
+    aug = {tarnel::span<double>(aval.data(), aval.size()), tarnel::span<i32>(acol.data(), acol.size()),
+           tarnel::span<i64>(astart.data(), astart.size())};
+    sec.design = {tarnel::span<const double>(val.data(), val.size()), tarnel::span<const i32>(col.data(), col.size()),
+                  tarnel::span<const i64>(start.data(), start.size())};
+    sec.first = 1;
+    sec.last = static_cast<i64>(start.size()) - 1;
+    sec.logdet = &logdet;
+    sec.skipped = &skipped;
+    sec.err = &err;
+  }
+  void augment() {
+    sec.flags = tarnel::kSspAugment;
+    sec.aug = &aug;
+  }
+  // The augmented row of record a (from 0) as a dense row; empty if none.
+  std::vector<double> aug_row(int a, int neq) const {
+    if (astart[a + 1] == astart[a]) return {};
+    std::vector<double> row(neq, 0.0);
+    for (i64 k = astart[a]; k < astart[a + 1]; ++k) row[acol[k - 1] - 1] += aval[k - 1];
+    return row;
+  }
+  bool scratch_clear() const {
+    for (size_t k = 0; k < acc.size(); ++k)
+      if (acc[k] != 0.0 || links[k] != 0) return false;
+    return true;
+  }
+};
+
+// Equation `e` made a copy of equation `of`: aliased.
+inline void alias(Dense& c, int e, int of) {
+  for (int j = 1; j <= c.n; ++j) c(e, j) = c(j, e) = c(of, j);
+  c(e, e) = c(e, of) = c(of, e) = c(of, of);
+}
+
+// 20 generated equations and two constraint rows with a zero diagonal
+// (sums over effects 2..6 and 7..12), placed where they are absorbed first.
+inline Dense constraint_system() {
+  const int nbase = 20, neq = nbase + 2;
+  Design d = make_design(nbase, 60, 3, 21, 0.0);
+  Dense c(neq);
+  for (int i = 1; i <= nbase; ++i)
+    for (int j = 1; j <= nbase; ++j) c(i, j) = d.c(i, j);
+  for (int e = 2; e <= 6; ++e) c.add_sym(nbase + 1, e, 1.0);
+  for (int e = 7; e <= 12; ++e) c.add_sym(nbase + 2, e, 1.0 + 0.1 * e);
+  for (int e = 2; e <= nbase; ++e) c(e, e) += 0.01;
+  return c;
+}
+
+// 110 generated equations (more than three panels of pivots) with
+// equation 70 aliased to 40.
+inline Dense block_system() {
+  Design d = make_design(110, 400, 5, 41, 0.0);
+  for (int e = 2; e <= 110; ++e) d.c(e, e) += 0.05;
+  alias(d.c, 70, 40);
+  return d.c;
+}
+
 inline double rel(double a, double b) { return std::fabs(a - b) / std::fmax(1.0, std::fabs(b)); }
 
 }  // namespace tarnel_test

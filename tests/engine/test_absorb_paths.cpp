@@ -1,6 +1,7 @@
-// Absorption's strip path (the row updates dealt to strips with their own
-// free runs) against the single path, and sampled solutions against the
-// distribution they should have.
+// Absorption against dense algebra (solutions, log-determinant, ranks,
+// singularities, constraint rows), its strip path (the row updates dealt to
+// strips with their own free runs) against the single path, the space
+// checks, and sampled solutions against the distribution they should have.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -16,7 +17,8 @@ using tarnel::span;
 
 namespace {
 
-// One generated system with the order and the terms it is absorbed with.
+// One generated system with the order and the terms it is absorbed with,
+// and what the single path must find on it.
 struct Case {
   std::string name;
   int nd = 1;
@@ -26,98 +28,152 @@ struct Case {
   int nterms = 1;
   int tail = 0;
   i64 slots = 40000;
+  int nsing = 0;                  // singular and held-out equations
+  std::vector<int> untouched = {};  // rows left without an entry
+  int minmoves = 0;               // delayed pivots at least
+  bool delays = false;            // zero diagonals: pivots may be delayed
+  bool readback = false;          // packed rows read back as factor rows
 };
 
 AbsorbRun run_case(const Case& k, int threads, bool trace = false) {
   Store st(k.c.n, k.nd, k.slots);
   EXPECT_TRUE(load(st, k.c));
+  for (int e : k.untouched) st.s.pool().lnk(st.s.head(e)) = -1;
   AbsorbRun r = absorb(st, k.ord, k.nterms, k.term.empty() ? nullptr : &k.term, k.tail,
                        [&](AbsorbRun& a) {
                          a.a.threads = threads;
                          a.a.trace = trace;
                        });
+  if (r.rc == 0 && k.readback) {  // row q's diagonal is the pivot, 1/DD(q)
+    tarnel::Pool p = st.s.pool();
+    for (int q = k.nd + 1; q <= k.c.n; ++q) {
+      if (r.dd[q - 1] == 0.0) continue;
+      i64 s = p.lnk(st.off() + q);
+      while (p.col(s) != q) --s;
+      EXPECT_LT(rel(p.val(s), 1.0 / r.dd[q - 1]), 1e-12) << q;
+    }
+  }
   r.soln.push_back(st.s.x[0]);  // the residual sum behind the solution
   return r;
+}
+
+// The single path against dense algebra: an elimination in the same order
+// with the same pivot rule (held-out equations zeroed; not where pivots may
+// be delayed), the dense LU when nothing is singular, and C x = b on the
+// equations that were solved.
+void check_against_dense(const Case& k, const AbsorbRun& r) {
+  const int neq = k.c.n;
+  Dense c2 = k.c;
+  for (int e = 2; e <= neq; ++e)
+    if (!k.term.empty() && k.term[e] < 0)
+      for (int j = 1; j <= neq; ++j) c2(e, j) = c2(j, e) = 0.0;
+  EXPECT_EQ(r.a.nsing, k.nsing);
+  EXPECT_EQ(r.rank[0], neq - 1 - k.nsing);
+  EXPECT_GE(r.a.moves, k.minmoves);
+  if (!k.delays) {
+    const RefResult o = ordered_ldl(c2, k.ord, 1e-9);
+    EXPECT_EQ(r.a.nsing, o.nsing);
+    EXPECT_LT(rel(r.a.logdet, o.logdet), 1e-9);
+    EXPECT_LT(rel(r.soln[neq], o.rss), 1e-9);
+    for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], o.soln[e]), 1e-9) << e;
+  }
+  double sdd = 0;  // DD holds reciprocal pivots: their logs add up to -logdet
+  for (int q = 2; q <= neq; ++q)
+    if (r.dd[q - 1] != 0.0) sdd -= std::log(std::fabs(r.dd[q - 1]));
+  EXPECT_LT(rel(sdd, r.a.logdet), 1e-9);
+  if (k.nsing == 0) {
+    std::vector<double> ref;
+    EXPECT_LT(rel(r.a.logdet, lu_logdet(k.c, &ref)), 1e-9);
+    for (int e = 2; e <= neq; ++e) EXPECT_LT(rel(r.soln[e - 1], ref[e]), k.delays ? 1e-8 : 1e-9) << e;
+  }
+  for (int i = 2; i <= neq; ++i) {
+    if (r.soln[i - 1] == 0.0) continue;
+    double s = 0;
+    for (int j = 2; j <= neq; ++j) s += c2(i, j) * r.soln[j - 1];
+    EXPECT_NEAR(s, c2(i, 1), 1e-8 * std::fmax(1.0, std::fabs(c2(i, 1)))) << i;
+  }
 }
 
 // The minimum-degree order of a loaded store; `tail` gets the block the
 // order leaves to fill in.
 std::vector<int> min_degree(const Store& st, int mode, i32& tail) {
-  const int n = st.s.neq;
-  std::vector<i32> iw(2 * n), work(8 * n + 800 * static_cast<size_t>(n));
-  int err = 0;
-  tarnel::OrderArgs oa;
-  oa.store = &st.s;
-  oa.iw = span<i32>(iw.data(), iw.size());
-  oa.work = span<i32>(work.data(), work.size());
-  oa.mode = mode;
-  oa.err = &err;
-  EXPECT_EQ(tarnel::g5veor(oa), 0);
-  std::vector<int> ord(n + 1, 0);
-  for (int p = 1; p <= n; ++p) ord[p] = iw[2 * (p - 1) + 1];
-  tail = oa.tail;
-  return ord;
-}
-
-void load_triplets(Store& st, const Triplets& t) {
-  int nf = 0;
-  ASSERT_EQ(tarnel::mme_load_lower(st.s, span<const i32>(t.r.data(), t.r.size()),
-                                   span<const i32>(t.c.data(), t.c.size()),
-                                   span<const double>(t.v.data(), t.v.size()), nf),
-            0);
+  OrderRun o = order(st, 0, mode);
+  EXPECT_EQ(o.rc, 0);
+  tail = o.a.tail;
+  return o.ord();
 }
 
 std::vector<Case> strip_cases() {
   std::vector<Case> out;
-  {  // random records, shuffled order, a dense block of 1 and of 4
+  {  // random records in the natural and a shuffled order, NDENSE 1 and 4
     Design d = make_design(60, 150, 3, 2, 0.5);
-    for (int nd : {1, 4}) {
-      Case k{"random nd " + std::to_string(nd), nd, d.c, shuffled(60, nd, 9)};
-      out.push_back(k);
-    }
+    for (int nd : {1, 4})
+      for (int shuffle : {1, 0})
+        out.push_back(Case{"random nd " + std::to_string(nd) + (shuffle ? " shuffled" : ""), nd, d.c,
+                           shuffle ? shuffled(60, nd, 9) : natural(60)});
   }
-  {  // an aliased pair and a term held out of pivoting
+  {  // equation 8 repeats 5 (aliased), 9 is never touched, and term 2
+     // (equations 10, 11) is held out of pivoting
     const int neq = 30;
     Design d = make_design(neq, 80, 3, 11, 0.0);
-    for (int e = 2; e <= neq; ++e) d.c(e, e) += 1e-3;
-    for (int j = 1; j <= neq; ++j) d.c(8, j) = d.c(j, 8) = d.c(5, j);
-    d.c(8, 8) = d.c(8, 5) = d.c(5, 8) = d.c(5, 5);
-    Case k{"aliased", 1, d.c, shuffled(neq, 1, 6)};
-    k.term.assign(neq + 1, 1);
-    k.term[10] = k.term[11] = -2;
-    k.nterms = 2;
-    out.push_back(k);
-  }
-  {  // constraint rows with a zero diagonal, absorbed first: moves
-    const int nbase = 20, neq = nbase + 2;
-    Design d = make_design(nbase, 60, 3, 21, 0.0);
-    Dense c(neq);
-    for (int i = 1; i <= nbase; ++i)
-      for (int j = 1; j <= nbase; ++j) c(i, j) = d.c(i, j);
-    for (int e = 2; e <= 6; ++e) c.add_sym(nbase + 1, e, 1.0);
-    for (int e = 7; e <= 12; ++e) c.add_sym(nbase + 2, e, 1.0 + 0.1 * e);
-    for (int e = 2; e <= nbase; ++e) c(e, e) += 0.01;
-    out.push_back(Case{"constraints", 1, c, natural(neq)});
-  }
-  {  // a block laid out complete (across panels), NDENSE 4, singularities
-    const int neq = 110, nd = 4;
-    Design d = make_design(neq, 400, 5, 41, 0.0);
-    for (int e = 2; e <= neq; ++e) d.c(e, e) += 0.05;
-    for (int j = 1; j <= neq; ++j) d.c(70, j) = d.c(j, 70) = d.c(40, j);
-    d.c(70, 70) = d.c(70, 40) = d.c(40, 70) = d.c(40, 40);
-    for (int tail : {neq - nd, 45}) {
-      Case k{"block tail " + std::to_string(tail), nd, d.c, shuffled(neq, nd, 3)};
+    for (int e = 2; e <= neq; ++e) d.c(e, e) += e != 8 && e != 5 ? 1e-3 : 0.0;
+    alias(d.c, 8, 5);
+    for (int j = 1; j <= neq; ++j) d.c(9, j) = d.c(j, 9) = 0.0;
+    for (unsigned seed : {0u, 5u, 6u}) {
+      Case k{"aliased " + std::to_string(seed), 1, d.c, seed ? shuffled(neq, 1, seed) : natural(neq)};
       k.term.assign(neq + 1, 1);
-      k.term[50] = k.term[51] = -2;
+      k.term[10] = k.term[11] = -2;
       k.nterms = 2;
-      k.tail = tail;
+      k.tail = seed == 5u ? 15 : 0;
+      k.nsing = 4;
+      k.untouched = {9};
       out.push_back(k);
     }
+  }
+  // Constraint rows with a zero diagonal, absorbed first (delayed), and
+  // shuffled with the lowest 12 rows laid out complete.
+  Case cons{"constraints", 1, constraint_system(), natural(22)};
+  cons.minmoves = 1;
+  cons.delays = true;
+  out.push_back(cons);
+  cons.name = "constraints shuffled";
+  cons.ord = shuffled(22, 1, 4);
+  cons.tail = 12;
+  cons.minmoves = 0;
+  out.push_back(cons);
+  {  // the whole sparse part (more than three panels of pivots) laid out as
+     // one complete block, NDENSE 4 so that it also updates the dense
+     // triangle, with an aliased pair and a held-out term inside
+    const int neq = 110, nd = 4;
+    for (unsigned seed : {0u, 3u})
+      for (int tail : {neq - nd, 45}) {
+        Case k{"block " + std::to_string(seed) + " tail " + std::to_string(tail), nd, block_system(),
+               seed ? shuffled(neq, nd, seed) : natural(neq)};
+        k.term.assign(neq + 1, 1);
+        k.term[50] = k.term[51] = -2;
+        k.nterms = 2;
+        k.tail = tail;
+        k.nsing = 3;
+        k.readback = true;
+        out.push_back(k);
+      }
+    // A constraint row at position 90 on equations 5..15, whose columns all
+    // lie below it: the block stops there for the pivot search.
+    const Dense b = block_system();
+    Dense c(neq);
+    for (int i = 1; i <= neq; ++i)
+      for (int j = 1; j <= neq; ++j) c(i, j) = (i == 90 || j == 90) ? 0.0 : b(i, j);
+    c(40, 40) += 1.0;  // no longer aliased
+    for (int e = 5; e <= 15; ++e) c.add_sym(90, e, 1.0 + 0.05 * e);
+    Case k{"block constraint", nd, c, natural(neq)};
+    k.tail = neq - nd;
+    k.minmoves = 1;
+    k.delays = true;
+    out.push_back(k);
   }
   {  // animal model in the minimum-degree order, with and without its block
     Triplets t = animal_model(300, 8, 5);
-    Dense c(t.neq);
-    for (size_t q = 0; q < t.r.size(); ++q) c.add_sym(t.r[q], t.c[q], t.v[q]);
+    const Dense c = dense_of(t);
     for (int mode : {1, 3}) {
       Store st(t.neq, t.ndense, 200000);
       EXPECT_TRUE(load(st, c));
@@ -133,15 +189,12 @@ std::vector<Case> strip_cases() {
 
 }  // namespace
 
-TEST(AbsorbStrips, SameResultsAsTheSinglePath) {
+TEST(Absorb, SinglePathMatchesDenseAndStripsMatchIt) {
   for (const Case& k : strip_cases()) {
     SCOPED_TRACE(k.name);
     AbsorbRun one = run_case(k, 1);
-    ASSERT_EQ(one.rc, 0) << one.err;
-    if (one.a.nsing == 0) {  // the case itself against dense algebra
-      std::vector<double> ref;
-      EXPECT_LT(rel(one.a.logdet, lu_logdet(k.c, &ref)), 1e-9);
-    }
+    ASSERT_EQ(one.rc, 0) << one.err << " " << one.nfault;
+    check_against_dense(k, one);
     // 2 and 8 hand out runs and keep the single path; from 101 on the
     // updates go through 1, 3 and 8 strips.
     for (int threads : {2, 8, 101, 103, 108}) {
@@ -179,7 +232,7 @@ TEST(AbsorbStrips, LargeAnimalModelWithFillAndLayoutAgain) {
   AbsorbRun one;
   for (int threads : {1, 108}) {
     Store st(t.neq, t.ndense, 4000000);
-    load_triplets(st, t);
+    ASSERT_TRUE(load_triplets(st, t));
     i32 tail = 0;
     if (ord.empty()) ord = min_degree(st, 1, tail);
     AbsorbRun r = absorb(st, ord, 1, nullptr, 0, [&](AbsorbRun& a) { a.a.threads = threads; });
@@ -197,15 +250,14 @@ TEST(AbsorbStrips, LargeAnimalModelWithFillAndLayoutAgain) {
 TEST(AbsorbStrips, ShortPoolIsAFaultNeverAnOverrun) {
   // From too small for the strips' runs, through pools where a strip finds
   // no room part way, to enough: every outcome is either the right answer
-  // or "Out of memory absorbing".  The single path is run beside it for the
-  // smallest pool each needs.
+  // or "Out of memory absorbing", for the single path and the strips.
   const int neq = 200;
   Design d = make_design(neq, 600, 4, 31, 1.0);
   std::vector<double> ref;
   const double ld = lu_logdet(d.c, &ref);
   int ok = 0, atsetup = 0, midway = 0;
   i64 least[2] = {0, 0};
-  for (i64 slots = 400; slots <= 40000; slots += slots / 8) {
+  for (i64 slots = 220; slots <= 40000; slots = slots < 400 ? 400 : slots + slots / 8) {
     for (int strips : {0, 1}) {
       Store st(neq, 1, slots);
       if (!load(st, d.c)) continue;
@@ -213,11 +265,13 @@ TEST(AbsorbStrips, ShortPoolIsAFaultNeverAnOverrun) {
                            [&](AbsorbRun& a) { a.a.threads = strips ? 108 : 1; });
       if (r.rc == 0) {
         if (least[strips] == 0) least[strips] = slots;
-        if (!strips) continue;
-        ++ok;
+        ok += strips;
         EXPECT_LT(rel(r.a.logdet, ld), 1e-9) << slots;
         for (int e = 2; e <= neq; ++e) ASSERT_LT(rel(r.soln[e - 1], ref[e]), 1e-9) << slots;
         continue;
+      }
+      if (!strips) {
+        EXPECT_GT(r.nfault, 100000);
       }
       EXPECT_STREQ(tarnel::errortext_of(r.nfault), "Out of memory absorbing") << slots;
       if (!strips) continue;

@@ -1,9 +1,7 @@
 // The AI step against dense computations.  Each model is built by hand:
-// the coefficient matrix C is formed densely, factored in the same order
-// as absorption (last position first) and laid out in a row store exactly
-// as absorption leaves it (packed rows from the top of the pool, dense
-// triangle, DD, IW, solutions).  The AI matrix, the scores and the subset
-// of C^-1 are then compared with V, P and C^-1 formed densely.
+// the coefficient matrix C is formed densely and absorbed by g5vxxa in a
+// given order; the AI matrix, the scores and the subset of C^-1 are then
+// compared with V, P and C^-1 formed densely.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -39,24 +37,15 @@ Mat tr(const Mat& a) {
     for (size_t j = 0; j < a[0].size(); ++j) t[j][i] = a[i][j];
   return t;
 }
-Mat inv(Mat a) {  // Gauss-Jordan with partial pivoting
-  int n = a.size();
+Mat inv(const Mat& a) {  // by vtest::inverse (Gauss-Jordan, partial pivoting)
+  const int n = a.size();
+  vtest::Mat f(n * n);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) f[i * n + j] = a[i][j];
+  f = vtest::inverse(f, n);
   Mat b = zeros(n, n);
-  for (int i = 0; i < n; ++i) b[i][i] = 1.0;
-  for (int c = 0; c < n; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < n; ++r)
-      if (std::fabs(a[r][c]) > std::fabs(a[piv][c])) piv = r;
-    std::swap(a[c], a[piv]);
-    std::swap(b[c], b[piv]);
-    double d = a[c][c];
-    for (int j = 0; j < n; ++j) a[c][j] /= d, b[c][j] /= d;
-    for (int r = 0; r < n; ++r) {
-      if (r == c || a[r][c] == 0.0) continue;
-      double f = a[r][c];
-      for (int j = 0; j < n; ++j) a[r][j] -= f * a[c][j], b[r][j] -= f * b[c][j];
-    }
-  }
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) b[i][j] = f[i * n + j];
   return b;
 }
 double trace(const Mat& a) {
@@ -73,53 +62,6 @@ double quad(const std::vector<double>& x, const Mat& a, const std::vector<double
 void expect_rel(double got, double want, const char* what) {
   double scale = std::max(1.0, std::fabs(want));
   EXPECT_NEAR(got, want, 1e-8 * scale) << what;
-}
-
-// Test-side delivery of structure rows (the variance subsystem's g5vvrw
-// does this in the package): identity (kind 0, pos 0), dense packed
-// (kind 9) and derivatives of a packed element (kind 1001+, with pos 0 the
-// unit pair, with pos > 0 the product M (E_rc + E_cr) M).
-int test_rows(span<double> values, span<int> columns, int& count, i64& rownum, int order,
-              const i64* rec, StrucRow, const WorkArray& w, int, int, const GivTable&, int, int&) {
-  int i = static_cast<int>(rownum % order) + 1;
-  rownum /= order;
-  i64 kind = rec[0], pos = rec[2];
-  auto M = [&](int r, int c) {
-    if (r < c) std::swap(r, c);
-    return w.r[pos - 1 + r * (r - 1) / 2 + c - 1];
-  };
-  count = 0;
-  if (kind == 0 && pos == 0) {
-    values[i - 1] = 1.0;
-    columns[count++] = i;
-    return 0;
-  }
-  if (kind == 9) {
-    for (int j = 1; j <= order; ++j) {
-      values[j - 1] = M(i, j);
-      columns[count++] = j;
-    }
-    return 0;
-  }
-  if (kind > 1000 && kind <= 5000) {
-    int t = static_cast<int>(kind - 1000), r = 1;
-    while (r * (r + 1) / 2 < t) ++r;
-    int c = t - r * (r - 1) / 2;
-    for (int j = 1; j <= order; ++j) {
-      double v;
-      if (pos == 0) {
-        v = ((i == r && j == c) || (i == c && j == r)) ? 1.0 : 0.0;
-      } else {
-        v = (r == c) ? M(i, r) * M(r, j) : M(i, c) * M(r, j) + M(i, r) * M(c, j);
-      }
-      if (v != 0.0) {
-        values[j - 1] = v;
-        columns[count++] = j;
-      }
-    }
-    return 0;
-  }
-  return 1;
 }
 
 struct Model {
@@ -147,24 +89,23 @@ struct Model {
 };
 
 struct Built {
-  std::unique_ptr<tarnel_test::Store> store;  // when absorbed by g5vxxa
+  std::unique_ptr<tarnel_test::Store> store;
   tarnel_test::AbsorbRun absorbed;
-  std::vector<double> x;
-  std::vector<i32> l, iw;
+  std::vector<i32> iw;
   std::vector<double> dd, soln;
   MmeStore st;
   i64 off = 0;
   Mat cinv;                    // dense inverse by equation (singular rows 0)
   std::vector<bool> singular;  // by equation
-  std::vector<double> dv, dval;
+  std::vector<double> dval;
   std::vector<i32> dcol;
   std::vector<i64> dstart;
 };
 
-// Forms C, factors it in the order `perm` (perm[p-1] = equation at p) with
-// `ndense` dense positions, and lays it out as absorption would; with
-// `real` the store is loaded and g5vxxa does the factoring.
-void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, bool real = false) {
+// Forms C densely, loads it and absorbs it with g5vxxa in the order `perm`
+// (perm[p-1] = equation at p) with `ndense` dense positions; the solution
+// is checked against the dense one.
+void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b) {
   int n = m.neq, nrec = m.y.size();
   double gr = m.gammas[0];
   Mat c = zeros(n + 1, n + 1);  // 1-based by equation, response at 1
@@ -182,92 +123,23 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, b
     }
   for (int i = 2; i <= n; ++i)
     for (int j = 2; j <= n; ++j) c[i][j] += m.ginv[i - 2][j - 2];
-  // Position form with pattern.
-  std::vector<int> posof(n + 1);
-  for (int p = 1; p <= n; ++p) posof[perm[p - 1]] = p;
-  Mat a = zeros(n + 1, n + 1);
-  std::vector<std::vector<char>> pat(n + 1, std::vector<char>(n + 1, 0));
+  tarnel_test::Dense dc(n);
   for (int i = 1; i <= n; ++i)
-    for (int j = 1; j <= n; ++j) {
-      a[posof[i]][posof[j]] = c[i][j];
-      pat[posof[i]][posof[j]] = c[i][j] != 0.0 || i == j;
-    }
-  for (int p = 1; p <= n; ++p) pat[p][1] = pat[1][p] = 1;
-  b.iw.assign(2 * n, 0);
-  b.dd.assign(n, 0.0);
+    for (int j = 1; j <= n; ++j) dc(i, j) = c[i][j];
+  b.store = std::make_unique<tarnel_test::Store>(n, ndense, 4 * n * n + 100);
+  EXPECT_TRUE(tarnel_test::load(*b.store, dc));
+  std::vector<int> ord(n + 1, 0);
+  for (int p = 1; p <= n; ++p) ord[p] = perm[p - 1];
+  b.absorbed = tarnel_test::absorb(*b.store, ord);
+  EXPECT_EQ(b.absorbed.rc, 0) << b.absorbed.err;
+  b.st = b.store->s;
+  b.off = b.store->off();
+  b.iw = b.absorbed.iw;
+  b.dd = b.absorbed.dd;
   b.singular.assign(n + 1, false);
-  for (int p = 1; p <= n; ++p) b.iw[2 * (p - 1) + 1] = perm[p - 1];
-  for (int e = 1; e <= n; ++e) b.iw[2 * (e - 1)] = (e == 1) ? 0 : 1;
-  // Rows at their pivot time.
-  std::vector<std::vector<std::pair<int, double>>> prow(n + 1);
-  i64 lssp = static_cast<i64>(ndense) * (ndense + 1) / 2;
-  b.x.assign(lssp, 0.0);
-  for (int p = n; p >= 2; --p) {
-    for (int cc = 1; cc <= p; ++cc)
-      if (pat[p][cc]) prow[p].push_back({cc, a[p][cc]});
-    if (p <= ndense)
-      for (int cc = 1; cc <= p; ++cc) b.x[p * (p - 1) / 2 + cc - 1] = a[p][cc];
-    double d = a[p][p];
-    if (std::fabs(d) < 1e-9) {
-      b.singular[perm[p - 1]] = true;
-      b.iw[2 * (perm[p - 1] - 1)] = -1;
-      continue;
-    }
-    b.dd[p - 1] = 1.0 / d;
-    for (int i = 1; i < p; ++i) {
-      if (!pat[p][i]) continue;
-      for (int j = 1; j <= i; ++j) {
-        if (!pat[p][j]) continue;
-        a[i][j] -= a[p][i] * a[p][j] / d;
-        a[j][i] = a[i][j];
-        pat[i][j] = pat[j][i] = 1;
-      }
-    }
-  }
-  b.x[0] = a[1][1];
-  // Pool: heads, then packed rows from the top.
-  i64 heads = n - ndense, packed = 0;
-  for (int p = ndense + 1; p <= n; ++p) packed += prow[p].size();
-  i64 slots = heads + packed;
-  b.off = slots;
-  b.x.resize(lssp + slots, 0.0);
-  b.l.assign(2 * (slots + n + 1), 0);
-  for (i64 h = 1; h <= heads; ++h) b.l[2 * (h - 1)] = 1;
-  i64 top = slots;
-  for (int p = n; p > ndense; --p) {
-    b.l[2 * (b.off + p - 1) + 1] = static_cast<i32>(top);
-    for (auto& e : prow[p]) {
-      b.x[lssp + top - 1] = e.second;
-      b.l[2 * (top - 1)] = e.first;
-      --top;
-    }
-  }
-  b.st.x = span<double>(b.x);
-  b.st.l = span<i32>(b.l);
-  b.st.neq = n;
-  b.st.ndense = ndense;
-  b.st.lssp = lssp;
-  b.st.lx = heads;
-  b.st.len = slots;
-  if (real) {
-    tarnel_test::Dense dc(n);
-    for (int i = 1; i <= n; ++i)
-      for (int j = 1; j <= n; ++j) dc(i, j) = c[i][j];
-    b.store = std::make_unique<tarnel_test::Store>(n, ndense, 4 * n * n + 100);
-    EXPECT_TRUE(tarnel_test::load(*b.store, dc));
-    std::vector<int> ord(n + 1, 0);
-    for (int p = 1; p <= n; ++p) ord[p] = perm[p - 1];
-    b.absorbed = tarnel_test::absorb(*b.store, ord);
-    EXPECT_EQ(b.absorbed.rc, 0) << b.absorbed.err;
-    b.st = b.store->s;
-    b.off = b.store->off();
-    b.iw = b.absorbed.iw;
-    b.dd = b.absorbed.dd;
-    for (int e = 1; e <= n; ++e) b.singular[e] = false;
-    for (int p = 2; p <= n; ++p) {
-      int e = b.iw[2 * (p - 1) + 1];
-      b.singular[e] = b.iw[2 * (e - 1)] < 0 || b.dd[p - 1] == 0.0;
-    }
+  for (int p = 2; p <= n; ++p) {
+    int e = b.iw[2 * (p - 1) + 1];
+    b.singular[e] = b.iw[2 * (e - 1)] < 0 || b.dd[p - 1] == 0.0;
   }
   // Dense solution and inverse over the non-singular equations.
   std::vector<int> keep;
@@ -287,11 +159,9 @@ void build(const Model& m, const std::vector<int>& perm, int ndense, Built& b, b
     }
     b.soln[keep[i] - 1] = s;
   }
-  if (real) {
-    for (int e = 2; e <= n; ++e)
-      EXPECT_NEAR(b.absorbed.soln[e - 1], b.soln[e - 1], 1e-9 * (1 + std::fabs(b.soln[e - 1])));
-    b.soln = b.absorbed.soln;
-  }
+  for (int e = 2; e <= n; ++e)
+    EXPECT_NEAR(b.absorbed.soln[e - 1], b.soln[e - 1], 1e-9 * (1 + std::fabs(b.soln[e - 1])));
+  b.soln = b.absorbed.soln;
   // Design rows.
   b.dstart.push_back(1);
   for (int r = 0; r < nrec; ++r) {
@@ -310,8 +180,7 @@ struct PhaseRun {
   GivTable giv;
 };
 
-void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000,
-         RowRoutine rows = test_rows) {
+void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000) {
   r.ai.assign(m.nwv * (m.nwv + 1) / 2, 0.0);
   r.score.assign(m.nwv, 0.0);
   r.resid.assign(m.y.size(), 0.0);
@@ -355,7 +224,7 @@ void run(Model& m, Built& b, PhaseRun& r, i64 wvxplimit = 0, i64 lenwk = 400000,
   a.var.logdet = span<const double>(m.logdet.data(), m.logdet.size());
   a.var.work = &r.w;
   a.var.giv = &r.giv;
-  a.var.row = rows;
+  a.var.row = tarnel::g5vvrw;
   a.wk = r.wk.data();
   a.lenwk = lenwk;
   a.wvxplimit = wvxplimit;
@@ -416,11 +285,8 @@ void check_against_dense(const Model& m, const Built& b, const PhaseRun& r) {
   for (int i = 0; i < nrec; ++i)
     for (int j = 0; j < nrec; ++j) Py[i] += P[i][j] * m.y[j];
   for (int i = 1; i <= m.nwv; ++i) {
-    Mat PdVi = mul(P, dV[i]);
     for (int j = 1; j <= i; ++j) {
-      Mat PdVj = mul(P, dV[j]);
-      double want = 0.5 * quad(Py, mul(dV[i], PdVj), Py);
-      (void)PdVi;
+      double want = 0.5 * quad(Py, mul(dV[i], mul(P, dV[j])), Py);
       expect_rel(r.ai[i * (i - 1) / 2 + j - 1], want, "AI");
     }
     double sc = 0.5 * (quad(Py, dVs[i], Py) - trace(mul(P, dVs[i])));
@@ -479,35 +345,125 @@ std::vector<int> natural(int n) {
   std::iota(p.begin(), p.end(), 1);
   return p;
 }
+// The natural order with the effects (positions 3..n) reversed.
+std::vector<int> reversed(int n) {
+  std::vector<int> p = natural(n);
+  std::reverse(p.begin() + 2, p.end());
+  return p;
+}
+
+// The structures formed in `f` become the model's.
+void use_fit(Model& m, const vtest::Fit& f) {
+  m.gammas = f.gammas;
+  m.struc = f.struc;
+  m.secform = f.secform;
+  m.parform = f.parform;
+  m.logdet = f.logdet;
+  m.work = f.work;
+}
+// Every parameter free and in the AI system in order.
+void all_free(Model& m) {
+  m.nwv = m.gammas.size();
+  m.rgmstr.assign(m.nwv, 0);
+  m.wvcolumn.resize(m.nwv);
+  std::iota(m.wvcolumn.begin(), m.wvcolumn.end(), 1);
+}
+// G^-1 by dense inversion of G over the effects (equations 3..neq).
+void invert_g(Model& m) {
+  const int ne = m.neq - 1;
+  Mat gsub = zeros(ne - 1, ne - 1);
+  for (int i = 0; i < ne - 1; ++i)
+    for (int j = 0; j < ne - 1; ++j) gsub[i][j] = m.g[1 + i][1 + j];
+  Mat gi = inv(gsub);
+  m.ginv = zeros(ne, ne);
+  for (int i = 0; i < ne - 1; ++i)
+    for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
+}
+
+// G = I(ns) x S over the effects (equations 3..neq), dG = I(ns) x dS[p]
+// for each parameter p (empty: none), and G^-1 by dense inversion.
+void kron_g(Model& m, int ns, const vtest::Mat& S, const std::vector<vtest::Mat>& dS) {
+  const int ne = m.neq - 1, q = static_cast<int>(std::lround(std::sqrt(S.size())));
+  m.g = zeros(ne, ne);
+  m.dg.assign(dS.size(), zeros(ne, ne));
+  for (int k = 0; k < ns; ++k)
+    for (int i = 0; i < q; ++i)
+      for (int j = 0; j < q; ++j) {
+        const int ei = 1 + k * q + i, ej = 1 + k * q + j;
+        m.g[ei][ej] = S[i * q + j];
+        for (size_t p = 0; p < dS.size(); ++p)
+          if (!dS[p].empty()) m.dg[p][ei][ej] = dS[p][i * q + j];
+      }
+  invert_g(m);
+}
+// s AR1(rho) of order q, or its derivative in rho.
+vtest::Mat ar1(int q, double rho, double s, bool deriv = false) {
+  vtest::Mat a(q * q);
+  for (int i = 0; i < q; ++i)
+    for (int j = 0; j < q; ++j) {
+      const int d = std::abs(i - j);
+      a[i * q + j] = deriv ? (d == 0 ? 0.0 : s * d * std::pow(rho, d - 1)) : s * std::pow(rho, d);
+    }
+  return a;
+}
+
+// Builds and runs the AI phase and checks the AI, the scores and (with
+// `inverse`) C^-1 against dense formulas; returns log|G|.
+double check_model(Model& m, const std::vector<int>& perm, int ndense, bool inverse = true,
+                   i64 wvxplimit = 0, const GivTable* giv = nullptr) {
+  Built b;
+  build(m, perm, ndense, b);
+  PhaseRun r;
+  run(m, b, r, wvxplimit);
+  if (giv) r.giv = *giv;
+  EXPECT_EQ(ai_phase(r.a), 0) << r.a.nfault;
+  if (r.a.nfault) return NAN;
+  check_against_dense(m, b, r);
+  if (inverse) check_inverse(m, b);
+  // Residuals against the dense solution.
+  for (size_t i = 0; i < m.y.size(); ++i) {
+    double fit = 0;
+    for (auto& e : m.rows[i]) fit += e.second * b.soln[e.first - 1];
+    expect_rel(r.resid[i], m.y[i] - fit, "residual");
+  }
+  return r.a.logdetg;
+}
+
+// y = mu + f + a(i) + b(j) + e over all na x nb cells, some cells twice; f
+// is a fixed column equal to mu, so one of the two takes no pivot.
+Model crossed(int na, int nb, std::vector<double> gammas, unsigned s) {
+  Model m;
+  m.neq = 1 + 2 + na + nb;
+  m.nlev = {2, na, nb};
+  m.tcode = {0, 2, 3};
+  m.gammas = gammas;
+  all_free(m);
+  int ne = m.neq - 1;
+  m.ginv = zeros(ne, ne);
+  m.g = zeros(ne, ne);
+  m.dg.assign(3, zeros(ne, ne));
+  for (int e = 2; e < ne; ++e) {
+    const int t = e < 2 + na ? 1 : 2;
+    m.ginv[e][e] = 1 / gammas[t], m.g[e][e] = gammas[t], m.dg[t][e][e] = 1;
+  }
+  for (int i = 0; i < na; ++i)
+    for (int j = 0; j < nb; ++j)
+      for (int rep = 0; rep < 1 + ((i * 7 + j) % 3 == 0); ++rep) {
+        s = s * 1103515245u + 12345u;
+        m.y.push_back(3.0 + 0.1 * i - 0.4 * j + ((s >> 8) % 1000) / 200.0);
+        m.rows.push_back({{2, 1.0}, {3, 1.0}, {4 + i, 1.0}, {4 + na + j, 1.0}});
+      }
+  return m;
+}
 
 }  // namespace
 
 TEST(AverageInfo, OneWayRandomModelMatchesDenseFormulas) {
   // Free scale (V proportional to it), natural order and a shuffled order
   // with three dense positions.
-  for (int variant = 0; variant < 2; ++variant) {
-    Model m = one_way(6, 3, 0.8, 1.0, true);
-    std::vector<int> perm = natural(m.neq);
-    int ndense = 1;
-    if (variant == 1) {
-      perm = {1, 3, 2, 8, 5, 4, 7, 6};
-      ndense = 3;
-    }
-    Built b;
-    build(m, perm, ndense, b);
-    PhaseRun r;
-    run(m, b, r);
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
-    check_inverse(m, b);
-    expect_rel(r.a.logdetg, 6 * std::log(0.8), "log|G|");
-    // Residuals against the dense solution.
-    for (size_t i = 0; i < m.y.size(); ++i) {
-      double fit = 0;
-      for (auto& e : m.rows[i]) fit += e.second * b.soln[e.first - 1];
-      expect_rel(r.resid[i], m.y[i] - fit, "residual");
-    }
-  }
+  Model m = one_way(6, 3, 0.8, 1.0, true);
+  expect_rel(check_model(m, natural(m.neq), 1), 6 * std::log(0.8), "log|G|");
+  expect_rel(check_model(m, {1, 2, 3, 8, 5, 4, 7, 6}, 3), 6 * std::log(0.8), "log|G|");
 }
 
 TEST(AverageInfo, FixedResidualScaleAndZeroOrFixedParameters) {
@@ -531,36 +487,7 @@ TEST(AverageInfo, FixedResidualScaleAndZeroOrFixedParameters) {
 }
 
 TEST(AverageInfo, CrossedFactorsWithAliasedFixedEffect) {
-  // y = mu + a(i) + b(j) + e, with a fixed column equal to mu (singular).
-  Model m;
-  int na = 3, nb = 4;
-  m.neq = 1 + 2 + na + nb;
-  m.nlev = {2, na, nb};
-  m.tcode = {0, 2, 3};
-  m.gammas = {1.0, 0.6, 1.9};
-  m.rgmstr = {0, 0, 0};
-  m.wvcolumn = {1, 2, 3};
-  m.nwv = 3;
-  int ne = m.neq - 1;
-  m.ginv = zeros(ne, ne);
-  m.g = zeros(ne, ne);
-  m.dg.assign(3, zeros(ne, ne));
-  for (int k = 0; k < na; ++k) {
-    int e = 2 + k;
-    m.ginv[e][e] = 1 / 0.6, m.g[e][e] = 0.6, m.dg[1][e][e] = 1;
-  }
-  for (int k = 0; k < nb; ++k) {
-    int e = 2 + na + k;
-    m.ginv[e][e] = 1 / 1.9, m.g[e][e] = 1.9, m.dg[2][e][e] = 1;
-  }
-  unsigned s = 11;
-  for (int i = 0; i < na; ++i)
-    for (int j = 0; j < nb; ++j)
-      for (int rep = 0; rep < 1 + ((i + j) % 2); ++rep) {
-        s = s * 1103515245u + 12345u;
-        m.y.push_back(5.0 + i - 0.5 * j + ((s >> 8) % 1000) / 300.0);
-        m.rows.push_back({{2, 1.0}, {3, 1.0}, {4 + i, 1.0}, {4 + na + j, 1.0}});
-      }
+  Model m = crossed(3, 4, {1.0, 0.6, 1.9}, 11);
   std::vector<int> perm = {1, 2, 3, 4, 6, 9, 5, 10, 7, 8};
   Built b;
   build(m, perm, 2, b);
@@ -590,91 +517,28 @@ TEST(AverageInfo, CrossedFactorsWithAliasedFixedEffect) {
   if (f) std::fclose(f);
 }
 
-TEST(AverageInfo, UnstructuredRandomRegressionMatchesDense) {
-  // Intercept and slope per subject: G = I(ns) x Sigma, Sigma a 2x2 US.
-  int ns = 4;
-  Model m;
-  m.neq = 1 + 1 + 2 * ns;
-  m.nlev = {1, 2 * ns};
-  m.tcode = {0, 20001};
-  double s11 = 1.3, s21 = 0.4, s22 = 0.7;
-  m.gammas = {1.0, s11, s21, s22};
-  m.rgmstr = {0, 0, 0, 0};
-  m.wvcolumn = {1, 2, 3, 4};
-  m.nwv = 4;
-  // struc rows: 1 = I(ns), 2 = US(2); 15 fields each.
-  m.struc.assign(30, 0);
-  m.struc[0] = ns, m.struc[2] = 0, m.struc[13] = 1;
-  m.struc[15] = 2, m.struc[16] = 3, m.struc[17] = 9, m.struc[18] = 2, m.struc[19] = 1,
-  m.struc[28] = 1;
-  double det = s11 * s22 - s21 * s21;
-  m.work = {s11, s21, s22, s22 / det, -s21 / det, s11 / det};
-  m.secform = {FormRecord{0, 0, 0, 0, 0, 0}, FormRecord{9, 0, 1, 9, 0, 4}};
-  m.parform.resize(4);
-  for (int t = 1; t <= 3; ++t) m.parform[t] = FormRecord{1000 + t, 0, 0, 1000 + t, 0, 4};
-  m.logdet = {0.0, std::log(det)};
-  int ne = m.neq - 1;
-  m.g = zeros(ne, ne);
-  m.ginv = zeros(ne, ne);
-  m.dg.assign(4, zeros(ne, ne));
-  double sinv[2][2] = {{s22 / det, -s21 / det}, {-s21 / det, s11 / det}};
-  double sig[2][2] = {{s11, s21}, {s21, s22}};
-  for (int k = 0; k < ns; ++k)
-    for (int i = 0; i < 2; ++i)
-      for (int j = 0; j < 2; ++j) {
-        int ei = 1 + 2 * k + i, ej = 1 + 2 * k + j;
-        m.g[ei][ej] = sig[i][j];
-        m.ginv[ei][ej] = sinv[i][j];
-        if (i == 0 && j == 0) m.dg[1][ei][ej] = 1;
-        if (i != j) m.dg[2][ei][ej] = 1;
-        if (i == 1 && j == 1) m.dg[3][ei][ej] = 1;
-      }
-  unsigned s = 3;
-  for (int k = 0; k < ns; ++k)
-    for (int t = 0; t < 4; ++t) {
-      s = s * 1103515245u + 12345u;
-      double x = t - 1.5;
-      m.y.push_back(2.0 + 0.3 * k + (0.5 + 0.1 * k) * x + ((s >> 8) % 1000) / 400.0);
-      m.rows.push_back({{2, 1.0}, {3 + 2 * k, 1.0}, {4 + 2 * k, x}});
-    }
-  Built b;
-  build(m, {1, 2, 5, 6, 3, 4, 9, 10, 7, 8}, 1, b);
-  PhaseRun r;
-  run(m, b, r);
-  ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-  check_against_dense(m, b, r);
-  check_inverse(m, b);
-  expect_rel(r.a.logdetg, ns * std::log(det), "log|G| of I x US");
-}
-
 TEST(AverageInfo, ClearFaultsForUnavailableAndBadInput) {
   Model m = one_way(3, 2, 0.5, 1.0, true);
   Built b;
   build(m, natural(m.neq), 1, b);
-  // A structured residual section is not available yet: fault, no crash.
-  PhaseRun r;
-  run(m, b, r);
+  // A structured residual section without a form record; a design column
+  // beyond NEQ; an order that is not a permutation: fault 2111, no crash.
   std::vector<i32> ns = {static_cast<i32>(m.y.size()), 1, 1};
   std::vector<int> struc(15, 0);
   struc[0] = static_cast<int>(m.y.size());
-  r.a.nrsect = span<const i32>(ns.data(), 3);
-  r.a.var.struc = span<int>(struc);
-  r.a.var.nstruc = 1;
-  EXPECT_EQ(ai_phase(r.a), 1);  // no form record for the structure
-  EXPECT_EQ(r.a.nfault, 2111);
-  // A design column beyond NEQ and an order that is not a permutation.
-  PhaseRun r2;
-  run(m, b, r2);
-  b.dcol[1] = m.neq + 1;
-  EXPECT_EQ(ai_phase(r2.a), 1);
-  EXPECT_EQ(r2.a.nfault, 2111);
-  b.dcol[1] = 2;
-  PhaseRun r3;
-  run(m, b, r3);
-  std::swap(b.iw[1], b.iw[3]);
-  b.iw[1] = b.iw[3];
-  EXPECT_EQ(ai_phase(r3.a), 1);
-  EXPECT_EQ(r3.a.nfault, 2111);
+  for (int k = 0; k < 3; ++k) {
+    PhaseRun r;
+    run(m, b, r);
+    if (k == 0) {
+      r.a.nrsect = span<const i32>(ns.data(), 3);
+      r.a.var.struc = span<int>(struc);
+      r.a.var.nstruc = 1;
+    }
+    if (k == 1) b.dcol[1] = m.neq + 1;
+    if (k == 2) b.dcol[1] = 2, b.iw[1] = b.iw[3];
+    EXPECT_EQ(ai_phase(r.a), 1) << k;
+    EXPECT_EQ(r.a.nfault, 2111) << k;
+  }
   // Too little work space is fault 6.
   Built b4;
   build(m, natural(m.neq), 1, b4);
@@ -684,19 +548,11 @@ TEST(AverageInfo, ClearFaultsForUnavailableAndBadInput) {
   EXPECT_EQ(r4.a.nfault, 6);
 }
 
-// The same checks with the equations absorbed by g5vxxa and the structures
-// formed by g5vvsf and delivered by g5vvrw.
+// The structures formed by g5vvsf and delivered by g5vvrw.
 TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
-  {  // one-way, shuffled order with two dense positions
-    Model m = one_way(7, 2, 0.45, 1.0, true);
-    Built b;
-    build(m, {1, 2, 9, 4, 7, 3, 5, 8, 6}, 2, b, true);
-    PhaseRun r;
-    run(m, b, r);
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
-    check_inverse(m, b);
-  }
+  // one-way, shuffled order with two dense positions
+  Model ow = one_way(7, 2, 0.45, 1.0, true);
+  check_model(ow, {1, 2, 9, 4, 7, 3, 5, 8, 6}, 2);
   // I(ns) x US(2) random regression and sigma_g AR1(rho) over q levels.
   for (int kind = 0; kind < 2; ++kind) {
     vtest::Fit f;
@@ -719,51 +575,17 @@ TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
     ASSERT_EQ(f.run(), 0) << f.ifault;
     for (int r = 1; r <= 2; ++r) f.struc[(r - 1) * 15 + kField14 - 1] = 1;
     m.tcode = {0, 20001};
-    m.gammas = f.gammas;
-    m.rgmstr.assign(m.gammas.size(), 0);
-    m.nwv = m.gammas.size();
-    m.wvcolumn.resize(m.nwv);
-    std::iota(m.wvcolumn.begin(), m.wvcolumn.end(), 1);
-    m.struc = f.struc;
-    m.secform = f.secform;
-    m.parform = f.parform;
-    m.logdet = f.logdet;
-    m.work = f.work;
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.dg.assign(m.nwv, zeros(ne, ne));
+    use_fit(m, f);
+    all_free(m);
     double logdetg;
     if (kind == 0) {
-      double sig[2][2] = {{s11, s21}, {s21, s22}};
-      for (int k = 0; k < ns; ++k)
-        for (int i = 0; i < 2; ++i)
-          for (int j = 0; j < 2; ++j) {
-            int ei = 1 + 2 * k + i, ej = 1 + 2 * k + j;
-            m.g[ei][ej] = sig[i][j];
-            m.dg[1][ei][ej] = (i == 0 && j == 0);
-            m.dg[2][ei][ej] = (i != j);
-            m.dg[3][ei][ej] = (i == 1 && j == 1);
-          }
+      kron_g(m, ns, {s11, s21, s21, s22}, {{}, {1, 0, 0, 0}, {0, 1, 1, 0}, {0, 0, 0, 1}});
       logdetg = ns * std::log(s11 * s22 - s21 * s21);
     } else {
-      for (int i = 0; i < q; ++i)
-        for (int j = 0; j < q; ++j) {
-          int d = std::abs(i - j);
-          m.g[1 + i][1 + j] = sg * std::pow(rho, d);
-          m.dg[1][1 + i][1 + j] = std::pow(rho, d);
-          m.dg[2][1 + i][1 + j] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
-        }
+      kron_g(m, 1, ar1(q, rho, sg), {{}, ar1(q, rho, 1.0), ar1(q, rho, sg, true)});
       logdetg = q * std::log(sg) + (q - 1) * std::log(1 - rho * rho);
     }
-    Mat gsub = zeros(ne - 1, ne - 1);
-    for (int i = 0; i < ne - 1; ++i)
-      for (int j = 0; j < ne - 1; ++j) gsub[i][j] = m.g[1 + i][1 + j];
-    Mat gi = inv(gsub);
-    m.ginv = zeros(ne, ne);
-    for (int i = 0; i < ne - 1; ++i)
-      for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
     unsigned sd = 5 + kind;
-    int nlev = m.nlev[1];
     for (int k = 0; k < (kind == 0 ? ns : q); ++k)
       for (int t = 0; t < 3; ++t) {
         sd = sd * 1103515245u + 12345u;
@@ -774,23 +596,14 @@ TEST(AverageInfoPipeline, AbsorbedStoreAndFormedStructures) {
         else
           m.rows.push_back({{2, 1.0}, {3 + k, 1.0}});
       }
-    (void)nlev;
-    std::vector<int> perm = natural(m.neq);
-    std::reverse(perm.begin() + 2, perm.end());
-    Built b;
-    build(m, perm, 1, b, true);
-    PhaseRun r;
-    run(m, b, r, 0, 400000, tarnel::g5vvrw);
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
-    check_inverse(m, b);
-    expect_rel(r.a.logdetg, logdetg, "log|G|");
+    expect_rel(check_model(m, reversed(m.neq), 1), logdetg, "log|G|");
+    // A shuffled order that splits the subjects' pairs.
+    if (kind == 0) expect_rel(check_model(m, {1, 2, 5, 6, 3, 4, 9, 10, 7, 8}, 1), logdetg, "log|G|");
   }
 }
 
 TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
-  // y = mu + u(group) + e, R = gamma AR1(rho) over the records in order,
-  // formed by g5vvsf and delivered by g5vvrw.
+  // y = mu + u(group) + e, R = gamma AR1(rho) over the records in order.
   Model m = one_way(4, 3, 0.7, 1.0, true);
   int n = m.y.size();
   double rho = 0.45;
@@ -798,15 +611,8 @@ TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
   f.gammas = {1.0, 0.7, rho};
   f.add_section(n, 1, 1, 3, 1);
   ASSERT_EQ(f.run(), 0) << f.ifault;
-  m.gammas = f.gammas;
-  m.rgmstr = {0, 0, 0};
-  m.wvcolumn = {1, 2, 3};
-  m.nwv = 3;
-  m.struc = f.struc;
-  m.secform = f.secform;
-  m.parform = f.parform;
-  m.logdet = f.logdet;
-  m.work = f.work;
+  use_fit(m, f);
+  all_free(m);
   m.rcode = 1;
   m.rmat = zeros(n, n);
   m.dr.assign(3, Mat());
@@ -818,17 +624,8 @@ TEST(AverageInfoPipeline, Ar1ResidualMatchesDense) {
       m.dr[2][i][j] = d == 0 ? 0.0 : d * std::pow(rho, d - 1);
     }
   m.dg.resize(3, zeros(m.neq - 1, m.neq - 1));
-  for (int variant = 0; variant < 2; ++variant) {
-    Built b;
-    std::vector<int> perm = natural(m.neq);
-    if (variant) std::reverse(perm.begin() + 2, perm.end());
-    build(m, perm, variant ? 2 : 1, b, true);
-    PhaseRun r;
-    run(m, b, r, variant ? m.neq + 2 * m.nwv + 3 : 0, 400000, tarnel::g5vvrw);
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
-    check_inverse(m, b);
-  }
+  check_model(m, natural(m.neq), 1);
+  check_model(m, reversed(m.neq), 2, true, m.neq + 2 * m.nwv + 3);  // WVXP rows spilled
 }
 
 TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
@@ -842,15 +639,10 @@ TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
   f.add_section(n1, 1, 0, 3);
   f.add_section(n2, 1, 0, 4);
   ASSERT_EQ(f.run(), 0) << f.ifault;
-  m.gammas = f.gammas;
+  use_fit(m, f);
   m.rgmstr = {4, 0, 0, 0};
   m.wvcolumn = {0, 1, 2, 3};
   m.nwv = 3;
-  m.struc = f.struc;
-  m.secform = f.secform;
-  m.parform = f.parform;
-  m.logdet = f.logdet;
-  m.work = f.work;
   m.nrsect = {n1, 1, 1, n2, 1, 2};
   m.rmat = zeros(n, n);
   m.dr.assign(4, Mat());
@@ -861,31 +653,23 @@ TEST(AverageInfoPipeline, TwoResidualSectionsWithOwnVariances) {
     m.dr[i < n1 ? 2 : 3][i][i] = 1.0;
   }
   m.dg.resize(4, zeros(m.neq - 1, m.neq - 1));
-  Built b;
-  build(m, natural(m.neq), 1, b, true);
-  PhaseRun r;
-  run(m, b, r, 0, 400000, tarnel::g5vvrw);
-  ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-  check_against_dense(m, b, r);
+  check_model(m, natural(m.neq), 1, false);
 }
 
 // G = sigma A over q groups, A known and given by its inverse: a dense
 // packed (type 9) and a sparse lower triangle by rows (type 7) of the same
-// tridiagonal A^-1, linked to the section (model -1), formed by g5vvsf and
-// delivered by g5vvrw.  Scores, AI and log|G| against dense formulas.
+// tridiagonal A^-1, linked to the section (model -1).  Scores, AI and
+// log|G| against dense formulas.
 TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
   const int q = 5;
   const double sg = 0.8;
-  Mat ai = zeros(q, q);  // A^-1: tridiagonal, diagonally dominant
-  for (int i = 0; i < q; ++i) {
-    ai[i][i] = 2.0 + 0.3 * i;
-    if (i > 0) ai[i][i - 1] = ai[i - 1][i] = -0.7;
+  vtest::Mat ai(q * q, 0.0);  // A^-1: tridiagonal, diagonally dominant
+  for (int i = 1; i <= q; ++i) {
+    vtest::at(ai, q, i, i) = 2.0 + 0.3 * (i - 1);
+    if (i > 1) vtest::at(ai, q, i, i - 1) = vtest::at(ai, q, i - 1, i) = -0.7;
   }
-  Mat A = inv(ai);
-  vtest::Mat aflat(q * q);
-  for (int i = 0; i < q; ++i)
-    for (int j = 0; j < q; ++j) aflat[i * q + j] = A[i][j];
-  const double ldA = vtest::log_abs_det(aflat, q);
+  const vtest::Mat A = vtest::inverse(ai, q);
+  const double ldA = vtest::log_abs_det(A, q);
   // The sparse inverse with and without the transposed index of its lower
   // triangle.
   const std::pair<int, bool> cases[] = {{9, false}, {7, false}, {7, true}};
@@ -896,23 +680,12 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
     f.gammas = {1.0, sg};
     f.add_section(q, 1, -1, 2, 0);
     std::vector<double> vals;
-    std::vector<int> ints;
-    if (type == 9) {
-      for (int i = 0; i < q; ++i)
-        for (int j = 0; j <= i; ++j) vals.push_back(ai[i][j]);
-      ints = {0};
-    } else {
-      ints.push_back(1);
-      std::vector<int> cols;
-      for (int i = 0; i < q; ++i) {
-        if (i > 0) vals.push_back(ai[i][i - 1]), cols.push_back(i);
-        vals.push_back(ai[i][i]), cols.push_back(i + 1);
-        ints.push_back(static_cast<int>(vals.size()) + 1);
-      }
-      ints.insert(ints.end(), cols.begin(), cols.end());
-      ints.insert(ints.end(), q, 0);  // cursors
-      if (transposed) vtest::append_transpose(ints, q);
-    }
+    std::vector<int> ints = {0};
+    if (type == 9)
+      for (int i = 1; i <= q; ++i)
+        for (int j = 1; j <= i; ++j) vals.push_back(vtest::at(ai, q, i, j));
+    else
+      vtest::sparse_lower(ai, q, transposed, vals, ints);
     f.givreal = {ldA};
     f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());
     f.givint = ints;
@@ -920,32 +693,12 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
     ASSERT_EQ(f.run(), 0) << f.ifault;
     f.struc[kField14 - 1] = 1;
     m.tcode = {0, 10001};
-    m.gammas = f.gammas;
-    m.struc = f.struc;
-    m.secform = f.secform;
-    m.parform = f.parform;
-    m.logdet = f.logdet;
-    m.work = f.work;
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.ginv = zeros(ne, ne);
-    m.dg.assign(2, zeros(ne, ne));
-    for (int i = 0; i < q; ++i)
-      for (int j = 0; j < q; ++j) {
-        m.g[1 + i][1 + j] = sg * A[i][j];
-        m.ginv[1 + i][1 + j] = ai[i][j] / sg;
-        m.dg[1][1 + i][1 + j] = A[i][j];
-      }
-    std::vector<int> perm = natural(m.neq);
-    std::reverse(perm.begin() + 2, perm.end());
-    Built b;
-    build(m, perm, 1, b, true);
-    PhaseRun r;
-    run(m, b, r, 0, 400000, tarnel::g5vvrw);
-    r.giv = f.a.giv;
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
-    expect_rel(r.a.logdetg, q * std::log(sg) + ldA, "log|G| of sigma A");
+    use_fit(m, f);
+    vtest::Mat sA = A;
+    for (double& v : sA) v *= sg;
+    kron_g(m, 1, sA, {{}, A});
+    expect_rel(check_model(m, reversed(m.neq), 1, false, 0, &f.a.giv), q * std::log(sg) + ldA,
+               "log|G| of sigma A");
   }
 }
 
@@ -959,93 +712,23 @@ TEST(AverageInfoPipeline, OverallScaleOfACorrelationSection) {
     Model m = one_way(q * ns, 2, sg, 1.0, true);
     vtest::Fit f;
     f.gammas = {1.0, rho, sg};
-    int code = 10001;
-    if (ns > 1) {
-      f.add_section(ns, 0, 0, 0);
-      code = 20001;
-    }
+    if (ns > 1) f.add_section(ns, 0, 0, 0);
     f.add_section(q, 2, 1, 2, 1, 3);
     ASSERT_EQ(f.run(), 0) << f.ifault;
     for (size_t s = 0; s < f.struc.size() / 15; ++s) f.struc[s * 15 + kField14 - 1] = 1;
-    m.tcode = {0, code};
-    m.gammas = f.gammas;
-    m.rgmstr = {0, 0, 0};
-    m.wvcolumn = {1, 2, 3};
-    m.nwv = 3;
-    m.struc = f.struc;
-    m.secform = f.secform;
-    m.parform = f.parform;
-    m.logdet = f.logdet;
-    m.work = f.work;
-    int ne = m.neq - 1;
-    m.g = zeros(ne, ne);
-    m.dg.assign(3, zeros(ne, ne));
-    for (int k = 0; k < ns; ++k)
-      for (int i = 0; i < q; ++i)
-        for (int j = 0; j < q; ++j) {
-          int d = std::abs(i - j), ei = 1 + k * q + i, ej = 1 + k * q + j;
-          m.g[ei][ej] = sg * std::pow(rho, d);
-          m.dg[1][ei][ej] = d == 0 ? 0.0 : sg * d * std::pow(rho, d - 1);
-          m.dg[2][ei][ej] = std::pow(rho, d);
-        }
-    Mat gsub = zeros(ne - 1, ne - 1);
-    for (int i = 0; i < ne - 1; ++i)
-      for (int j = 0; j < ne - 1; ++j) gsub[i][j] = m.g[1 + i][1 + j];
-    Mat gi = inv(gsub);
-    m.ginv = zeros(ne, ne);
-    for (int i = 0; i < ne - 1; ++i)
-      for (int j = 0; j < ne - 1; ++j) m.ginv[1 + i][1 + j] = gi[i][j];
-    Built b;
-    build(m, natural(m.neq), 1, b, true);
-    PhaseRun r;
-    run(m, b, r, 0, 400000, tarnel::g5vvrw);
-    ASSERT_EQ(ai_phase(r.a), 0) << r.a.nfault;
-    check_against_dense(m, b, r);
+    m.tcode = {0, ns > 1 ? 20001 : 10001};
+    use_fit(m, f);
+    all_free(m);
+    kron_g(m, ns, ar1(q, rho, sg), {{}, ar1(q, rho, sg, true), ar1(q, rho, 1.0)});
+    check_model(m, natural(m.neq), 1, false);
   }
 }
 
-namespace {
-
-// y = mu + f + a(i) + b(j) + e with every cell of 40 x 6 filled; f is a
-// fixed column equal to mu, so it takes no pivot.  With b absorbed first the
-// a block and the first b row fill in completely: the inverse on it comes
-// from the dense copy.
-Model crossed_full(int na, int nb) {
-  Model m;
-  m.neq = 1 + 2 + na + nb;
-  m.nlev = {2, na, nb};
-  m.tcode = {0, 2, 3};
-  m.gammas = {1.3, 0.4, 2.2};
-  m.rgmstr = {0, 0, 0};
-  m.wvcolumn = {1, 2, 3};
-  m.nwv = 3;
-  int ne = m.neq - 1;
-  m.ginv = zeros(ne, ne);
-  m.g = zeros(ne, ne);
-  m.dg.assign(3, zeros(ne, ne));
-  for (int k = 0; k < na; ++k) {
-    int e = 2 + k;
-    m.ginv[e][e] = 1 / 0.4, m.g[e][e] = 0.4, m.dg[1][e][e] = 1;
-  }
-  for (int k = 0; k < nb; ++k) {
-    int e = 2 + na + k;
-    m.ginv[e][e] = 1 / 2.2, m.g[e][e] = 2.2, m.dg[2][e][e] = 1;
-  }
-  unsigned s = 5;
-  for (int i = 0; i < na; ++i)
-    for (int j = 0; j < nb; ++j)
-      for (int rep = 0; rep < 1 + ((i * 7 + j) % 3 == 0); ++rep) {
-        s = s * 1103515245u + 12345u;
-        m.y.push_back(3.0 + 0.1 * i - 0.4 * j + ((s >> 8) % 1000) / 200.0);
-        m.rows.push_back({{2, 1.0}, {3, 1.0}, {4 + i, 1.0}, {4 + na + j, 1.0}});
-      }
-  return m;
-}
-
-}  // namespace
-
+// With b absorbed first the a block and the first b row of a fully crossed
+// 40 x 6 layout fill in completely: the inverse on it comes from the dense
+// copy, or element by element when the work space is too small for it.
 TEST(AverageInfo, FilledBlockInverseMatchesDenseWithAndWithoutRoom) {
-  Model m = crossed_full(40, 6);
+  Model m = crossed(40, 6, {1.3, 0.4, 2.2}, 5);
   // Only the response dense: mu and its alias sit in the block too.
   std::vector<int> perm = natural(m.neq);
   Built b;
@@ -1059,9 +742,8 @@ TEST(AverageInfo, FilledBlockInverseMatchesDenseWithAndWithoutRoom) {
   check_inverse(m, b);
   for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(cinv_at(b.st, b.off, sp, p), 0.0);
   // Column 1 of the inverse rows is cleared.
-  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(b.x[b.st.lssp + b.l[2 * (b.off + p - 1) + 1] - 1], 0.0);
+  for (int p = 2; p <= m.neq; ++p) EXPECT_EQ(b.st.x[b.st.lssp + b.st.l[2 * (b.off + p - 1) + 1] - 1], 0.0);
 
-  // A work space too small for the dense copy: the element path, same result.
   Built b2;
   build(m, perm, 1, b2);
   PhaseRun r2;

@@ -106,6 +106,24 @@ struct Harness {
 
 using Row = std::map<int, double>;
 
+// A term table on its own vectors (inter by terms of four).
+struct Table {
+  std::vector<int> inter, flev, nlev, neword, submds = std::vector<int>(8, 0);
+  std::vector<double> fc = std::vector<double>(8, 0.0);
+  DesignTerms tt() {
+    DesignTerms t;
+    t.nfact = static_cast<int>(flev.size());
+    t.nfactp = static_cast<int>(neword.size());
+    t.inter = span<const int>(inter.data(), inter.size());
+    t.flev = span<const int>(flev.data(), flev.size());
+    t.nlev = span<int>(nlev.data(), nlev.size());
+    t.neword = span<const int>(neword.data(), neword.size());
+    t.submds = span<const int>(submds.data(), neword.size());
+    t.faconst = span<const double>(fc.data(), flev.size());
+    return t;
+  }
+};
+
 }  // namespace
 
 TEST(Generators, AixfacForms) {
@@ -324,53 +342,26 @@ TEST(Design, TermFunctionCodes) {
     const int lev = static_cast<int>(h.data[4 * (r - 1) + 3]);
     Row want{{1, static_cast<double>(r)}};
     int e = 1;
-    auto put = [&](int at, double val) {
-      if (val != 0.0) want[e + at] += val;
+    // Value val in column k (none: 0) of the next term, `width` columns wide.
+    auto put = [&](int width, int k, double val) {
+      if (k > 0 && val != 0.0) want[e + k] += val;
+      e += width;
     };
-    put(1, std::log(v + 1));
-    e += 1;
-    put(1, std::exp(v));
-    e += 1;
-    if (v >= 0) put(1, std::sqrt(v));
-    e += 1;
-    put(1, 1 / (v - 1));
-    e += 1;
-    put(1, std::sin(2 * pi32 * v / 12));
-    e += 1;
-    put(1, std::cos(2 * pi32 * v / 12));
-    e += 1;
-    put(1, v > 0.5);
-    e += 1;
-    put(1, v < 0.5);
-    e += 1;
-    if (v > 0) put(1, std::pow(v, 2.5));
-    e += 1;
-    put(1, std::fabs(v));
-    e += 1;
-    put(1, lev == 2);
-    e += 1;
-    put(1, lev >= 1 && lev <= 2);
-    e += 1;
-    put(1, 3 * v + 2 * w2);
-    e += 1;
-    if (w2 == 20) put(2, 1.0);
-    if (w2 == 30) put(3, 1.0);
-    e += 3;
+    const double one[] = {std::log(v + 1), std::exp(v), v >= 0 ? std::sqrt(v) : 0.0, 1 / (v - 1),
+                          std::sin(2 * pi32 * v / 12), std::cos(2 * pi32 * v / 12),
+                          v > 0.5 ? 1.0 : 0.0, v < 0.5 ? 1.0 : 0.0, v > 0 ? std::pow(v, 2.5) : 0.0,
+                          std::fabs(v), lev == 2 ? 1.0 : 0.0, lev <= 2 ? 1.0 : 0.0, 3 * v + 2 * w2};
+    for (double x : one) put(1, 1, x);
+    put(3, w2 == 20 ? 2 : w2 == 30 ? 3 : 0, 1.0);
     const int map[3] = {2, 0, 1};
-    if (map[lev - 1] > 0) put(map[lev - 1], 1.0);
-    e += 2;
-    const int rt[3] = {2, 0, 1};
-    if (rt[lev - 1] > 0) put(rt[lev - 1], 1.0);
+    put(2, map[lev - 1], 1.0);
+    put(0, map[lev - 1], 1.0);  // the real table holds the same levels
     e += 3;
-    put(lev, 1.0);
-    put(lev + 1, 1.0);
-    e += 4;
-    put(1, r == 2);
-    e += 1;
-    put(1, 1.0);
-    e += 1;
-    put(1, r);
-    e += 1;
+    put(0, lev, 1.0);
+    put(4, lev + 1, 1.0);
+    put(1, 1, r == 2);
+    put(1, 1, 1.0);
+    put(1, 1, r);
     EXPECT_EQ(h.row(r), want) << "record " << r;
   }
 }
@@ -513,25 +504,15 @@ TEST(Design, FaultsOfFormation) {
 }
 
 TEST(Design, TermChecksRejectBadIndices) {
-  std::vector<int> inter{0, 0, 1, 0,  0, 0, 9, 0,  2, 7, 0, 0};
-  std::vector<int> flev{1, 3, 3}, nlev{1, 1, 0}, neword{2, 3}, submds{0, 0};
-  std::vector<double> fc{0, 0, 0};
-  DesignTerms tt;
-  tt.nfact = 3;
-  tt.nfactp = 2;
-  tt.inter = span<const int>(inter.data(), inter.size());
-  tt.flev = span<const int>(flev.data(), 3);
-  tt.nlev = span<int>(nlev.data(), 3);
-  tt.neword = span<const int>(neword.data(), 2);
-  tt.submds = span<const int>(submds.data(), 2);
-  tt.faconst = span<const double>(fc.data(), 3);
+  Table t{{0, 0, 1, 0,  0, 0, 9, 0,  2, 7, 0, 0}, {1, 3, 3}, {1, 1, 0}, {2, 3}};
+  const DesignTerms tt = t.tt();
   tarnel_test::capture_begin();
   EXPECT_EQ(check_terms(tt, 2, 5), 2);  // column 9 of 2
-  inter[6] = 2;
+  t.inter[6] = 2;
   EXPECT_EQ(check_terms(tt, 2, 5), 3);  // interaction with term 7
-  inter[9] = 2;
+  t.inter[9] = 2;
   EXPECT_EQ(check_terms(tt, 2, 5), 3);  // 3 x 3 levels, not 3
-  flev[2] = 9;
+  t.flev[2] = 9;
   EXPECT_EQ(check_terms(tt, 2, 5), 0);
   tarnel_test::capture_end();
 }
@@ -546,15 +527,8 @@ TEST(Design, KeynkeyAndSethigh) {
   EXPECT_EQ(order, (std::vector<int>{4, 2, 3, 5, 1}));  // rank of each key
 
   // Terms: 1 y, 2 A (3), 3 B (4), 4 A:B.
-  std::vector<int> inter{0, 0, 1, 0,  0, 0, 2, 0,  0, 0, 3, 0,  2, 3, 0, 0};
-  std::vector<int> flev{1, 3, 4, 12}, nlev{1, 1, 1, 0}, neword{2, 3, 4};
-  DesignTerms tt;
-  tt.nfact = 4;
-  tt.nfactp = 3;
-  tt.inter = span<const int>(inter.data(), inter.size());
-  tt.flev = span<const int>(flev.data(), 4);
-  tt.nlev = span<int>(nlev.data(), 4);
-  tt.neword = span<const int>(neword.data(), 3);
+  Table t{{0, 0, 1, 0,  0, 0, 2, 0,  0, 0, 3, 0,  2, 3, 0, 0}, {1, 3, 4, 12}, {1, 1, 1, 0}, {2, 3, 4}};
+  const DesignTerms tt = t.tt();
   std::vector<int> eqh{3, 2, 0, 0}, out(64);
   const int n = sethigh(span<const int>(eqh.data(), 4), tt, span<int>(out.data(), out.size()));
   // B's first two (equations 5, 6), then in A:B (from 9) the first two of

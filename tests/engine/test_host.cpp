@@ -242,72 +242,47 @@ TEST(Entry, DebugReturnsBeforeTheRunAndStepsizeRule) {
   EXPECT_EQ(seen_summry[7], 1);
 }
 
-TEST(Entry, EachAllocationFailureHasItsText) {
+// Each allocation that fails (counted from 1), a shortage the engine
+// reports (runTrn 5 or -5) and a workspace no allocation can meet: the
+// result is -1 with its text, and the results are not copied back.
+TEST(Entry, AllocationFailuresAndShortagesHaveTheirTexts) {
   struct Case {
     int fail;
+    double runTrn, workspace;
     int npred;
     const char* errtxt;
     const char* console;
   };
+  const char* const mb = "Unable to allocate 8000.000000 bytes of dynamic memory\n";
   const Case cases[] = {
-      {1, 0, "Unable to allocate integer workspace\n", "Unable to allocate 32 bytes of dynamic memory\n"},
-      {3, 0, "Unable to allocate double precision workspace\n", "Unable to allocate 624 bytes"},
-      {4, 0, "Unable to allocate dynamic memory (kzbkey)\n", ""},
-      {5, 0, "Unable to allocate dynamic memory (workspace)\n",
-       "Unable to allocate 8000.000000 bytes of dynamic memory\n"},
-      {6, 1, "Unable to allocate dynamic memory (pworkspace)\n",
-       "Unable to allocate 8000.000000 bytes of dynamic memory\n"},
-  };
-  for (const Case& c : cases) {
-    EntryFixture f;
-    f.npred = c.npred;
-    CtrnInput in = f.make();
-    fail_at = c.fail;
-    calls = 0;
-    tarnel_test::capture_begin();
-    const int status = ctrn_run(in, fake_driver, CtrnAllocator{counting_alloc, std::free});
-    const std::string out = tarnel_test::capture_end();
-    EXPECT_EQ(status, -1);
-    EXPECT_EQ(errtxt_of(f.errtxt), c.errtxt);
-    EXPECT_NE(out.find(c.console), std::string::npos) << out;
-  }
-}
-
-TEST(Entry, ShortageOfWorkspaceLeavesResultsAsTheEngineLeftThem) {
-  struct Case {
-    double runTrn;
-    int npred;
-    const char* errtxt;
-    const char* console;
-  };
-  const Case cases[] = {
-      {5, 0, "Insufficient workspace - (reset workspace argument)\n", "Current workspace: 0.008000Mb\n"},
-      {5, 1, "Insufficient workspace - (reset workspace or pworkspace arguments)\n",
+      {1, 0, 1000, 0, "Unable to allocate integer workspace\n", "Unable to allocate 32 bytes of dynamic memory\n"},
+      {3, 0, 1000, 0, "Unable to allocate double precision workspace\n", "Unable to allocate 624 bytes"},
+      {4, 0, 1000, 0, "Unable to allocate dynamic memory (kzbkey)\n", ""},
+      {5, 0, 1000, 0, "Unable to allocate dynamic memory (workspace)\n", mb},
+      {6, 0, 1000, 1, "Unable to allocate dynamic memory (pworkspace)\n", mb},
+      {0, 0, 1e30, 0, "Unable to allocate dynamic memory (workspace)\n", ""},
+      {0, 5, 1000, 0, "Insufficient workspace - (reset workspace argument)\n", "Current workspace: 0.008000Mb\n"},
+      {0, 5, 1000, 1, "Insufficient workspace - (reset workspace or pworkspace arguments)\n",
        "Current workspace: 0.008000Mb\nCurrent predict workspace: 0.008000Mb\n"},
-      {-5, 1, "Insufficient predict workspace - (reset pworkspace argument)\n",
+      {0, -5, 1000, 1, "Insufficient predict workspace - (reset pworkspace argument)\n",
        "Current predict workspace: 0.008000Mb\n"},
   };
   for (const Case& c : cases) {
     EntryFixture f;
     f.npred = c.npred;
     CtrnInput in = f.make();
+    in.workspace = c.workspace;
+    fail_at = c.fail;
+    calls = 0;
     next_runTrn = c.runTrn;
     tarnel_test::capture_begin();
-    EXPECT_EQ(ctrn_run(in, fake_driver), -1);
+    const int status = ctrn_run(in, fake_driver, CtrnAllocator{counting_alloc, std::free});
     const std::string out = tarnel_test::capture_end();
+    EXPECT_EQ(status, -1) << c.errtxt;
     EXPECT_EQ(errtxt_of(f.errtxt), c.errtxt);
     EXPECT_NE(out.find(c.console), std::string::npos) << out;
-    EXPECT_EQ(f.gmcstr[0], 1);  // not copied back after a shortage
+    EXPECT_EQ(f.gmcstr[0], 1);  // not copied back
   }
   next_runTrn = 0;
-}
-
-TEST(Entry, AbsurdWorkspaceFailsWithTheWorkspaceText) {
-  EntryFixture f;
-  CtrnInput in = f.make();
-  in.workspace = 1e30;  // the largest count, which no allocation can meet
-  tarnel_test::capture_begin();
-  EXPECT_EQ(ctrn_run(in, fake_driver), -1);
-  tarnel_test::capture_end();
-  EXPECT_EQ(errtxt_of(f.errtxt), "Unable to allocate dynamic memory (workspace)\n");
+  fail_at = 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "console_capture.h"
 #include "host/console.h"
@@ -39,42 +40,30 @@ TEST(MessageStore, DuplicateKeepsFirstSeverityAndLevelZeroClearsSeveritiesOnly) 
 }
 
 TEST(MessageStore, VictimRulesWhenFull) {
-  // Level 1 with no slot of severity 1 pushes out slot 1.
-  fill_store(3);
-  g5vcormsg("new", 1);
-  EXPECT_EQ(slot(0), "message 2");
-  EXPECT_EQ(slot(19), "new");
-  EXPECT_EQ(g5vxer.severity[19], 1);
-
-  // The first slot of severity 1 goes first, whatever the new level.
-  fill_store(3);
-  g5vxer.severity[5] = 1;
-  g5vxer.severity[7] = 1;
-  g5vcormsg("new", 4);
-  EXPECT_EQ(slot(5), "message 7");
-  EXPECT_EQ(g5vxer.severity[6], 1);  // old slot 8 moved down
-  EXPECT_EQ(slot(19), "new");
-
-  // Severity 2 goes for a level above 1, not for level 1.
-  fill_store(3);
-  g5vxer.severity[4] = 2;
-  g5vcormsg("new", 2);
-  EXPECT_EQ(slot(4), "message 6");
-  fill_store(3);
-  g5vxer.severity[4] = 2;
-  g5vcormsg("new", 1);
-  EXPECT_EQ(slot(0), "message 2");
-  EXPECT_EQ(slot(3), "message 5");
-
-  // Severity 3 goes only for a level above 2.
-  fill_store(4);
-  g5vxer.severity[9] = 3;
-  g5vcormsg("new", 3);
-  EXPECT_EQ(slot(9), "message 11");
-  fill_store(4);
-  g5vxer.severity[9] = 3;
-  g5vcormsg("new", 2);
-  EXPECT_EQ(slot(0), "message 2");
+  // A full store of one severity with some slots marked lower: the first
+  // slot of severity 1 goes first, whatever the new level; severity 2 goes
+  // for a level above 1, severity 3 for a level above 2; else slot 1.  The
+  // slots behind the victim move down and the new text takes the last.
+  struct Case {
+    int fill;
+    std::vector<int> marked;
+    int mark, level, victim;
+  };
+  const Case cases[] = {{3, {}, 0, 1, 0},     {3, {5, 7}, 1, 4, 5}, {3, {4}, 2, 2, 4},
+                        {3, {4}, 2, 1, 0},    {4, {9}, 3, 3, 9},    {4, {9}, 3, 2, 0}};
+  for (const Case& c : cases) {
+    fill_store(c.fill);
+    for (int k : c.marked) g5vxer.severity[k] = c.mark;
+    const auto before = g5vxer.severity;
+    g5vcormsg("new", c.level);
+    for (int k = 0; k + 1 < MessageStore::kSlots; ++k) {
+      const int from = k < c.victim ? k : k + 1;
+      EXPECT_EQ(slot(k), "message " + std::to_string(from + 1)) << c.victim << " " << k;
+      EXPECT_EQ(g5vxer.severity[k], before[from]) << c.victim << " " << k;
+    }
+    EXPECT_EQ(slot(MessageStore::kSlots - 1), "new");
+    EXPECT_EQ(g5vxer.severity[MessageStore::kSlots - 1], c.level);
+  }
 }
 
 TEST(MessageStore, LongTextIsCutAt128AndDumpPrintsLabels) {
@@ -90,61 +79,48 @@ TEST(MessageStore, LongTextIsCutAt128AndDumpPrintsLabels) {
 }
 
 TEST(ErrorText, EveryBandAtItsEdges) {
+  // Each text with the faults at the edges of its band.
   struct Case {
-    int fault;
+    std::vector<int> faults;
     const char* text;
   };
   const Case cases[] = {
-      {300001, "Invalid binomial/threshold proportion"},
-      {300002, "Invalid poisson count"},
-      {300003, "Invalid gamma data"},
-      {300004, "Invalid negative binomial count"},
-      {300005, "Predicted values out of bounds- try a more reasonable link"},
-      {300006, "GLM: Fewer records transformed than expected"},
-      {300007, "Invalid data values for GLM"},
-      {300008, "Invalid Poisson data"},
-      {300000, "Invalid binary data"},
-      {200001, "Invalid binary data"},
-      {200000, "Out of memory absorbing"},
-      {100001, "Out of memory absorbing"},
-      {100000, "Failed forming R scores"},
-      {3901, "Failed forming R scores"},
-      {3900, "Failed forming G scores"},
-      {3000, "Failed forming G scores"},
-      {2999, "Failed in AIDGGI"},
-      {2130, "No residual variation"},
-      {2001, "Failed in AIDGGI"},
-      {2000, "Unable invert R or G [US?] matrix"},
-      {1006, "Unable invert R or G [US?] matrix"},
-      {1005, "Unable invert R or G [CORR?] matrix"},
-      {1001, "Unable invert R or G [CORR?] matrix"},
-      {1000, "Failed in AIABS: Increase memory with workspaceoption"},
-      {400, "Failed in AIABS: Increase memory with workspaceoption"},
-      {399, "PROGRAMMING error AIXDWX"},
-      {280, "Residual Variance is Zero"},
-      {130, "PROGRAMMING error AIXDWX"},
-      {129, "PROGRAMMING error in aigetr"},
-      {111, "PROGRAMMING error in aigetr"},
-      {110, "PROGRAMMING error"},
-      {101, "PROGRAMMING error"},
-      {100, "Prediction error"},
-      {51, "Prediction error"},
-      {50, "Too BIG! Use workspace option on tarnel()."},
-      {6, "Too BIG! Use workspace option on tarnel()."},
-      {5, "Inconsistent correlated factors"},
-      {4, "Solution vector too short"},
-      {3, "Negative Sum of Squares"},
-      {2, "Pedigree factor has wrong size"},
-      {1, "Convergence Failed"},
-      {0, "Convergence Failed"},
-      {-7, "Convergence Failed"},
+      {{300001}, "Invalid binomial/threshold proportion"},
+      {{300002}, "Invalid poisson count"},
+      {{300003}, "Invalid gamma data"},
+      {{300004}, "Invalid negative binomial count"},
+      {{300005}, "Predicted values out of bounds- try a more reasonable link"},
+      {{300006}, "GLM: Fewer records transformed than expected"},
+      {{300007}, "Invalid data values for GLM"},
+      {{300008}, "Invalid Poisson data"},
+      {{300000, 200001}, "Invalid binary data"},
+      {{200000, 100001}, "Out of memory absorbing"},
+      {{100000, 3901}, "Failed forming R scores"},
+      {{3900, 3000}, "Failed forming G scores"},
+      {{2999, 2001}, "Failed in AIDGGI"},
+      {{2130}, "No residual variation"},
+      {{2000, 1006}, "Unable invert R or G [US?] matrix"},
+      {{1005, 1001}, "Unable invert R or G [CORR?] matrix"},
+      {{1000, 400}, "Failed in AIABS: Increase memory with workspaceoption"},
+      {{399, 130}, "PROGRAMMING error AIXDWX"},
+      {{280}, "Residual Variance is Zero"},
+      {{129, 111}, "PROGRAMMING error in aigetr"},
+      {{110, 101}, "PROGRAMMING error"},
+      {{100, 51}, "Prediction error"},
+      {{50, 6}, "Too BIG! Use workspace option on tarnel()."},
+      {{5}, "Inconsistent correlated factors"},
+      {{4}, "Solution vector too short"},
+      {{3}, "Negative Sum of Squares"},
+      {{2}, "Pedigree factor has wrong size"},
+      {{1, 0, -7}, "Convergence Failed"},
   };
   char buf[80];
-  for (const Case& c : cases) {
-    std::memset(buf, 'z', sizeof buf);
-    errortext(c.fault, buf, sizeof buf);
-    EXPECT_STREQ(buf, c.text) << "fault " << c.fault;
-  }
+  for (const Case& c : cases)
+    for (int fault : c.faults) {
+      std::memset(buf, 'z', sizeof buf);
+      errortext(fault, buf, sizeof buf);
+      EXPECT_STREQ(buf, c.text) << "fault " << fault;
+    }
 }
 
 TEST(Console, FaultWordAndTimedLine) {

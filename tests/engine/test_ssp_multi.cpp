@@ -86,49 +86,18 @@ MvDesign mv_design(int nu, int t, int neq, unsigned seed) {
   return d;
 }
 
-Dense read_store(const Store& st) {
-  const int neq = st.s.neq;
-  tarnel::Pool p = st.s.pool();
-  Dense got(neq);
-  for (int r = 1; r <= neq; ++r) {
-    if (r <= st.s.ndense) {
-      for (int c = 1; c <= r; ++c) got.add_sym(r, c, st.s.dense(r, c));
-      continue;
-    }
-    if (p.lnk(st.s.head(r)) == -1) continue;
-    for (i64 s = st.s.head(r); s > 0; s = p.lnk(s)) got.add_sym(r, p.col(s), p.val(s));
-  }
-  return got;
-}
-
 // Everything one multivariate section needs, owned here.
-struct MvRun {
+struct MvRun : SspRun {
   vtest::Fit fit;
   std::vector<tarnel::StrucRow> rows;
-  std::vector<double> scr, mvw, acc;
+  std::vector<double> scr, mvw;
   std::vector<int> scols, mvi;
-  std::vector<i32> list, links;
-  tarnel::SspSection sec;
-  tarnel::SspScratch w;
-  double logdet = 0;
-  i64 skipped = 0;
-  int err = 0;
-  MvRun(const MvDesign& d, int t, int neq) : fit(20000), acc(neq, 0.0), list(neq + 1), links(neq, 0) {
+  MvRun(const MvDesign& d, int t, int neq) : SspRun(d.val, d.col, d.start, neq), fit(20000) {
     mvw.assign(tarnel::mv_scratch_reals(t), 0.0);
     mvi.assign(tarnel::mv_scratch_ints(t), 0);
-    w = {span<double>(acc.data(), acc.size()), span<i32>(list.data(), list.size()),
-         span<i32>(links.data(), links.size())};
-    sec.design = {span<const double>(d.val.data(), d.val.size()),
-                  span<const i32>(d.col.data(), d.col.size()),
-                  span<const i64>(d.start.data(), d.start.size())};
-    sec.first = 1;
-    sec.last = static_cast<i64>(d.start.size()) - 1;
     sec.ntraits = t;
     sec.mvwork = span<double>(mvw.data(), mvw.size());
     sec.mviwork = span<int>(mvi.data(), mvi.size());
-    sec.logdet = &logdet;
-    sec.skipped = &skipped;
-    sec.err = &err;
   }
   // The product of the formed sections from..to as the residual structure.
   void product(int from, int to) {
@@ -216,17 +185,7 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
     }
     run.sec.sigma2 = v.sigma2;
     if (v.weighted) run.sec.weights = span<const double>(wts.data(), wts.size());
-    // Augmented rows in one variant of each order.
-    std::vector<double> aval(4000);
-    std::vector<i32> acol(4000);
-    std::vector<i64> astart(nrec + 1, -1);
-    tarnel::AugmentedRows aug{span<double>(aval.data(), aval.size()), span<i32>(acol.data(), acol.size()),
-                              span<i64>(astart.data(), astart.size())};
-    const bool augment = v.weighted;
-    if (augment) {
-      run.sec.flags = tarnel::kSspAugment;
-      run.sec.aug = &aug;
-    }
+    if (v.weighted) run.augment();  // augmented rows in one variant of each order
     Store st(neq, nd, 20000);
     ASSERT_EQ(tarnel::g5vxxs(st.s, run.sec, run.w), 0) << run.err;
 
@@ -268,18 +227,12 @@ TEST(SspMulti, ObservedBlocksMatchDenseInverseAndLogDeterminant) {
         ASSERT_NEAR(got(i, j), ref(i, j), 1e-10 * (1 + std::fabs(ref(i, j)))) << i << "," << j;
     EXPECT_NEAR(run.logdet, ldref, 1e-10 * (1 + std::fabs(ldref)));
     EXPECT_EQ(run.skipped, skipref);
-    for (int k = 0; k < neq; ++k) ASSERT_TRUE(run.acc[k] == 0.0 && run.links[k] == 0);  // scratch clear
-    if (augment) {
-      for (int rec = 0; rec < nrec; ++rec) {
-        std::vector<double> row(neq, 0.0);
-        for (i64 k = astart[rec]; k < astart[rec + 1]; ++k) row[acol[k - 1] - 1] = aval[k - 1];
-        if (augref[rec].empty()) {
-          EXPECT_EQ(astart[rec + 1], astart[rec]) << "record " << rec + 1;
-          continue;
-        }
-        for (int c = 0; c < neq; ++c)
-          ASSERT_NEAR(row[c], augref[rec][c], 1e-10 * (1 + std::fabs(augref[rec][c]))) << rec + 1 << "," << c + 1;
-      }
+    EXPECT_TRUE(run.scratch_clear());
+    for (int rec = 0; rec < nrec && v.weighted; ++rec) {
+      const std::vector<double> row = run.aug_row(rec, neq);
+      ASSERT_EQ(row.size(), augref[rec].size()) << "record " << rec + 1;
+      for (size_t c = 0; c < row.size(); ++c)
+        ASSERT_NEAR(row[c], augref[rec][c], 1e-10 * (1 + std::fabs(augref[rec][c]))) << rec + 1 << "," << c + 1;
     }
   }
 }

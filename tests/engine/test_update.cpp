@@ -10,6 +10,7 @@
 #include "control/convergence.h"
 #include "control/update.h"
 #include "host/messages.h"
+#include "variance_support.h"
 
 using namespace tarnel;
 
@@ -84,35 +85,6 @@ struct Problem {
     return g5vupd(a, ifault);
   }
 };
-
-// Dense inverse by Gauss-Jordan with partial pivoting (n x n, by rows).
-std::vector<double> dense_inverse(std::vector<double> a, int n) {
-  std::vector<double> inv(n * n, 0.0);
-  for (int i = 0; i < n; ++i) inv[i * n + i] = 1.0;
-  for (int c = 0; c < n; ++c) {
-    int piv = c;
-    for (int r = c + 1; r < n; ++r)
-      if (std::fabs(a[r * n + c]) > std::fabs(a[piv * n + c])) piv = r;
-    for (int j = 0; j < n; ++j) {
-      std::swap(a[c * n + j], a[piv * n + j]);
-      std::swap(inv[c * n + j], inv[piv * n + j]);
-    }
-    const double d = a[c * n + c];
-    for (int j = 0; j < n; ++j) {
-      a[c * n + j] /= d;
-      inv[c * n + j] /= d;
-    }
-    for (int r = 0; r < n; ++r) {
-      if (r == c) continue;
-      const double f = a[r * n + c];
-      for (int j = 0; j < n; ++j) {
-        a[r * n + j] -= f * a[c * n + j];
-        inv[r * n + j] -= f * inv[c * n + j];
-      }
-    }
-  }
-  return inv;
-}
 
 const std::vector<std::vector<double>> kA6 = {
     {4.0, 1.0, 0.5, 0.2, 0.1, 0.3},  {1.0, 3.0, 0.4, 0.1, 0.2, 0.1},
@@ -320,7 +292,7 @@ TEST(ConstrainedInverse, MatchesBorderedSystemAndReducedNewtonStep) {
     for (int j = 0; j < 6; ++j) bord[i * N + j] = kA6[i][j];
     for (int c = 0; c < 4; ++c) bord[(6 + c) * N + i] = bord[i * N + 6 + c] = C[c][i];
   }
-  const std::vector<double> inv = dense_inverse(bord, N);
+  const std::vector<double> inv = vtest::inverse(bord, N);
   for (int i = 1; i <= 6; ++i)
     for (int j = 1; j <= i; ++j)
       EXPECT_NEAR(pr.aiinv[i * (i - 1) / 2 + j - 1], inv[(i - 1) * N + (j - 1)], 1e-12);
@@ -335,7 +307,7 @@ TEST(ConstrainedInverse, MatchesBorderedSystemAndReducedNewtonStep) {
       for (int b = 0; b < 2; ++b)
         for (int j = 0; j < 6; ++j) kak[a * 2 + b] += K[i][a] * kA6[i][j] * K[j][b];
     }
-  const std::vector<double> kinv = dense_inverse(kak, 2);
+  const std::vector<double> kinv = vtest::inverse(kak, 2);
   for (int i = 0; i < 6; ++i) {
     double d = 0.0;
     for (int a = 0; a < 2; ++a)

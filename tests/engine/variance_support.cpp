@@ -147,6 +147,20 @@ Mat central_difference(const std::function<Mat(const std::vector<double>&)>& f,
   return a;
 }
 
+void sparse_lower(const Mat& M, int n, bool transposed, std::vector<double>& vals, std::vector<int>& ints) {
+  vals.clear();
+  ints.assign(1, 1);
+  std::vector<int> cols;
+  for (int i = 1; i <= n; ++i) {
+    for (int j = 1; j <= i; ++j)
+      if (at(M, n, i, j) != 0.0 || j == i) vals.push_back(at(M, n, i, j)), cols.push_back(j);
+    ints.push_back(static_cast<int>(vals.size()) + 1);
+  }
+  ints.insert(ints.end(), cols.begin(), cols.end());
+  ints.insert(ints.end(), n, 0);  // cursors
+  if (transposed) append_transpose(ints, n);
+}
+
 void append_transpose(std::vector<int>& ints, int n, std::size_t from) {
   const int* rs = ints.data() + from;
   const int nnz = rs[n] - 1;

@@ -57,6 +57,11 @@ struct Fit {
 // rows, and marks it with -1 in the first cursor word.
 void append_transpose(std::vector<int>& ints, int n, std::size_t from = 0);
 
+// The sparse lower triangle by rows of M (n x n): its non-zeros and every
+// diagonal in `vals`, and in `ints` the row starts, the columns and the
+// cursor words, with the transposed index appended when asked.
+void sparse_lower(const Mat& M, int n, bool transposed, std::vector<double>& vals, std::vector<int>& ints);
+
 // Central difference of a matrix function with respect to parameter p.
 Mat central_difference(const std::function<Mat(const std::vector<double>&)>& f,
                        std::vector<double> par, int p);

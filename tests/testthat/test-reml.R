@@ -112,7 +112,7 @@ dense_V <- function(case, d, p) {
   Reduce(`+`, Map(`*`, p, case$D(d)))
 }
 
-test_that("every reference case fits: parameters, log-likelihood and fitted X b", {
+test_that("every reference case fits: parameters, log-likelihood, fitted X b and standard errors", {
   for (nm in names(ref_cases)) {
     case <- ref_cases[[nm]]
     d <- ref_data(nm)
@@ -130,25 +130,16 @@ test_that("every reference case fits: parameters, log-likelihood and fitted X b"
     expect_true(all(abs(got[corr] - unname(ex$vp)[corr]) <= 0.005), info = nm)
     expect_abs(fit$loglik, ex$loglik, 0.05, info = nm)
     expect_abs(as.numeric(logLik(fit)), ex$loglik_std, 0.05, info = nm)
-    xb <- dense_reml(dense_V(case, d, unname(ex$vp)), case$X(d), d[[case$y]])$xb
-    expect_true(max(abs(fitted(fit, "fixed") - xb) / abs(xb)) < 1e-4, info = nm)
+    expect_true(max(abs(fitted(fit, "fixed") - dn$xb) / abs(dn$xb)) < 1e-4, info = nm)
     expect_equal(fit$nedf, nrow(d) - dn$rank, info = nm)
+    # standard errors from the dense average information at the estimates
+    if (nm %in% c("oats", "field_ar1ar1")) next  # X not of full rank; V not linear
+    ai <- dense_ai(got, case$D(d), case$X(d), d[[case$y]])
+    expect_close(fit$varcomp_all[case$par, "std.error"], sqrt(diag(solve(ai))), rel = 0.02, what = nm)
   }
 })
 
-test_that("standard errors come from the average information matrix", {
-  for (nm in c("dyestuff", "penicillin", "orthodont_rr", "hetres", "animal")) {
-    case <- ref_cases[[nm]]
-    d <- ref_data(nm)
-    if (!is.null(case$prep)) d <- case$prep(d)
-    fit <- fit_or_fail(case$fit(d), nm)
-    if (is.null(fit)) next
-    p <- fit$varcomp_all[case$par, "component"]
-    ai <- dense_ai(p, case$D(d), case$X(d), d[[case$y]])
-    se <- sqrt(diag(solve(ai)))
-    expect_close(fit$varcomp_all[case$par, "std.error"], se, rel = 0.02, what = nm)
-  }
-  # fixed effects: the covariance of the fitted X b is the GLS one at the estimates
+test_that("fixed effects: the covariance of the fitted X b is the GLS one at the estimates", {
   d <- transform(ref_data("oats"), nitro = factor(nitro))
   fit <- fit_or_fail(tarnel(yield ~ nitro * Variety, random = ~ Block + Block:Variety, data = d, keep_design = TRUE), "oats")
   if (is.null(fit)) return()
@@ -253,6 +244,7 @@ test_that("agreement with lme4 on data sets that lme4 and nlme ship", {
   cake <- lme4::cake; cake$temperature <- factor(cake$temperature, ordered = FALSE)
   orth <- as.data.frame(nlme::Orthodont); orth$Subject <- factor(orth$Subject, ordered = FALSE)
   tfit <- function(expr) tryCatch(quiet(expr), error = identity)
+  simple <- function(...) c(setNames(paste(c(...), "(Intercept)"), c(...)), residual = "Residual NA")
   cases <- list(
     list(tfit(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ Days), data = sleep)),
          lme4::lmer(Reaction ~ Days + (Days | Subject), sleep, REML = TRUE),
@@ -265,22 +257,19 @@ test_that("agreement with lme4 on data sets that lme4 and nlme ship", {
            residual = "Residual NA")),
     list(tfit(tarnel(strength ~ 1, random = ~ batch + batch:cask, data = pastes)),
          lme4::lmer(strength ~ 1 + (1 | batch) + (1 | batch:cask), pastes, REML = TRUE),
-         c(batch = "batch (Intercept)", "batch:cask" = "batch:cask (Intercept)", residual = "Residual NA")),
+         simple("batch", "batch:cask")),
     list(tfit(tarnel(score ~ Machine, random = ~ Worker + Worker:Machine, data = machines)),
          lme4::lmer(score ~ Machine + (1 | Worker) + (1 | Worker:Machine), machines, REML = TRUE),
-         c(Worker = "Worker (Intercept)", "Worker:Machine" = "Worker:Machine (Intercept)", residual = "Residual NA")),
+         simple("Worker", "Worker:Machine")),
     list(tfit(tarnel(effort ~ Type, random = ~ Subject, data = ergo)),
-         lme4::lmer(effort ~ Type + (1 | Subject), ergo, REML = TRUE),
-         c(Subject = "Subject (Intercept)", residual = "Residual NA")),
+         lme4::lmer(effort ~ Type + (1 | Subject), ergo, REML = TRUE), simple("Subject")),
     list(tfit(tarnel(angle ~ recipe * temperature, random = ~ recipe:replicate, data = cake)),
          lme4::lmer(angle ~ recipe * temperature + (1 | recipe:replicate), cake, REML = TRUE),
-         c("recipe:replicate" = "recipe:replicate (Intercept)", residual = "Residual NA")),
+         simple("recipe:replicate")),
     list(tfit(tarnel(distance ~ age + Sex, random = ~ Subject, data = orth)),
-         lme4::lmer(distance ~ age + Sex + (1 | Subject), orth, REML = TRUE),
-         c(Subject = "Subject (Intercept)", residual = "Residual NA")),
+         lme4::lmer(distance ~ age + Sex + (1 | Subject), orth, REML = TRUE), simple("Subject")),
     list(tfit(tarnel(travel ~ 1, random = ~ Rail, data = rail)),
-         lme4::lmer(travel ~ 1 + (1 | Rail), rail, REML = TRUE),
-         c(Rail = "Rail (Intercept)", residual = "Residual NA"))
+         lme4::lmer(travel ~ 1 + (1 | Rail), rail, REML = TRUE), simple("Rail"))
   )
   for (k in seq_along(cases)) {
     fit <- cases[[k]][[1]]
@@ -288,14 +277,12 @@ test_that("agreement with lme4 on data sets that lme4 and nlme ship", {
     lm4 <- cases[[k]][[2]]
     map <- cases[[k]][[3]]
     want <- lme4_vc(lm4)
-    names(want) <- sub(" NA$", " NA", names(want))
     got <- fit$varcomp_all[names(map), "component"]
     w <- want[paste(map)]
     cov <- grepl(":\\(Intercept\\)$", names(map))
     expect_close(got[!cov], unname(w[!cov]), what = paste("lme4 case", k))
     if (any(cov)) {
       # the covariance through the correlation, to 0.005
-      i <- which(!cov)
       r_fit <- got[cov] / sqrt(got[1] * got[2])
       r_lme <- w[cov] / sqrt(w[1] * w[2])
       expect_lt(abs(r_fit - r_lme), 0.005)
@@ -468,13 +455,8 @@ test_that("weights: R = sigma2 W^-1 against dense REML", {
   d$y <- 1 + d$x + rnorm(8)[d$b] + rnorm(n) / sqrt(d$w)
   fit <- tarnel(y ~ x, random = ~ b, data = d, weights = "w")
   X <- model.matrix(~ x, d); Z <- model.matrix(~ b - 1, d)
-  nll <- function(th) {
-    if (any(th <= 0)) return(1e10)
-    V <- th[1] * tcrossprod(Z) + th[2] * diag(1 / d$w); Vi <- solve(V)
-    XVX <- t(X) %*% Vi %*% X; P <- Vi - Vi %*% X %*% solve(XVX) %*% t(X) %*% Vi
-    c(0.5 * (determinant(V)$modulus + determinant(XVX)$modulus + t(d$y) %*% P %*% d$y))
-  }
-  o <- optim(c(1, 1), nll, control = list(reltol = 1e-12))
-  expect_equal(unname(fit$varcomp[c("b", "residual"), "component"]), o$par, tolerance = 1e-4)
-  expect_equal(fit$loglik_standard, -o$value - 0.5 * (n - 2) * log(2 * pi), tolerance = 1e-6)
+  obj <- function(p) -dense_reml(exp(p[1]) * tcrossprod(Z) + exp(p[2]) * diag(1 / d$w), X, d$y)$ll
+  o <- optim(c(0, 0), obj, method = "BFGS", control = list(reltol = 1e-12))
+  expect_equal(unname(fit$varcomp[c("b", "residual"), "component"]), exp(o$par), tolerance = 1e-4)
+  expect_equal(fit$loglik_standard, -o$value, tolerance = 1e-6)
 })
