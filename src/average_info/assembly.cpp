@@ -11,6 +11,7 @@
 // max(k,c), since eliminating p filled row k with column c.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "average_info/ai_internal.h"
 #include "host/console.h"
@@ -151,17 +152,17 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 // into the packed rows, column 1 cleared.  Returns false when `room` is too
 // small (nothing is changed then).
 static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
-  constexpr i32 NB = 16;
+  constexpr i32 NB = 64;
   constexpr i64 CH = 256;
   constexpr i64 KC = 128;
-  const double* zrows[KC];
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const i32 nd = st.ndense;
   const i64 n = top - 1;
-  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n) return false;
+  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n + KC * CH) return false;
   double* Z = room.data();
   double* lb = Z + n * n;
+  double* pack = lb + NB * n;  // KC rows by CH columns of Z, by strips
   const double tiny = f32(1e-10);
   auto z = [&](i32 p, i32 c) -> double& { return Z[static_cast<i64>(p - 2) * n + (c - 2)]; };
   for (i32 k = 2; k <= nd; ++k)
@@ -187,19 +188,50 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
         double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
         for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
       }
-      // In steps of KC rows of Z(A,A), four panel rows at a time.
+      // In steps of KC rows of Z(A,A), packed by strips of eight columns
+      // (a strip's KC x 8 block then stays in the first-level cache while
+      // it updates the panel's rows four at a time).  The last strip of a
+      // chunk may be narrower: it is padded with zeros and its rows are
+      // updated through a copy.
       for (i64 k0 = 0; k0 < na; k0 += KC) {
         const int kc = static_cast<int>(std::min<i64>(KC, na - k0));
-        for (int k = 0; k < kc; ++k) zrows[k] = &Z[(k0 + k) * n];
-        i32 r = 0;
-        for (; r + 3 < nb; r += 4) {
-          double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
-          update4(g, g + n, g + 2 * n, g + 3 * n, lb + static_cast<i64>(r) * n + k0, n, zrows, kc,
-                  j0, j1 - 1);
+        const i64 nstrip = (j1 - j0 + 7) / 8;
+        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
+          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
+          double* dst = pack + sidx * 8 * KC;
+          if (w8 == 8) {
+            for (int k = 0; k < kc; ++k) std::memcpy(dst + 8 * k, &Z[(k0 + k) * n + c0], 8 * sizeof(double));
+          } else {
+            for (int k = 0; k < kc; ++k) {
+              const double* src = &Z[(k0 + k) * n + c0];
+              for (i64 t = 0; t < 8; ++t) dst[8 * k + t] = t < w8 ? src[t] : 0.0;
+            }
+          }
         }
-        for (; r < nb; ++r)
-          update1(&Z[static_cast<i64>(p0 - 2 + r) * n], lb + static_cast<i64>(r) * n + k0, zrows,
-                  kc, j0, j1 - 1);
+        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
+          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
+          const double* bp = pack + sidx * 8 * KC;
+          for (i32 r = 0; r < nb; r += 4) {
+            const int rows = std::min<i32>(4, nb - r);
+            double* y[4];
+            double tmp[4][8];
+            for (int q = 0; q < rows; ++q) {
+              y[q] = &Z[static_cast<i64>(p0 - 2 + r + q) * n + c0];
+              if (w8 < 8) {
+                for (i64 t = 0; t < 8; ++t) tmp[q][t] = t < w8 ? y[q][t] : 0.0;
+                y[q] = tmp[q];
+              }
+            }
+            const double* wr = lb + static_cast<i64>(r) * n + k0;
+            if (rows == 4)
+              update4x8(y[0], y[1], y[2], y[3], wr, n, bp, kc);
+            else
+              for (int q = 0; q < rows; ++q) update1x8(y[q], wr + static_cast<i64>(q) * n, bp, kc);
+            if (w8 < 8)
+              for (int q = 0; q < rows; ++q)
+                for (i64 t = 0; t < w8; ++t) Z[static_cast<i64>(p0 - 2 + r + q) * n + c0 + t] = tmp[q][t];
+          }
+        }
       }
     }
     for (i32 r = 0; r < nb; ++r) {

@@ -126,4 +126,49 @@ TARNEL_VECTORISE void update1(double* __restrict y, const double* __restrict w,
   }
 }
 
+TARNEL_VECTORISE void update4x8(double* __restrict y0, double* __restrict y1,
+                                 double* __restrict y2, double* __restrict y3,
+                                 const double* __restrict w, i64 ldw, const double* __restrict bp,
+                                 int nk) {
+  const double *w0 = w, *w1 = w + ldw, *w2 = w + 2 * ldw, *w3 = w + 3 * ldw;
+  v4 a00 = {0, 0, 0, 0}, a01 = a00, a10 = a00, a11 = a00, a20 = a00, a21 = a00, a30 = a00,
+     a31 = a00;
+  for (int k = 0; k < nk; ++k) {
+    v4 b0, b1;
+    ld4(b0, bp + 8 * k);
+    ld4(b1, bp + 8 * k + 4);
+    const double c0 = w0[k], c1 = w1[k], c2 = w2[k], c3 = w3[k];
+    a00 += c0 * b0;
+    a01 += c0 * b1;
+    a10 += c1 * b0;
+    a11 += c1 * b1;
+    a20 += c2 * b0;
+    a21 += c2 * b1;
+    a30 += c3 * b0;
+    a31 += c3 * b1;
+  }
+  sub4(y0, a00);
+  sub4(y0 + 4, a01);
+  sub4(y1, a10);
+  sub4(y1 + 4, a11);
+  sub4(y2, a20);
+  sub4(y2 + 4, a21);
+  sub4(y3, a30);
+  sub4(y3 + 4, a31);
+}
+
+TARNEL_VECTORISE void update1x8(double* __restrict y, const double* __restrict w,
+                                 const double* __restrict bp, int nk) {
+  v4 a0 = {0, 0, 0, 0}, a1 = a0;
+  for (int k = 0; k < nk; ++k) {
+    v4 b0, b1;
+    ld4(b0, bp + 8 * k);
+    ld4(b1, bp + 8 * k + 4);
+    a0 += w[k] * b0;
+    a1 += w[k] * b1;
+  }
+  sub4(y, a0);
+  sub4(y + 4, a1);
+}
+
 }  // namespace tarnel
