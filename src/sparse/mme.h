@@ -124,8 +124,10 @@ struct SspScratch {
 
 // g5vxxr: one row of R^-1 (a direct product of nsect sections, handled last
 // to first) for record `rec` (1-based).  values: dense over the section's
-// records, cols: its non-zero columns (1-based), count.  Result 1 on a fault
-// of the structure rows.
+// records, cols: its non-zero columns (1-based), count.  `values` must be
+// all zero on entry (callers clear the columns they have read), and so must
+// the scratch row, which the routine keeps clear.  Result 1 on a fault of
+// the structure rows.
 struct RowSource {
   const FormRecord* records = nullptr;  // one per section of the product
   StrucRow* rows = nullptr;             // the sections' rows of struc

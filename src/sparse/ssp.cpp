@@ -507,7 +507,8 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
       return 1;
     }
     if (k == src.nsect - 1) {
-      for (int j = 0; j < ordk; ++j) values[j] = 0.0;
+      // `values` comes in clear: the callers clear the columns they read,
+      // so a row costs its own length, not the section's order.
       int cnt = 0;
       if (g5vvrw(values, cols, cnt, rownum, ordk, rec6, row, *src.work, 0, row.field(kModel),
                  *src.giv, src.unit, ifault))
@@ -517,12 +518,16 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
       if (count == 0) return 0;
       continue;
     }
-    for (int j = 0; j < ordk; ++j) src.scratch[j] = 0.0;
+    // The scratch row is kept clear the same way: its columns are cleared
+    // once they have been multiplied out.
     int cnt = 0;
     if (g5vvrw(src.scratch, src.scols, cnt, rownum, ordk, rec6, row, *src.work, 0,
-               row.field(kModel), *src.giv, src.unit, ifault))
+               row.field(kModel), *src.giv, src.unit, ifault)) {
+      for (int is = 0; is < cnt; ++is) src.scratch[src.scols[is] - 1] = 0.0;
       return 1;
+    }
     if (cnt == 0) {
+      for (int ic = 0; ic < count; ++ic) values[cols[ic] - 1] = 0.0;
       count = 0;
       return 0;
     }
@@ -540,6 +545,7 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
         values[nc - 1] = src.scratch[cs - 1] * v;
       }
     }
+    for (int is = 0; is < cnt; ++is) src.scratch[src.scols[is] - 1] = 0.0;
     count *= cnt;
     order *= ordk;
   }
