@@ -1,0 +1,69 @@
+# A large animal model: the same simulation as bench/animal.R (six
+# generations, few sires, one record on each animal after the first
+# generation), at sizes where lme4 can no longer be run.  The peer is
+# CHOLMOD (through Matrix) on the same mixed model equations: one REML
+# iteration of tarnel (forming, ordering, factoring, the sparse inverse, the
+# average information and the update) against one ordering plus
+# factorisation by CHOLMOD, measured in the same run.  An iteration must do
+# at least that factorisation, so the ratio says what the rest costs.
+# Run from the package root after `make install`:
+#   R_LIBS=.rlib Rscript bench/animal_large.R [animals]
+#   sh bench/with_openblas.sh bench/animal_large.R [animals]   (CHOLMOD with OpenBLAS)
+suppressPackageStartupMessages({
+  library(tarnel)
+  library(Matrix)
+})
+args <- commandArgs(trailingOnly = TRUE)
+nanim <- if (length(args)) as.integer(args[1]) else 50000L
+set.seed(3)
+ngen <- 6L
+per <- nanim %/% ngen
+id <- seq_len(per * ngen)
+gen <- rep(seq_len(ngen), each = per)
+sire <- dam <- integer(length(id))
+for (g in 2:ngen) {
+  prev <- which(gen == g - 1L)
+  now <- which(gen == g)
+  sire[now] <- sample(prev[seq_len(length(prev) %/% 10)], length(now), TRUE)
+  dam[now] <- sample(prev[-seq_len(length(prev) %/% 10)], length(now), TRUE)
+}
+ai <- pedigree_inverse(data.frame(id = id, sire = sire, dam = dam))
+va <- 0.6; ve <- 1
+a <- numeric(length(id))
+for (i in id) {
+  pa <- if (sire[i] > 0) a[sire[i]] else 0
+  ma <- if (dam[i] > 0) a[dam[i]] else 0
+  a[i] <- (pa + ma) / 2 + rnorm(1, sd = sqrt((if (sire[i] > 0 && dam[i] > 0) 0.5 else 1) * va))
+}
+rec <- id[gen >= 2L]
+d <- data.frame(animal = rec, sex = factor(sample(c("F", "M"), length(rec), TRUE)))
+d$y <- 10 + 0.5 * (d$sex == "M") + a[rec] + rnorm(length(rec), sd = sqrt(ve))
+
+invisible(gc())
+t_fit <- system.time(fit <- tarnel(y ~ sex, random = ~ cov_known(animal, ai), data = d))[["elapsed"]]
+iters <- nrow(fit$iterations)
+
+# The coefficient matrix at the estimates: X'X, X'Z, Z'Z + A^-1 / gamma.
+gam <- fit$varcomp[1, "gamma"]
+Z <- sparseMatrix(i = seq_len(nrow(d)), j = d$animal, x = 1, dims = c(nrow(d), length(id)))
+W <- cbind(1, as.numeric(d$sex == "M"), Z)
+C <- crossprod(W)
+C[-(1:2), -(1:2)] <- C[-(1:2), -(1:2)] + ai$ainv / gam
+C <- as(forceSymmetric(C), "CsparseMatrix")
+chm <- function(super) {
+  t <- Inf
+  for (k in 1:3) {
+    C@factors <- list()  # Matrix would hand back a factor it keeps
+    t <- min(t, system.time(Cholesky(C, perm = TRUE, LDL = FALSE, super = super))[["elapsed"]])
+  }
+  t
+}
+t_chm <- min(chm(TRUE), chm(FALSE))
+
+cat(sprintf("animals %d, records %d, equations %d\n", length(id), nrow(d), ncol(C) + 1))
+cat(sprintf("tarnel: %.2f s for %d iterations, %.2f s an iteration (converged %s)\n", t_fit, iters,
+            t_fit / iters, fit$converged))
+cat(sprintf("CHOLMOD order + factor of the same equations: %.2f s (BLAS %s)\n", t_chm,
+            extSoftVersion()[["BLAS"]]))
+cat(sprintf("ratio tarnel iteration / CHOLMOD factorisation: %.2f\n", t_fit / iters / t_chm))
+print(fit$varcomp[, c("component", "std.error")])
