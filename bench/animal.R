@@ -15,32 +15,12 @@ suppressPackageStartupMessages({
 })
 args <- commandArgs(trailingOnly = TRUE)
 nanim <- if (length(args)) as.integer(args[1]) else 1200L
-set.seed(3)
-ngen <- 6L
-per <- nanim %/% ngen
-id <- seq_len(per * ngen)
-gen <- rep(seq_len(ngen), each = per)
-sire <- dam <- integer(length(id))
-for (g in 2:ngen) {
-  prev <- which(gen == g - 1L)
-  now <- which(gen == g)
-  sire[now] <- sample(prev[seq_len(length(prev) %/% 10)], length(now), TRUE)  # few sires
-  dam[now] <- sample(prev[-seq_len(length(prev) %/% 10)], length(now), TRUE)
-}
-ped <- data.frame(id = id, sire = sire, dam = dam)
-ai <- pedigree_inverse(ped)
-# Breeding values by the recursion a = (s + d)/2 + Mendelian sampling.
-va <- 0.6; ve <- 1
-a <- numeric(length(id))
-for (i in id) {
-  pa <- if (sire[i] > 0) a[sire[i]] else 0
-  ma <- if (dam[i] > 0) a[dam[i]] else 0
-  mv <- if (sire[i] > 0 && dam[i] > 0) 0.5 else 1
-  a[i] <- (pa + ma) / 2 + rnorm(1, sd = sqrt(mv * va))
-}
-rec <- id[gen >= 2L]
-d <- data.frame(animal = rec, sex = factor(sample(c("F", "M"), length(rec), TRUE)))
-d$y <- 10 + 0.5 * (d$sex == "M") + a[rec] + rnorm(length(rec), sd = sqrt(ve))
+source(file.path("bench", "animal_sim.R"))
+sim <- simulate_animals(nanim)
+id <- sim$id
+ngen <- sim$ngen
+ai <- sim$ai
+d <- sim$data
 
 invisible(gc())
 t_tarnel <- system.time(fit <- tarnel(y ~ sex, random = ~ cov_known(animal, ai), data = d))[["elapsed"]]

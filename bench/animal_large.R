@@ -15,29 +15,12 @@ suppressPackageStartupMessages({
 })
 args <- commandArgs(trailingOnly = TRUE)
 nanim <- if (length(args)) as.integer(args[1]) else 50000L
-set.seed(3)
-ngen <- 6L
-per <- nanim %/% ngen
-id <- seq_len(per * ngen)
-gen <- rep(seq_len(ngen), each = per)
-sire <- dam <- integer(length(id))
-for (g in 2:ngen) {
-  prev <- which(gen == g - 1L)
-  now <- which(gen == g)
-  sire[now] <- sample(prev[seq_len(length(prev) %/% 10)], length(now), TRUE)
-  dam[now] <- sample(prev[-seq_len(length(prev) %/% 10)], length(now), TRUE)
-}
-ai <- pedigree_inverse(data.frame(id = id, sire = sire, dam = dam))
-va <- 0.6; ve <- 1
-a <- numeric(length(id))
-for (i in id) {
-  pa <- if (sire[i] > 0) a[sire[i]] else 0
-  ma <- if (dam[i] > 0) a[dam[i]] else 0
-  a[i] <- (pa + ma) / 2 + rnorm(1, sd = sqrt((if (sire[i] > 0 && dam[i] > 0) 0.5 else 1) * va))
-}
-rec <- id[gen >= 2L]
-d <- data.frame(animal = rec, sex = factor(sample(c("F", "M"), length(rec), TRUE)))
-d$y <- 10 + 0.5 * (d$sex == "M") + a[rec] + rnorm(length(rec), sd = sqrt(ve))
+source(file.path("bench", "animal_sim.R"))
+sim <- simulate_animals(nanim)
+id <- sim$id
+ngen <- sim$ngen
+ai <- sim$ai
+d <- sim$data
 
 invisible(gc())
 t_fit <- system.time(fit <- tarnel(y ~ sex, random = ~ cov_known(animal, ai), data = d))[["elapsed"]]

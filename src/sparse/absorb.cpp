@@ -304,6 +304,21 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
   const double tiny = 1e-18;
   const int maxmoves = 4 * (neq - nd) + 50;
 
+  // Subtracts am times the packed row's elements from slot s to rstart
+  // from the complete row whose head is hc: every column has its slot,
+  // nothing is inserted.
+  auto add_to_complete = [&](i64 hc, i64 s, i64 rstart, double am) {
+    const i64 base = pool.lnk(hc) - 2;
+    for (i64 t = s; t <= rstart; ++t) {
+      const i32 cc = pool.col(t);
+      const double v = -am * pool.val(t);
+      if (cc >= 2) {
+        pool.val(base + cc) += v;
+      } else if (cc == 1) {
+        pool.val(hc) += v;
+      }
+    }
+  };
   auto singular = [&](i32 q, i32 e, double d) {
     if (iw1(a.iw, e) > 0) iw1(a.iw, e) = -iw1(a.iw, e);
     if (a.trace && a.iter >= 2 && d != 0.0)
@@ -678,16 +693,7 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
             if (c > nd) {
               const i64 hc = c - nd;
               if (intact && c <= blocktop && pool.col(hc) == 1 && pool.lnk(hc) > 0) {
-                const i64 base = pool.lnk(hc) - 2;
-                for (i64 t = s; t <= rstart; ++t) {
-                  const i32 cc = pool.col(t);
-                  const double v = -am * pool.val(t);
-                  if (cc >= 2) {
-                    pool.val(base + cc) += v;
-                  } else if (cc == 1) {
-                    pool.val(hc) += v;
-                  }
-                }
+                add_to_complete(hc, s, rstart, am);
                 continue;
               }
               const bool untouched = pool.lnk(hc) == -1;
@@ -742,17 +748,7 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
         if (c > nd) {
           const i64 hc = c - nd;
           if (intact && c <= blocktop && pool.col(hc) == 1 && pool.lnk(hc) > 0) {
-            // Complete row: every column has its slot, nothing is inserted.
-            const i64 base = pool.lnk(hc) - 2;
-            for (i64 t = s; t <= rstart; ++t) {
-              const i32 cc = pool.col(t);
-              const double v = -am * pool.val(t);
-              if (cc >= 2) {
-                pool.val(base + cc) += v;
-              } else if (cc == 1) {
-                pool.val(hc) += v;
-              }
-            }
+            add_to_complete(hc, s, rstart, am);
             continue;
           }
           if (lx + last + 1 >= top) {

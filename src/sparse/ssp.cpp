@@ -52,6 +52,38 @@ int out_of_memory(int& err, const char* text) {
   return 1;
 }
 
+// Takes each active column c of the record's design values b..e as a row
+// and adds value(c) ACC(a) for a in LIST (the first n entries, at most c);
+// then clears ACC and the marks over LIST.  Result 1 on a fault (err set:
+// 130 a column above NEQ, 136 a broken row, +6 out of memory with `text`).
+int rows_of_record(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 b, i64 e,
+                   i64 n, i64 limit, const char* text) {
+  int& err = *sec.err;
+  const DesignView& d = sec.design;
+  i32 prev = 0;
+  for (i64 t = b; t <= e; ++t) {
+    const i32 c = d.col.at1(t);
+    if (c <= prev) break;
+    prev = c;
+    if (c > s.neq) {
+      err = 130;
+      return 1;
+    }
+    if (!active(sec, c)) continue;
+    const int r = add_to_row(s, p, c, d.val.at1(t), w.acc, w.list.data(), n);
+    if (r == 136) {
+      err = 136;
+      return 1;
+    }
+    if (r == 6 || s.lx > limit) return out_of_memory(err, text);
+  }
+  for (i64 k = 1; k <= n; ++k) {
+    w.acc.at1(w.list.at1(k)) = 0.0;
+    w.links.at1(w.list.at1(k)) = 0;
+  }
+  return 0;
+}
+
 // Keeps the weighted design row of record `rec` (ACC over LIST) as an
 // augmented row.  Rows of records that add nothing stay empty: the start
 // of every record is written as the records go by.  Result 0; 1 when the
@@ -145,27 +177,7 @@ int general_case(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
       err = 130;
       return 1;
     }
-    i32 prev = 0;
-    for (i64 t = b; t <= e; ++t) {
-      const i32 c = d.col.at1(t);
-      if (c <= prev) break;
-      prev = c;
-      if (c > neq) {
-        err = 130;
-        return 1;
-      }
-      if (!active(sec, c)) continue;
-      const int r = add_to_row(s, p, c, d.val.at1(t), w.acc, w.list.data(), n);
-      if (r == 136) {
-        err = 136;
-        return 1;
-      }
-      if (r == 6 || s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
-    }
-    for (i64 k = 1; k <= n; ++k) {
-      w.acc.at1(w.list.at1(k)) = 0.0;
-      w.links.at1(w.list.at1(k)) = 0;
-    }
+    if (rows_of_record(s, sec, w, p, b, e, n, limit, "Out of Memory forming SSP")) return 1;
   }
   return 0;
 }
@@ -374,27 +386,7 @@ int multivariate(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
       if (augmenting(sec) && keep_augmented(sec, r0 + i, w.acc, w.list.data(), n)) return 1;
       i64 b = 0, e = 0;
       record(r0 + i, b, e);
-      i32 prev = 0;
-      for (i64 k = b; k <= e; ++k) {
-        const i32 c = d.col.at1(k);
-        if (c <= prev) break;
-        prev = c;
-        if (c > neq) {
-          err = 130;
-          return 1;
-        }
-        if (!active(sec, c)) continue;
-        const int r = add_to_row(s, p, c, d.val.at1(k), w.acc, w.list.data(), n);
-        if (r == 136) {
-          err = 136;
-          return 1;
-        }
-        if (r == 6 || s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP (MultiV)");
-      }
-      for (i64 k = 1; k <= n; ++k) {
-        w.acc.at1(w.list.at1(k)) = 0.0;
-        w.links.at1(w.list.at1(k)) = 0;
-      }
+      if (rows_of_record(s, sec, w, p, b, e, n, limit, "Out of Memory forming SSP (MultiV)")) return 1;
     }
   }
   return 0;
