@@ -516,8 +516,19 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
         for (int k = 0; k < np; ++k) s1 += wr[k] * prhs[k];
         *y1 -= s1;
       };
-      for (i32 c = pend - 1; np > 0 && c >= 1;) {
-        if (c >= 5) {
+      // Columns are taken in blocks of CB, so that the panel's part of a
+      // block stays in the second-level cache while every row below takes
+      // its update there.  Each element gets the same single contribution
+      // from the panel whatever the order of the blocks.  Rows are grouped
+      // by four from the top: group c holds rows c..c-3 and shares columns
+      // 2..c-3; its own columns above c-3, its right-hand sides and the
+      // rows below 5 are done with the first block.
+      constexpr i32 CB = 512;
+      for (i32 j0 = 2; np > 0 && j0 <= std::max(pend - 1, 2); j0 += CB) {
+        const i32 j1 = j0 + CB - 1;
+        i32 c = pend - 1;
+        for (; c >= 5; c -= 4) {
+          if (c - 3 < j0 && j0 > 2) break;  // no shared column in this block
           double* y[4];
           double* y1[4];
           bool any = false;
@@ -525,21 +536,23 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
             target(c - r, y[r], y1[r]);
             any = weights(c - r, w4[r]) || any;
           }
-          if (any) {
-            update4(y[0], y[1], y[2], y[3], w4[0], NB, pb, np, 2, c - 3);
+          if (!any) continue;
+          const i32 hi = std::min(c - 3, j1);
+          if (hi >= j0) update4(y[0], y[1], y[2], y[3], w4[0], NB, pb, np, j0, hi);
+          if (j0 == 2) {
             for (int r = 0; r < 3; ++r) update1(y[r], w4[r], pb, np, c - 2, c - r);
             for (int r = 0; r < 4; ++r) rhs(w4[r], y1[r]);
           }
-          c -= 4;
-          continue;
         }
-        double *y, *y1;
-        target(c, y, y1);
-        if (weights(c, w) ) {
-          if (c >= 2) update1(y, w, pb, np, 2, c);
-          rhs(w, y1);
+        if (j0 != 2) continue;
+        for (; c >= 1; --c) {
+          double *y, *y1;
+          target(c, y, y1);
+          if (weights(c, w)) {
+            if (c >= 2) update1(y, w, pb, np, 2, c);
+            rhs(w, y1);
+          }
         }
-        --c;
       }
       if (stopped) return qq;
       q = pend - 1;
