@@ -9,7 +9,7 @@ JOBS   ?= 2
 export R_LIBS := $(RLIB):$(R_LIBS)
 RSCRIPT := Rscript --no-init-file
 
-.PHONY: deps install demo test engine-test r-test sanitize check bench clean
+.PHONY: deps install demo test engine-test r-test sanitize check bench-deps clean
 
 deps:
 	bash .ci/deps.sh
@@ -42,6 +42,11 @@ check: deps
 	cd $(BUILD)/check && R CMD build --no-build-vignettes $(CURDIR) && \
 	  _R_CHECK_FORCE_SUGGESTS_=false R CMD check --no-manual --no-tests tarnel_*.tar.gz
 	@! grep -E "^(Status: .*(ERROR|WARNING))" $(BUILD)/check/tarnel.Rcheck/00check.log
+
+# Peers used only by the benchmarks, not by the tests: nadiv (for
+# bench/ainv.R) from CRAN into the checkout's library.
+bench-deps: deps install
+	$(RSCRIPT) -e 'if (!requireNamespace("nadiv", quietly = TRUE)) install.packages("nadiv", lib = "$(RLIB)", repos = "https://cloud.r-project.org")'
 
 clean:
 	rm -rf $(BUILD) src/*/*.o src/*.o src/*.so

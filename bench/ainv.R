@@ -3,7 +3,7 @@
 # forms the same inverse with Meuwissen-Luo inbreeding, timed in the same
 # run.  Run by hand from the checkout:
 #   R_LIBS=.rlib Rscript bench/ainv.R [individuals]
-# (nadiv must be installed; without it only tarnel is timed.)
+# (nadiv comes with `make bench-deps`; without it only tarnel is timed.)
 suppressMessages(library(tarnel))
 suppressMessages(library(Matrix))
 
