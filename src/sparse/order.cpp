@@ -392,7 +392,10 @@ struct Ord {
     for (i32 k = 0; k < w; ++k) fill += ISZ1(e) - k;
     if (bitmode) {
       const i32 n = collect_bits(e);
-      for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
+      for (i32 k = 0; k < n; ++k) {
+        ISZ1(tmp[k]) -= w;
+        ISZ2(tmp[k]) = 0;  // fill counts of the neighbours change
+      }
       std::uint32_t* re = brow(e);
       for (i32 k = 0; k < nw; ++k) re[k] = 0;
       const i32 ie = eq2idx[e - nd - 1];
@@ -425,7 +428,10 @@ struct Ord {
       return 0;
     }
     const i32 n = neighbours(e, tmp);
-    for (i32 k = 0; k < n; ++k) ISZ1(tmp[k]) -= w;
+    for (i32 k = 0; k < n; ++k) {
+      ISZ1(tmp[k]) -= w;
+      ISZ2(tmp[k]) = 0;  // fill counts of the neighbours change
+    }
     // Free the chain.
     i64 s = WL(head(e));
     WL(head(e)) = 0;
@@ -480,6 +486,15 @@ struct Ord {
       missing += comp(c) ? listed : (n - 1) - listed;
     }
     return missing / 2;
+  }
+
+  // The fill count of e, kept in ISZ(2,e) as count+1 (0: not counted)
+  // until a neighbour of e is eliminated or groups are formed.
+  i64 cached_count(i32 e) {
+    if (ISZ2(e) > 0) return ISZ2(e) - 1;
+    const i64 c = countrow(e);
+    ISZ2(e) = static_cast<i32>(std::min<i64>(c, 0x7ffffffe) + 1);
+    return c;
   }
 
   // Lays the chains of the rows still in selection out again, each in
@@ -595,6 +610,8 @@ struct Ord {
         ++joins;
       }
     }
+    // The signatures shared ISZ(2,.) with the cached fill counts.
+    for (i32 p = nebot; p <= nemid; ++p) ISZ2(IW2(p)) = 0;
     if (joins == 0) return 0;
     // Park the members (their chains are no longer needed) just above the
     // rows in selection.
@@ -744,7 +761,9 @@ int order_main(OrderArgs& a, int variant) {
   }
   // Lower triangle chains were added row by row, ascending: row r receives
   // its lower columns when r is visited and its upper columns later, so each
-  // chain ascends.
+  // chain ascends.  The tails kept in ISZ(2,.) are no longer needed: the
+  // word now caches fill counts.
+  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = 0;
 
   // Delays (mode 3).  A row with zero-valued elements is of a constraint
   // kind.  When it would add fill (a neighbour is shorter, or its columns
@@ -1004,16 +1023,32 @@ int order_main(OrderArgs& a, int variant) {
         }
         i32 pick = p;
         if (variant == 1) {
-          // Least true fill among the eligible rows a few positions down.
-          i64 best = o.countrow(e);
-          const i32 depth = std::max<i32>(1, std::min<i32>(10, (o.nemid - o.nebot) / 20));
-          for (i32 q = p - 1; q >= o.nebot && q >= p - depth && best > 0; --q) {
+          // nextbest: the least true fill among the eligible rows further
+          // down.  A smaller count replaces the best and halves the search's
+          // progress count; an equal count with a shorter row replaces it
+          // too; every row that does not improve adds one, and the search
+          // stops at 10, at a row that adds no fill, at the look-ahead depth
+          // (a twentieth of the rows in selection) or a fifth of the way up
+          // from NEBOT.
+          i64 best = o.cached_count(e);
+          const i32 span_rows = o.nemid - o.nebot;
+          const i32 lo = std::max(o.nebot + span_rows / 5, p - std::max<i32>(1, span_rows / 20));
+          int progress = 0;
+          for (i32 q = p - 1; q >= lo && best > 0 && progress < 10; --q) {
             const i32 f = o.IW2(q);
-            if (o.eff(f) > lenlo || o.DLY2(f) == 1) continue;
-            const i64 cf = o.countrow(f);
-            if (cf < best || (cf == best && o.eff(f) < o.eff(o.IW2(pick)))) {
+            if (o.eff(f) > lenlo || o.DLY2(f) == 1 || (o.DLY2(f) == 3 && 2 * o.DLY1(f) >= lenlo) ||
+                o.ISZ1(f) >= o.netop - o.nebot + 1)
+              continue;
+            const i64 cf = o.cached_count(f);
+            if (cf < best) {
               best = cf;
               pick = q;
+              progress /= 2;
+            } else if (cf == best && o.eff(f) < o.eff(o.IW2(pick))) {
+              pick = q;
+              ++progress;
+            } else {
+              ++progress;
             }
           }
         } else if (p - 5 >= o.nebot) {
