@@ -71,6 +71,25 @@ int g5vva0(FormRecord& rec, double sigma, const WorkArray& work, i64& top, i64 f
 
 namespace {
 
+// The autoregressive forms: model code and number of correlations, the
+// least order they need (below it the section falls back to the model and
+// correlation count given, under the name), and the lags and kind passed to
+// the time-series formation.
+struct TimeSeriesCase {
+  int model, ncor, least, fb1, fb2;
+  const char* name;
+  int lags, kind;
+};
+const TimeSeriesCase kTimeSeries[] = {
+    {1, 1, 2, 0, 0, "AR1", 1, 1},   {1, 2, 3, 1, 1, "AR2", 2, 2},    {1, 3, 4, 1, 1, "AR3", 3, 3},
+    {14, 1, 3, 1, 1, "SAR", 2, 14}, {14, 2, 4, 1, 1, "SAR2", 3, 15},
+};
+const TimeSeriesCase* time_series_case(int model, int ncor) {
+  for (const TimeSeriesCase& t : kTimeSeries)
+    if (t.model == model && t.ncor == ncor) return &t;
+  return nullptr;
+}
+
 // A value with its derivative in one direction (forward differentiation):
 // the time-series structures are written once and give their derivative
 // rows, inverse bands and log-determinant traces from the same code.
@@ -383,36 +402,12 @@ restart:
     rc = linked(S);
   } else if (m == 0) {
     rc = model0(S);
-  } else if (m == 1 && nc == 1) {
-    if (n < 2) {
-      if (fall_back(S, 0, 0, "AR1")) return 1;
+  } else if (const TimeSeriesCase* t = time_series_case(m, nc)) {
+    if (n < t->least) {
+      if (fall_back(S, t->fb1, t->fb2, t->name)) return 1;
       goto restart;
     }
-    rc = time_series(S, 1, 1);
-  } else if (m == 1 && nc == 2) {
-    if (n < 3) {
-      if (fall_back(S, 1, 1, "AR2")) return 1;
-      goto restart;
-    }
-    rc = time_series(S, 2, 2);
-  } else if (m == 1 && nc == 3) {
-    if (n < 4) {
-      if (fall_back(S, 1, 1, "AR3")) return 1;
-      goto restart;
-    }
-    rc = time_series(S, 3, 3);
-  } else if (m == 14 && nc == 1) {
-    if (n < 3) {
-      if (fall_back(S, 1, 1, "SAR")) return 1;
-      goto restart;
-    }
-    rc = time_series(S, 2, 14);
-  } else if (m == 14 && nc == 2) {
-    if (n < 4) {
-      if (fall_back(S, 1, 1, "SAR2")) return 1;
-      goto restart;
-    }
-    rc = time_series(S, 3, 15);
+    rc = time_series(S, t->lags, t->kind);
   } else if (m == 2 && nc == 1) {
     if (n < 2) return fail(1002, " MA1 needs an order of at least 2");
     rc = moving_average(S, 1);
