@@ -52,6 +52,31 @@ int out_of_memory(int& err, const char* text) {
   return 1;
 }
 
+// ACC += rij times the record's design values b..e over its active columns;
+// a column met for the first time is marked and appended to LIST (n
+// entries so far).  Result 1 with err 130 for a column above NEQ.
+int accumulate_record(const MmeStore& s, const SspSection& sec, SspScratch& w, i64 b, i64 e,
+                      double rij, i64& n) {
+  const DesignView& d = sec.design;
+  i32 prev = 0;
+  for (i64 t = b; t <= e; ++t) {
+    const i32 c = d.col.at1(t);
+    if (c <= prev) break;
+    prev = c;
+    if (c > s.neq) {
+      *sec.err = 130;
+      return 1;
+    }
+    if (!active(sec, c)) continue;
+    if (w.links.at1(c) == 0) {
+      w.links.at1(c) = 1;
+      w.list.at1(++n) = c;
+    }
+    w.acc.at1(c) += rij * d.val.at1(t);
+  }
+  return 0;
+}
+
 // Takes each active column c of the record's design values b..e as a row
 // and adds value(c) ACC(a) for a in LIST (the first n entries, at most c);
 // then clears ACC and the marks over LIST.  Result 1 on a fault (err set:
@@ -151,22 +176,7 @@ int general_case(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
         err = 130;
         return 1;
       }
-      i32 prev = 0;
-      for (i64 t = b; t <= e; ++t) {
-        const i32 c = d.col.at1(t);
-        if (c <= prev) break;
-        prev = c;
-        if (c > neq) {
-          err = 130;
-          return 1;
-        }
-        if (!active(sec, c)) continue;
-        if (w.links.at1(c) == 0) {
-          w.links.at1(c) = 1;
-          w.list.at1(++n) = c;
-        }
-        w.acc.at1(c) += rij * d.val.at1(t);
-      }
+      if (accumulate_record(s, sec, w, b, e, rij, n)) return 1;
       if (s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
     }
     std::sort(w.list.data(), w.list.data() + n);
@@ -363,22 +373,7 @@ int multivariate(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
         if (rij == 0.0) continue;
         i64 b = 0, e = 0;
         record(r0 + j, b, e);
-        i32 prev = 0;
-        for (i64 k = b; k <= e; ++k) {
-          const i32 c = d.col.at1(k);
-          if (c <= prev) break;
-          prev = c;
-          if (c > neq) {
-            err = 130;
-            return 1;
-          }
-          if (!active(sec, c)) continue;
-          if (w.links.at1(c) == 0) {
-            w.links.at1(c) = 1;
-            w.list.at1(++n) = c;
-          }
-          w.acc.at1(c) += rij * d.val.at1(k);
-        }
+        if (accumulate_record(s, sec, w, b, e, rij, n)) return 1;
         if (s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP (MultiV)");
       }
       std::sort(w.list.data(), w.list.data() + n);
