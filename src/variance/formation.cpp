@@ -90,6 +90,21 @@ const TimeSeriesCase* time_series_case(int model, int ncor) {
   return nullptr;
 }
 
+// Two coefficients of a second-order form (AR2, MA2) brought inside the
+// region where |a + b| and |b - a| stay below 0.99.
+void keep_pair_inside(double& a, double& b) {
+  double t = std::fabs(a + b);
+  if (t > f32(0.99)) {
+    a /= t + 0.01;
+    b /= t + 0.01;
+  }
+  t = std::fabs(b - a);
+  if (t > f32(0.99)) {
+    a /= t + 0.01;
+    b /= t + 0.01;
+  }
+}
+
 // A value with its derivative in one direction (forward differentiation):
 // the time-series structures are written once and give their derivative
 // rows, inverse bands and log-determinant traces from the same code.
@@ -742,16 +757,7 @@ int Former::time_series(Section& S, int p, int which) {
   } else if (which == 2) {
     double& f1 = gam(g);
     double& f2 = gam(g + 1);
-    double t = std::fabs(f1 + f2);
-    if (t > f32(0.99)) {
-      f1 /= t + 0.01;
-      f2 /= t + 0.01;
-    }
-    t = std::fabs(f2 - f1);
-    if (t > f32(0.99)) {
-      f1 /= t + 0.01;
-      f2 /= t + 0.01;
-    }
+    keep_pair_inside(f1, f2);
     phi[0] = f1;
     phi[1] = f2;
     dphi[0][0] = 1.0;
@@ -919,18 +925,7 @@ int Former::moving_average(Section& S, int which) {
     double& th = gam(g);
     if (std::fabs(th) > f32(0.99)) th = std::copysign(0.995, th);
   } else if (which == 2) {
-    double& t1 = gam(g);
-    double& t2 = gam(g + 1);
-    double t = std::fabs(t1 + t2);
-    if (t > f32(0.99)) {
-      t1 /= t + 0.01;
-      t2 /= t + 0.01;
-    }
-    t = std::fabs(t2 - t1);
-    if (t > f32(0.99)) {
-      t1 /= t + 0.01;
-      t2 /= t + 0.01;
-    }
+    keep_pair_inside(gam(g), gam(g + 1));
   } else {
     double& ph = gam(g);
     double& th = gam(g + 1);
