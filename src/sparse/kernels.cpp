@@ -126,6 +126,10 @@ TARNEL_VECTORISE void update1(double* __restrict y, const double* __restrict w,
   }
 }
 
+// The step of update4 again, on packed rows.  It stays a function of its
+// own: a template shared by the two is compiled outside the per-processor
+// versions and is not inlined into them, which made the updates several
+// times slower.
 TARNEL_VECTORISE void update4x8(double* __restrict y0, double* __restrict y1,
                                  double* __restrict y2, double* __restrict y3,
                                  const double* __restrict w, i64 ldw, const double* __restrict bp,
