@@ -1,9 +1,13 @@
 // The run driver.
 //
-// Set-up and design formation are in place: the driver checks the term
-// table, forms the design rows, keeps them for the host when asked, and
-// lays the rows out for the equations.  The REML iteration, prediction and
-// the results stage follow the design and are not part of this driver yet.
+// `aicontrol` walks the set-up in its order: marks and switches
+// (`start_run`), the offsets of the design in the work array
+// (`design_offsets`), the terms it cannot fit yet (`refuse_unavailable`),
+// the term table and its checks (`design_terms`, `check_term_table`), the
+// running codes, the scratch at the top of the work array
+// (`carve_design_scratch`), design formation (`form_design`), the kept
+// design (`keep_design`) and the layout of the rows for the equations
+// (`lay_out_rows`).  Then `run_iterations` (driver.cpp) fits the model.
 #include "control/aicontrol.h"
 
 #include <algorithm>
@@ -21,80 +25,92 @@ namespace tarnel {
 
 namespace {
 
-// The driver's state across its one call.
-struct DriverState {
-  int IWORK[2000] = {};
-  int EQHIGH[6] = {};
-  double* XZ = nullptr;  // the saved design, 3 doubles a nonzero
+// The saved design: the one allocation of a run.  The host copies it after
+// the driver returns, so it lives until the start of the next run.
+struct SavedDesign {
+  double* xz = nullptr;  // 3 doubles a nonzero: record, equation, value
   i64 tupl = 0;
 };
-DriverState driver_state;
+SavedDesign saved_design;
 
-}  // namespace
+// Design formation in the work array: where everything goes, and what
+// formation is given and gives back.
+struct DesignRun {
+  explicit DesignRun(AiControlArgs& args) : a(args) {}
+  AiControlArgs& a;
+  u64 kyxz0 = 0;  // first word after the host's basis tables
+  u64 nrows = 0;  // design rows: records x traits
+  u64 K = 0;      // the row starts, as integers from 2K
+  u64 kyxz = 0;   // the values
+  u64 half = 0;   // the equation numbers, from the middle
+  u64 top = 0;    // formation's scratch, at the top
+  DesignTerms tt;
+  DesignData dd;
+  DesignStores ds;
+  DesignResult res;
+  int mvact = 0, mvd = 0;  // the missing-value words
+};
 
-void reset_control_state() {
-  std::free(driver_state.XZ);
-  driver_state = DriverState();
+// The fault exit with ifault set.
+void fault_with(AiControlArgs& a, int ifault) {
+  a.status.ifault = ifault;
+  fault_exit(a);
 }
 
-void aicontrol(AiControlArgs& a) {
-  AiData& d = a.data;
+// 1-2. Marks and switches; the levels of each position.
+void start_run(AiControlArgs& a) {
   AiTerms& t = a.terms;
   AiOptions& o = a.options;
-  AiStatus& st = a.status;
-  const WorkArray& x = a.work.x;
-  const u64 lenx = a.work.lenx[0];
-
-  reset_control_state();
-  reset_design_state();
-
-  // 1. Marks and switches.
   etime(1);
-  if (o.aiopt.size() > 56) o.aiopt[56] = 1;
+  aiopt_set(o, kAioptStrips, 1);
   clear_message_store();
-  const int trait_flag = a.glm.id == 9 ? 2 : 1;
-  (void)trait_flag;
   if (o.maxiter != nullptr && *o.maxiter == 0) *o.maxiter = 10;
-  const int saved41 = aiopt_at(o, 41);
-  (void)saved41;
-  if (o.aiopt.size() > 41) o.aiopt[41] = 0;
-
-  // 2. Levels of each position; counters.
+  aiopt_set(o, kAioptDdfPass, 0);
   for (int i = 0; i < t.nfactp; ++i) {
     const int term = t.neword[i];
     t.rlevel[i] = term >= 1 && term <= t.nfact ? t.flev[term - 1] : 0;
   }
-  if (!d.rvec.empty()) d.rvec[0] = 1.0;
-  st.ifault = -1;
+  if (!a.data.rvec.empty()) a.data.rvec[0] = 1.0;
+  a.status.ifault = -1;
+}
 
-  // 3. Offsets: a word a row for each row's data record, the row starts,
-  // and the values from kyxz.
-  const u64 kyxz0 = t.kyxz;
-  const u64 nrows = static_cast<u64>(std::max(d.nrow, 0)) * static_cast<u64>(std::max(d.ntrt, 1));
-  const u64 K = kyxz0 + nrows;
-  const u64 kyxz = nrows + K + 1;
+// 3. Offsets: a word a row for each row's data record, the row starts,
+// and the values from kyxz.
+void design_offsets(DesignRun& run) {
+  const AiData& d = run.a.data;
+  run.kyxz0 = run.a.terms.kyxz;
+  run.nrows = static_cast<u64>(std::max(d.nrow, 0)) * static_cast<u64>(std::max(d.ntrt, 1));
+  run.K = run.kyxz0 + run.nrows;
+  run.kyxz = run.nrows + run.K + 1;
+}
 
-  // 4. Spline tables come with the smoothing splines; a model without
-  // spline terms needs none.
+// 4. Spline tables come with the smoothing splines; a model without spline
+// terms needs none.  Returns false after the fault exit.
+bool refuse_unavailable(AiControlArgs& a) {
+  const AiTerms& t = a.terms;
   for (int k = 0; k < t.nfact; ++k) {
     if (t.inter[4 * static_cast<std::size_t>(k)] == -24) {
       vprt("Spline terms are not available yet\n");
       set_errtxt(a, "Spline terms are not available yet");
-      st.ifault = 1;
-      fault_exit(a);
-      return;
+      fault_with(a, 1);
+      return false;
     }
   }
-  if (d.nrow == 0) {
+  if (a.data.nrow == 0) {
     fault_exit(a);
-    return;
+    return false;
   }
+  return true;
+}
 
-  // 5. Texts that stand if formation stops early.
+// 5. The texts that stand if formation stops early, and the term table as
+// formation reads it.
+void design_terms(DesignRun& run) {
+  AiControlArgs& a = run.a;
+  const AiTerms& t = a.terms;
   set_errtxt(a, "Invalid factor in model");
   set_errtxt(a, "Invalid model factor");
-
-  DesignTerms tt;
+  DesignTerms& tt = run.tt;
   tt.nfact = t.nfact;
   tt.nfactp = t.nfactp;
   tt.inter = t.inter;
@@ -109,24 +125,30 @@ void aicontrol(AiControlArgs& a) {
   tt.facnam = t.facnam;
   tt.kzbkey = t.kzbkey.subspan(0, 3 * static_cast<std::size_t>(t.ncspln));
   tt.nan = t.nan;
+}
 
-  // Every index the table holds is checked before any record is read.
-  const int mvact_in = aiopt_at(o, kAioptMvact);
-  int mvd = aiopt_at(o, kAioptMvd);
-  bool sound = d.ntrt >= 1 && d.lbin >= 1 && d.nycol >= 1 && d.nycol <= t.nfact &&
-               d.wtcol >= 0 && d.wtcol <= d.lbin && nrows < (1ull << 30);
+// Every index the table holds is checked before any record is read; then
+// 6, flainv and rlevel by term.  Returns false after the fault exit.
+bool check_term_table(DesignRun& run) {
+  AiControlArgs& a = run.a;
+  const AiData& d = a.data;
+  AiTerms& t = a.terms;
+  const DesignTerms& tt = run.tt;
+  run.mvact = aiopt_at(a.options, kAioptMvact);
+  run.mvd = aiopt_at(a.options, kAioptMvd);
+  const int mvact = run.mvact;
+  bool sound = d.ntrt >= 1 && d.lbin >= 1 && d.nycol >= 1 && d.nycol <= t.nfact && d.wtcol >= 0 &&
+               d.wtcol <= d.lbin && run.nrows < (1ull << 30);
   if (!sound) vprt(" The response term, weight column or trait count is out of range\n");
   if (sound && check_terms(tt, d.lbin, d.nrow) != 0) sound = false;
-  if (sound && mvact_in > 0 && (mvact_in > t.nfact || tt.code(mvact_in) != -4)) {
-    vprt(" The missing-response action names term %d, which is not a missing-value term\n", mvact_in);
+  if (sound && mvact > 0 && (mvact > t.nfact || tt.code(mvact) != -4)) {
+    vprt(" The missing-response action names term %d, which is not a missing-value term\n", mvact);
     sound = false;
   }
-  if (sound && mvact_in < -1) {
-    vprt(" Unknown missing-response action %d\n", mvact_in);
+  if (sound && mvact < -1) {
+    vprt(" Unknown missing-response action %d\n", mvact);
     sound = false;
   }
-
-  // 6. flainv and rlevel by term.
   for (int i = 0; i < t.nfactp && sound; ++i) {
     const int term = t.neword[i];
     if (term < 1) {
@@ -146,35 +168,42 @@ void aicontrol(AiControlArgs& a) {
     }
     if (t.rlevel[i] < 0) sound = false;
   }
-  if (!sound) {
-    st.ifault = 1;
-    fault_exit(a);
-    return;
-  }
+  if (!sound) fault_with(a, 1);
+  return sound;
+}
 
-  // 7. Constraint codes and trait offsets.
+// 7. Constraint codes and trait offsets.
+void running_codes(AiControlArgs& a) {
   for (int k = 0; k < a.structures.ngamma; ++k) a.structures.rgmstr[k] = a.structures.gmcstr[k];
-  if (a.glm.id != 9 && d.ntrt > 1)
-    for (int k = 0; k < t.nfact; ++k) t.plusnn[k] = k + 2;
+  if (a.glm.id != 9 && a.data.ntrt > 1)
+    for (int k = 0; k < a.terms.nfact; ++k) a.terms.plusnn[k] = k + 2;
+}
 
-  // 8. Scratch from the top of x: the response tables, the per-term
-  // tables, and room for the widest bisquare basis.
+// 8. Scratch from the top of x: the response tables, the per-term tables,
+// and room for the widest bisquare basis.  Returns false when x is too
+// small.
+bool carve_design_scratch(DesignRun& run) {
+  AiControlArgs& a = run.a;
+  const AiData& d = a.data;
+  const AiTerms& t = a.terms;
+  const WorkArray& x = a.work.x;
+  const u64 lenx = a.work.lenx[0];
   const int m = std::max(d.lbin, d.ntrt);
   int nbisq = 0;
   for (int k = 1; k <= t.nfact; ++k)
-    if (tt.code(k) == -31) nbisq = std::max(nbisq, t.flev[k - 1]);
+    if (run.tt.code(k) == -31) nbisq = std::max(nbisq, t.flev[k - 1]);
   const u64 nints = 2 * static_cast<u64>(m) + 3 * static_cast<u64>(t.nfact);
   const u64 topwords = (nints + 1) / 2 + static_cast<u64>(nbisq) + 1;
-  const u64 half = lenx / 2;
-  if (lenx < topwords || kyxz + 2 > half || lenx - topwords <= half + 1) {
+  run.half = lenx / 2;
+  if (lenx < topwords || run.kyxz + 2 > run.half || lenx - topwords <= run.half + 1) {
     vprt("Insufficient workspace.\n");
-    st.runTrn = static_cast<double>(lenx);
-    st.ifault = 6;
-    return;
+    a.status.runTrn = static_cast<double>(lenx);
+    a.status.ifault = 6;
+    return false;
   }
-  const u64 top = lenx - topwords;
-  i32* ti = x.i + 2 * top;
-  DesignData dd;
+  run.top = lenx - topwords;
+  i32* ti = x.i + 2 * run.top;
+  DesignData& dd = run.dd;
   dd.datafr = d.datafr;
   dd.lbin = d.lbin;
   dd.nrow = d.nrow;
@@ -187,96 +216,132 @@ void aicontrol(AiControlArgs& a) {
   dd.lastseen = span<int>(ti + 2 * m, t.nfact);
   dd.counter = span<int>(ti + 2 * m + t.nfact, t.nfact);
   dd.dropped = span<int>(ti + 2 * m + 2 * t.nfact, t.nfact);
-  dd.scratch = span<double>(x.r + top + (nints + 1) / 2, static_cast<std::size_t>(nbisq));
+  dd.scratch = span<double>(x.r + run.top + (nints + 1) / 2, static_cast<std::size_t>(nbisq));
   for (int k = 0; k < m; ++k) {
     dd.ytable[k] = d.nycol;
-    dd.ycol[k] = tt.b(d.nycol);
+    dd.ycol[k] = run.tt.b(d.nycol);
   }
-  int mvact = mvact_in;
-  if (a.structures.nsect > 0 && mvact == 0) mvact = -1;
+  if (a.structures.nsect > 0 && run.mvact == 0) run.mvact = -1;
+  return true;
+}
 
-  // 9. Formation.  Values from kyxz up to the middle of x, their equation
-  // numbers from the middle up to the scratch at the top.
+// 9. Formation.  Values from kyxz up to the middle of x, their equation
+// numbers from the middle up to the scratch at the top.  Returns false
+// after the fault exit.
+bool form_design(DesignRun& run) {
+  AiControlArgs& a = run.a;
   set_errtxt(a, "Forming design matrices");
-  std::memset(driver_state.IWORK, 0, sizeof driver_state.IWORK);
-  DesignStores ds;
-  ds.x = x;
-  ds.kyxz = kyxz;
-  ds.colbase = 2 * half;
-  ds.rowbase = 2 * K;
-  ds.recbase = 2 * kyxz0;
-  ds.limit = static_cast<i64>(std::min<u64>(half - kyxz, 2 * (top - half)));
-  ds.rowlimit = static_cast<i64>(nrows);
-  DesignResult res;
-  const int rc = aidsgn(ds, tt, dd, mvact, mvd, o.debug, a.results.errtxt, res);
+  DesignStores& ds = run.ds;
+  ds.x = a.work.x;
+  ds.kyxz = run.kyxz;
+  ds.colbase = 2 * run.half;
+  ds.rowbase = 2 * run.K;
+  ds.recbase = 2 * run.kyxz0;
+  ds.limit = static_cast<i64>(std::min<u64>(run.half - run.kyxz, 2 * (run.top - run.half)));
+  ds.rowlimit = static_cast<i64>(run.nrows);
+  DesignResult& res = run.res;
+  const int rc = aidsgn(ds, run.tt, run.dd, run.mvact, run.mvd, a.options.debug, a.results.errtxt, res);
   if (rc != 0 || res.ifault >= 1) {
-    st.ifault = res.ifault >= 1 ? res.ifault : 1;
-    fault_exit(a);
-    return;
+    fault_with(a, res.ifault >= 1 ? res.ifault : 1);
+    return false;
   }
   if (res.neq < 1) {
-    st.ifault = 1;
-    fault_exit(a);
-    return;
+    fault_with(a, 1);
+    return false;
   }
-  *t.neq = res.neq;
+  *a.terms.neq = res.neq;
+  return true;
+}
 
-  // 10. The kept design.
+// 10. The kept design, when the host asks for it.  Returns false when the
+// memory for it is refused.
+bool keep_design(DesignRun& run) {
+  AiControlArgs& a = run.a;
+  AiStatus& st = a.status;
   st.saved_design = nullptr;
   st.tupl = 0;
-  if (o.savedgn == 1) {
-    const i64 tupl = countdesign(ds, res.records, res.neq);
-    double* xz = static_cast<double*>(std::malloc(static_cast<std::size_t>(std::max<i64>(tupl, 1)) * 3 * sizeof(double)));
-    if (xz == nullptr) {
-      st.ifault = 6;
-      vprt("Insufficient memory to save design.\n");
-      return;
-    }
-    driver_state.XZ = xz;
-    driver_state.tupl = tupl;
-    savedesign(ds, res.records, res.neq,
-               span<const int>(x.i + ds.recbase, static_cast<std::size_t>(res.records)),
-               span<double>(xz, static_cast<std::size_t>(tupl) * 3));
-    st.saved_design = xz;
-    st.tupl = tupl;
+  if (a.options.savedgn != 1) return true;
+  const DesignResult& res = run.res;
+  const i64 tupl = countdesign(run.ds, res.records, res.neq);
+  double* xz = static_cast<double*>(std::malloc(static_cast<std::size_t>(std::max<i64>(tupl, 1)) * 3 * sizeof(double)));
+  if (xz == nullptr) {
+    st.ifault = 6;
+    vprt("Insufficient memory to save design.\n");
+    return false;
   }
+  saved_design.xz = xz;
+  saved_design.tupl = tupl;
+  savedesign(run.ds, res.records, res.neq,
+             span<const int>(a.work.x.i + run.ds.recbase, static_cast<std::size_t>(res.records)),
+             span<double>(xz, static_cast<std::size_t>(tupl) * 3));
+  st.saved_design = xz;
+  st.tupl = tupl;
+  return true;
+}
 
-  // 11. Room for the rows.
+// 11-12. Room for the rows, and the equation numbers moved next to the
+// values.  The rows then lie as follows (words of x, from 0):
+//   [kyxz0, kyxz0 + nrow*ntrt)  as integers from 2*kyxz0: data record of each row
+//   [K, K + records + 1)        as integers from 2*K: row starts, counted
+//                               from kyxz, with the end of the last row behind
+//   [kyxz, kyxz + nonzero)      values; the first of each row is the response
+//   from word kyxz + nonzero    as integers: the equation of each value
+// Returns false when the run cannot go on.
+bool lay_out_rows(DesignRun& run, DesignLayout& layout) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  const u64 lenx = a.work.lenx[0];
+  const DesignResult& res = run.res;
   const i64 nonzero = res.nonzero;
   if (static_cast<double>(lenx) < 3.0 * static_cast<double>(nonzero)) {
     vprt("Insufficient workspace.\n");
-    st.ifault = 6;
-    return;
+    a.status.ifault = 6;
+    return false;
   }
-
-  // 12. Equation numbers next to the values.
-  std::memmove(x.i + 2 * (kyxz + static_cast<u64>(nonzero)), x.i + ds.colbase,
+  std::memmove(a.work.x.i + 2 * (run.kyxz + static_cast<u64>(nonzero)), a.work.x.i + run.ds.colbase,
                static_cast<std::size_t>(nonzero) * sizeof(i32));
-  const double used = static_cast<double>(static_cast<float>(kyxz + 2.0 + 1.5 * nonzero));
-  const double neqd = t.neqd != nullptr ? *t.neqd : 0;
-  const double need = static_cast<double>(d.lbin) * res.neq + 2.0 * (neqd * (neqd + 1) / 2) + used;
+  const double used = static_cast<double>(static_cast<float>(run.kyxz + 2.0 + 1.5 * nonzero));
+  const double neqd = a.terms.neqd != nullptr ? *a.terms.neqd : 0;
+  const double need = static_cast<double>(a.data.lbin) * res.neq + 2.0 * (neqd * (neqd + 1) / 2) + used;
   if (static_cast<double>(lenx) < need) {
     set_errtxt(a, "Not enough space: set workspace option");
     fault_exit(a);
-    return;
+    return false;
   }
   if (o.aiopt.size() > kAioptNonzero) {
     o.aiopt[kAioptRecords] = static_cast<int>(res.records);
     o.aiopt[kAioptNonzero] = static_cast<int>(std::min<i64>(nonzero, 2147483647));
   }
-
-  // The rows now lie as follows (words of x, from 0):
-  //   [kyxz0, kyxz0 + nrow*ntrt)  as integers from 2*kyxz0: data record of each row
-  //   [K, K + records + 1)        as integers from 2*K: row starts, counted
-  //                               from kyxz, with the end of the last row behind
-  //   [kyxz, kyxz + nonzero)      values; the first of each row is the response
-  //   from word kyxz + nonzero    as integers: the equation of each value
-  DesignLayout layout;
-  layout.kyxz = kyxz;
-  layout.K = K;
+  layout.kyxz = run.kyxz;
+  layout.K = run.K;
   layout.records = res.records;
   layout.nonzero = nonzero;
-  const i64 floor = static_cast<i64>(kyxz) + nonzero + (nonzero + 1) / 2 + 1;
+  return true;
+}
+
+}  // namespace
+
+void reset_control_state() {
+  std::free(saved_design.xz);
+  saved_design = SavedDesign();
+}
+
+void aicontrol(AiControlArgs& a) {
+  reset_control_state();
+  reset_design_state();
+  start_run(a);
+  DesignRun run(a);
+  design_offsets(run);
+  if (!refuse_unavailable(a)) return;
+  design_terms(run);
+  if (!check_term_table(run)) return;
+  running_codes(a);
+  if (!carve_design_scratch(run)) return;
+  if (!form_design(run)) return;
+  if (!keep_design(run)) return;
+  DesignLayout layout;
+  if (!lay_out_rows(run, layout)) return;
+  const i64 floor = static_cast<i64>(layout.kyxz) + layout.nonzero + (layout.nonzero + 1) / 2 + 1;
   run_iterations(a, layout, floor);
 }
 

@@ -59,49 +59,72 @@ int empty_message_store(AiControlArgs& a) {
   return 0;
 }
 
-}  // namespace
+// One fit's iterations and their results.  `run_iterations` walks four
+// steps: the checks before the first iteration (`prepare_run`), the
+// driver's blocks (`carve_driver_blocks`), the loop of iterations, each one
+// judged by `judge_iteration`, recorded by `record_iteration` and tested by
+// `test_convergence`, and last the results of the fit (`finish_fit`).
 
-void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
+// What the driver carries through the iterations of one fit.
+struct FitRun {
+  explicit FitRun(AiControlArgs& args) : a(args) {}
+  AiControlArgs& a;
+  IterationState it;
+  span<double> history;    // the history ring: seven columns of ngamma
+  span<double> lastgood;   // the parameters of the last good evaluation
+  int hk = 1, hflag = 0;   // the ring's column and wrap flag
+  int iter = 0;            // iterations done, from 1
+  int nofit = 0;           // failed evaluations
+  int usmods = 0;          // US matrices made positive definite
+  int expected_sing = 0;   // singularities the model is known to have
+  double lastll = f32(-1.2e21);
+  ConvergenceState convergence;
+  bool aborted = false;
+};
+
+// What the loop does after a step of an iteration.
+enum class LoopAction {
+  kNext,    // go on with this iteration
+  kRetry,   // evaluate again with reduced updates, not counting this one
+  kEnd,     // leave the loop for the results of the fit
+  kReturn,  // leave the driver at once
+};
+
+// 13-18. Before the first iteration.  Returns false after a fault exit.
+bool prepare_run(FitRun& run, const DesignLayout& layout) {
+  AiControlArgs& a = run.a;
   AiStatus& st = a.status;
   AiOptions& o = a.options;
   AiTerms& t = a.terms;
   AiStructures& s = a.structures;
-  const int ngamma = s.ngamma;
-  const int neq = *t.neq;
-
-  // 13. Before the first iteration.
   *a.results.loglik = -12000000000000.0;
   set_errtxt(a, " Solving Equations");
   if (a.glm.id < 2 && !a.results.deviance.empty()) a.results.deviance[0] = 0;
   st.ifault = 1;
-  // 14. Records must come in whole units.
+  // Records must come in whole units.
   const int per = a.data.keep > 0 ? a.data.keep : std::max(1, a.data.ntrt);
   if (layout.records % per != 0) {
     fault_exit(a);
-    return;
+    return false;
   }
-  // 15.
-  double lastll = f32(-1.2e21);
-  int expected_sing = 0;
   const int submod = t.submod ? *t.submod : 0;
   for (int i = 0; i < t.nfactp; ++i)
-    if (t.submds[i] > submod) expected_sing += t.rlevel[i];
-  // 16. Leading zero parameters are passed over.
+    if (t.submds[i] > submod) run.expected_sing += t.rlevel[i];
+  // Leading zero parameters are passed over.
   int& nfrstg = *s.nfrstg;
-  while (nfrstg < ngamma && s.gammas[nfrstg] == 0.0) ++nfrstg;
-  // 17. Generalised models come with their own step.
+  while (nfrstg < s.ngamma && s.gammas[nfrstg] == 0.0) ++nfrstg;
+  // Generalised models come with their own step.
   if (a.glm.id > 1 || a.glm.link > 1) {
     set_errtxt(a, "Generalised models are not available in this version");
     vprt("Generalised models are not available in this version\n");
     fault_exit(a);
-    return;
+    return false;
   }
   if (s.nsect < 1) {
     set_errtxt(a, "The model has no residual section");
     fault_exit(a);
-    return;
+    return false;
   }
-  // 18.
   set_errtxt(a, "LogLikelihood not converged");
   if (*o.maxiter == 1) set_errtxt(a, "");
   // Prediction and tests of fixed effects come with their own work.
@@ -111,31 +134,31 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
   }
   if (o.ddf) *o.ddf = 0;
   if (o.typeiii) *o.typeiii = 0;
+  return true;
+}
 
-  // The driver's blocks: the parameter history, then the iteration's own.
-  IterationState it;
-  it.design = layout;
-  // Seven columns of the history ring, then the parameters of the last
-  // good evaluation.
-  const i64 nhist = 8 * static_cast<i64>(std::max(ngamma, 1));
-  it.floor = floor + nhist;
-  if (it.floor + neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
-    st.runTrn = 4.0 * neq;
-    return;
+// The driver's blocks from `floor` up: seven columns of the history ring,
+// the parameters of the last good evaluation, then the iteration's own.
+// Returns false when the run cannot go on.
+bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
+  AiControlArgs& a = run.a;
+  AiStatus& st = a.status;
+  AiStructures& s = a.structures;
+  const int ngamma = s.ngamma;
+  const int ncol = std::max(ngamma, 1);
+  run.it.design = layout;
+  const i64 nhist = 8 * static_cast<i64>(ncol);
+  run.it.floor = floor + nhist;
+  if (run.it.floor + *a.terms.neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
+    st.runTrn = 4.0 * *a.terms.neq;
+    return false;
   }
-  span<double> history(a.work.x.r + floor, static_cast<std::size_t>(7 * std::max(ngamma, 1)));
-  span<double> lastgood(a.work.x.r + floor + 7 * std::max(ngamma, 1), static_cast<std::size_t>(std::max(ngamma, 1)));
+  run.history = span<double>(a.work.x.r + floor, static_cast<std::size_t>(7 * ncol));
+  run.lastgood = span<double>(a.work.x.r + floor + 7 * ncol, static_cast<std::size_t>(ncol));
   std::fill(a.work.x.r + floor, a.work.x.r + floor + nhist, 0.0);
-  for (int k = 0; k < ngamma; ++k) lastgood[k] = s.gammas[k];
-  // A bad step is taken back to a mixture of its parameters and those of the
-  // last good evaluation, with the weights of the history ring.
-  auto pull_back = [&]() {
-    for (int k = 0; k < ngamma; ++k)
-      if (history[k] != 0.0)
-        s.gammas[k] = 0.10000002384185791 * a.results.prvgam[k] + 0.8999999761581421 * lastgood[k];
-  };
+  for (int k = 0; k < ngamma; ++k) run.lastgood[k] = s.gammas[k];
   int ifault = 0;
-  if (iteration_setup(a, it, ifault)) {
+  if (iteration_setup(a, run.it, ifault)) {
     if (ifault == 6) {
       st.runTrn = static_cast<double>(a.work.lenx[0]);
       st.ifault = 6;
@@ -143,198 +166,263 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
       st.ifault = ifault;
       text_exit(a);
     }
-    return;
+    return false;
   }
-  int hk = 1, hflag = 0;
-  {
-    // Column 1 of the history holds the starting values.
-    for (int k = 0; k < ngamma; ++k) history[k] = s.gammas[k];
+  // Column 1 of the history holds the starting values.
+  for (int k = 0; k < ngamma; ++k) run.history[k] = s.gammas[k];
+  return true;
+}
+
+// A bad step is taken back to a mixture of its parameters and those of the
+// last good evaluation, with the weights of the history ring, and the step
+// size is cut.
+void pull_back(FitRun& run) {
+  AiControlArgs& a = run.a;
+  for (int k = 0; k < a.structures.ngamma; ++k)
+    if (run.history[k] != 0.0)
+      a.structures.gammas[k] = 0.10000002384185791 * a.results.prvgam[k] + 0.8999999761581421 * run.lastgood[k];
+  *a.options.stepsize = f32(0.1);
+}
+
+// What an iteration left: a shortage of workspace, the texts of its
+// faults, the message store and the US modifications.
+LoopAction after_iteration(FitRun& run, int nf) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  // Out of workspace, in the equations (6) or while absorbing them
+  // (100000 + position): the host calls again with more.
+  if (nf == 6 || (nf > 100000 && nf <= 200000)) {
+    a.status.runTrn = static_cast<double>(a.work.lenx[0]);
+    return LoopAction::kReturn;
   }
-  reset_update_state();
-  reset_average_info_state();
+  if (o.trace == 1 && aiopt_at(o, kAioptNegPivots) > 0)
+    vprt("%d negative pivots treated as singularities\n", aiopt_at(o, kAioptNegPivots));
+  if (nf == 2130) vprt("Residual SS is %f\n", a.results.yssqu.empty() ? 0.0 : run.it.rss);
+  if (nf == 1006) {
+    vprt("Tarnel failed to invert a spatially indexed correelation structure\n");
+    vprt(" The data may have\n");
+    vprt(" duplicate points or the correlations are too high.\n");
+  }
+  if (empty_message_store(a)) return LoopAction::kReturn;
+  const int modified = aiopt_at(o, kAioptUsModified);
+  if (modified > 0) {
+    run.usmods += modified;
+    if (run.usmods < 10) vprt(" US matrix updates modified %d times to remain positive definite.\n", modified);
+  }
+  return LoopAction::kNext;
+}
 
-  int iter = 0, nofit = 0, usmods = 0;
-  ConvergenceState cs;
-  bool aborted = false;
-  bool converged = false;
-  etime(1);
-  for (;;) {
-    ++iter;
-    const bool last = iter >= *o.maxiter;
-    if (last) aiopt_set(o, 51, 1);
-    const double llfloor = lastll - 10.0;
-    aiopt_set(o, 0, (o.debug != 0 && iter <= 2) ? 1 : 0);
-    aiopt_set(o, 4, 0);
-    int nf = 0;
-    g5vitr(a, it, iter, nf);
-    st.ifault = nf;
-    // Out of workspace, in the equations (6) or while absorbing them
-    // (100000 + position): the host calls again with more.
-    if (nf == 6 || (nf > 100000 && nf <= 200000)) {
-      st.runTrn = static_cast<double>(a.work.lenx[0]);
-      return;
-    }
-    if (o.trace == 1 && aiopt_at(o, 48) > 0)
-      vprt("%d negative pivots treated as singularities\n", aiopt_at(o, 48));
-    if (nf == 2130) vprt("Residual SS is %f\n", a.results.yssqu.empty() ? 0.0 : it.rss);
-    if (nf == 1006) {
-      vprt("Tarnel failed to invert a spatially indexed correelation structure\n");
-      vprt(" The data may have\n");
-      vprt(" duplicate points or the correlations are too high.\n");
-    }
-    if (empty_message_store(a)) return;
-    if (aiopt_at(o, 9) > 0) {
-      usmods += aiopt_at(o, 9);
-      if (usmods < 10)
-        vprt(" US matrix updates modified %d times to remain positive definite.\n", aiopt_at(o, 9));
-    }
-    const double loglik = *a.results.loglik;
-    if (st.ifault > 0) {
-      if (aiopt_at(o, 35) > 0) {
-        ++nofit;
-        set_errtxt(a, "Singularity in Average Information Matrix");
-        aborted = true;
-        break;
-      }
-      if (st.ifault > 2000) {
-        ++nofit;
-        set_errtxt(a, "Iteration failed");
-        aborted = true;
-        break;
-      }
-      ++nofit;
-      if (nofit == 3 || st.ifault > 52) {
-        set_errtxt(a, "Convergence failed");
-        vprt("Terminating with nfault = %d\n", st.ifault);
-        aborted = true;
-        break;
-      }
-      if (st.ifault <= 9 || iter == 1) {
-        text_exit(a);
-        return;
-      }
-      pull_back();
-      *o.stepsize = f32(0.1);
-      vprt("Likelihood evaluation failed with fault %d - trying again with reduced updates\n", st.ifault);
-      --iter;
-      continue;
-    }
-    // A fall in the log-likelihood larger than allowed is a bad step.
-    if (iter > 1 && aiopt_at(o, 9) == 0 && loglik < llfloor - f32(0.2) * it.nwv && nofit < 3) {
-      ++nofit;
-      pull_back();
-      *o.stepsize = f32(0.1);
-      if (o.trace == 1)
-        vprt("Logliklihood decreased to %10.2f - trying again with reduced updates\n", loglik);
-      --iter;
-      continue;
-    }
-
-    // Results of the iteration.
-    const int nsing = a.results.nsing[0];
-    if (nsing > expected_sing) {
-      if (iter == 1 && o.trace == 1)
-        vprt("%d singularities detected\n", nsing - expected_sing);
-      expected_sing = nsing;
-    }
-    write_trarray(a, iter, span<const double>(a.results.prvgam.data(), a.results.prvgam.size()));
-    if (o.trace == 1) {
-      if (iter == 1) vprt("LogLik         S2      DF      wall     cpu\n");
-      vprt("%12.4f%12.4f%6d ", loglik, a.results.sigma2[0], a.results.nedf[0]);
-      g5vtme(6, "", 0);
-      vprt("%8.1f", etime(0));
-      if (aiopt_at(o, 24) > 0)
-        vprt(" (%d restrained)\n", aiopt_at(o, 24));
-      else
-        vprt("\n");
-    }
-    if (aiopt_at(o, 35) > 0) {
+// A failed evaluation, or a fall of the log-likelihood below `llfloor`
+// less its allowance: abort, give up, or try again with reduced updates.
+LoopAction judge_iteration(FitRun& run, double llfloor) {
+  AiControlArgs& a = run.a;
+  AiStatus& st = a.status;
+  AiOptions& o = a.options;
+  const double loglik = *a.results.loglik;
+  if (st.ifault > 0) {
+    ++run.nofit;
+    if (aiopt_at(o, kAioptAiSingular) > 0) {
       set_errtxt(a, "Singularity in Average Information Matrix");
-      vprt("%d singularities inAverage Information Matrix\n", aiopt_at(o, 35));
-      aborted = true;
-      break;
+      run.aborted = true;
+      return LoopAction::kEnd;
     }
-    int kf = 0;
-    keepgammas(history, span<const double>(s.gammas.data(), ngamma), s.gammas, ngamma, hk, hflag, 0, kf);
-    for (int k = 0; k < ngamma; ++k) lastgood[k] = a.results.prvgam[k];
-    // A step size cut by a bad step or a restrained parameter comes back
-    // once the iterations run normally again, so that the last iterations
-    // take whole Newton steps.
-    if (aiopt_at(o, 24) == 0 && *o.stepsize < 1.0) *o.stepsize = std::min(1.0, 2.0 * *o.stepsize);
-
-    // The test of convergence.
-    if (!last) {
-      ConvergenceInput ci;
-      ci.iter = iter;
-      ci.loglik = loglik;
-      ci.last_loglik = lastll;
-      ci.nfrstg = nfrstg;
-      ci.ngamma = ngamma;
-      ci.id = a.glm.id;
-      ci.link = a.glm.link;
-      ci.moving = aiopt_at(o, 22);
-      ci.restrained = aiopt_at(o, 24);
-      ci.quick = aiopt_at(o, 32);
-      ci.aicond = aiopt_at(o, 36);
-      ci.maxiter = *o.maxiter;
-      const ConvergenceResult cr = convergence_test(ci, cs);
-      if (cr.converged) {
-        set_errtxt(a, "LogLikelihood Converged");
-        *a.results.converge = 1;
-        converged = true;
-      }
-      if (cr.action == ConvergenceAction::kStop) break;
-      if (cr.action == ConvergenceAction::kFurtherIteration) *o.maxiter = iter + 1;
-    } else {
-      break;
+    if (st.ifault > 2000) {
+      set_errtxt(a, "Iteration failed");
+      run.aborted = true;
+      return LoopAction::kEnd;
     }
-    lastll = loglik;
+    if (run.nofit == 3 || st.ifault > 52) {
+      set_errtxt(a, "Convergence failed");
+      vprt("Terminating with nfault = %d\n", st.ifault);
+      run.aborted = true;
+      return LoopAction::kEnd;
+    }
+    if (st.ifault <= 9 || run.iter == 1) {
+      text_exit(a);
+      return LoopAction::kReturn;
+    }
+    pull_back(run);
+    vprt("Likelihood evaluation failed with fault %d - trying again with reduced updates\n", st.ifault);
+    return LoopAction::kRetry;
   }
-  (void)converged;
+  // A fall in the log-likelihood larger than allowed is a bad step.
+  if (run.iter > 1 && aiopt_at(o, kAioptUsModified) == 0 && loglik < llfloor - f32(0.2) * run.it.nwv &&
+      run.nofit < 3) {
+    ++run.nofit;
+    pull_back(run);
+    if (o.trace == 1) vprt("Logliklihood decreased to %10.2f - trying again with reduced updates\n", loglik);
+    return LoopAction::kRetry;
+  }
+  return LoopAction::kNext;
+}
 
-  // The end of the fit.
-  write_trarray(a, iter + 1, span<const double>(s.gammas.data(), ngamma));
-  if (st.ifault < 1 && nofit > 2) {
-    vprt("Iteration terminated - nonconvergence\n");
-    set_errtxt(a, "Convergence failed");
+// The results of a good iteration: singularities, the iteration record,
+// the log line, and the history of the parameters.
+LoopAction record_iteration(FitRun& run) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  AiStructures& s = a.structures;
+  const int ngamma = s.ngamma;
+  const double loglik = *a.results.loglik;
+  const int nsing = a.results.nsing[0];
+  if (nsing > run.expected_sing) {
+    if (run.iter == 1 && o.trace == 1) vprt("%d singularities detected\n", nsing - run.expected_sing);
+    run.expected_sing = nsing;
   }
-  if (st.ifault > 0 || aborted) {
-    if (st.ifault <= 0) st.ifault = nofit > 0 ? nofit : 1;
-    set_errtxt(a, "The estimation was aborted");
-    vprt("ABORT\n");
-    aiopt_set(o, 44, 0);
-    aborted = true;
+  write_trarray(a, run.iter, span<const double>(a.results.prvgam.data(), a.results.prvgam.size()));
+  if (o.trace == 1) {
+    if (run.iter == 1) vprt("LogLik         S2      DF      wall     cpu\n");
+    vprt("%12.4f%12.4f%6d ", loglik, a.results.sigma2[0], a.results.nedf[0]);
+    g5vtme(6, "", 0);
+    vprt("%8.1f", etime(0));
+    if (aiopt_at(o, kAioptRestrained) > 0)
+      vprt(" (%d restrained)\n", aiopt_at(o, kAioptRestrained));
+    else
+      vprt("\n");
   }
-  if (usmods > 0)
-    vprt("US variance structures were modified in %d instances to make them positive definite\n", usmods);
-  if (aiopt_at(o, 17) > 0)
-    vprt("Warning: %d negative weights may have been treated as zero\n", aiopt_at(o, 17));
+  if (aiopt_at(o, kAioptAiSingular) > 0) {
+    set_errtxt(a, "Singularity in Average Information Matrix");
+    vprt("%d singularities inAverage Information Matrix\n", aiopt_at(o, kAioptAiSingular));
+    run.aborted = true;
+    return LoopAction::kEnd;
+  }
+  int kf = 0;
+  keepgammas(run.history, span<const double>(s.gammas.data(), ngamma), s.gammas, ngamma, run.hk, run.hflag, 0,
+             kf);
+  for (int k = 0; k < ngamma; ++k) run.lastgood[k] = a.results.prvgam[k];
+  // A step size cut by a bad step or a restrained parameter comes back
+  // once the iterations run normally again, so that the last iterations
+  // take whole Newton steps.
+  if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0) *o.stepsize = std::min(1.0, 2.0 * *o.stepsize);
+  return LoopAction::kNext;
+}
 
-  // The dense block of the inverse: the covariance of the fixed effects.
+// The test of convergence, skipped on the last iteration (which ends the
+// loop).  A converged run may ask for one further iteration.
+LoopAction test_convergence(FitRun& run, bool last) {
+  if (last) return LoopAction::kEnd;
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  ConvergenceInput ci;
+  ci.iter = run.iter;
+  ci.loglik = *a.results.loglik;
+  ci.last_loglik = run.lastll;
+  ci.nfrstg = *a.structures.nfrstg;
+  ci.ngamma = a.structures.ngamma;
+  ci.id = a.glm.id;
+  ci.link = a.glm.link;
+  ci.moving = aiopt_at(o, kAioptMoving);
+  ci.restrained = aiopt_at(o, kAioptRestrained);
+  ci.quick = aiopt_at(o, kAioptNormalStep);
+  ci.aicond = aiopt_at(o, kAioptAiCondition);
+  ci.maxiter = *o.maxiter;
+  const ConvergenceResult cr = convergence_test(ci, run.convergence);
+  if (cr.converged) {
+    set_errtxt(a, "LogLikelihood Converged");
+    *a.results.converge = 1;
+  }
+  if (cr.action == ConvergenceAction::kStop) return LoopAction::kEnd;
+  if (cr.action == ConvergenceAction::kFurtherIteration) *o.maxiter = run.iter + 1;
+  return LoopAction::kNext;
+}
+
+// The loop of iterations.  Returns false when the driver must leave at
+// once, true for the results of the fit.
+bool iterate(FitRun& run) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  for (;;) {
+    ++run.iter;
+    const bool last = run.iter >= *o.maxiter;
+    if (last) aiopt_set(o, kAioptLastIteration, 1);
+    const double llfloor = run.lastll - 10.0;
+    aiopt_set(o, kAioptDebugNow, (o.debug != 0 && run.iter <= 2) ? 1 : 0);
+    aiopt_set(o, kAioptStage, 0);
+    int nf = 0;
+    g5vitr(a, run.it, run.iter, nf);
+    a.status.ifault = nf;
+    LoopAction next = after_iteration(run, nf);
+    if (next == LoopAction::kNext) next = judge_iteration(run, llfloor);
+    if (next == LoopAction::kNext) next = record_iteration(run);
+    if (next == LoopAction::kNext) next = test_convergence(run, last);
+    if (next == LoopAction::kReturn) return false;
+    if (next == LoopAction::kEnd) return true;
+    if (next == LoopAction::kRetry) {
+      --run.iter;
+      continue;
+    }
+    run.lastll = *a.results.loglik;
+  }
+}
+
+// The results that need the equations of the last iteration: the dense
+// block of the inverse (the covariance of the fixed effects), then the
+// fitted values, residuals and prediction error variances.
+void results_after_fit(FitRun& run) {
+  AiControlArgs& a = run.a;
+  AiStructures& s = a.structures;
+  IterationState& it = run.it;
   const double scale = (a.data.ntrt + s.nsect == 2) ? a.results.sigma2[0] : 1.0;
-  const int nd = std::max(1, *t.neqd);
+  const int nd = std::max(1, *a.terms.neqd);
   if (!a.results.Cfixed.empty() && a.results.Cfixed[0] > 0 && it.inverse_formed) {
     const std::size_t need = static_cast<std::size_t>(nd) * (nd + 1) / 2;
     for (int p = 1; p <= nd; ++p)
       for (int q = 1; q <= p; ++q) {
         const std::size_t at = static_cast<std::size_t>(p) * (p - 1) / 2 + q - 1;
-        if (at < need && at < a.results.Cfixed.size())
-          a.results.Cfixed[at] = scale * cinv_at(it.store, it.off, p, q);
+        if (at < need && at < a.results.Cfixed.size()) a.results.Cfixed[at] = scale * cinv_at(it.store, it.off, p, q);
       }
   }
-  if (!aborted) {
+  if (!run.aborted) {
     double hs = a.results.sigma2[0];
-    if (a.data.ntrt == 1 && s.nsect == 1 && s.rgmstr[it.scalepos - 1] == 4 &&
-        s.gammas[it.scalepos - 1] != 1.0)
+    if (a.data.ntrt == 1 && s.nsect == 1 && s.rgmstr[it.scalepos - 1] == 4 && s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
     airhat(a, it, hs);
   }
-  if (aborted && nofit > 0) {
-    st.ifault = nofit;
+}
+
+// The end of the fit: the last row of the iteration record, the texts of
+// an unfinished run, the results, and the exit status.
+void finish_fit(FitRun& run) {
+  AiControlArgs& a = run.a;
+  AiStatus& st = a.status;
+  AiOptions& o = a.options;
+  AiStructures& s = a.structures;
+  write_trarray(a, run.iter + 1, span<const double>(s.gammas.data(), s.ngamma));
+  if (st.ifault < 1 && run.nofit > 2) {
+    vprt("Iteration terminated - nonconvergence\n");
+    set_errtxt(a, "Convergence failed");
+  }
+  if (st.ifault > 0 || run.aborted) {
+    if (st.ifault <= 0) st.ifault = run.nofit > 0 ? run.nofit : 1;
+    set_errtxt(a, "The estimation was aborted");
+    vprt("ABORT\n");
+    aiopt_set(o, kAioptDdfOnAbort, 0);
+    run.aborted = true;
+  }
+  if (run.usmods > 0)
+    vprt("US variance structures were modified in %d instances to make them positive definite\n", run.usmods);
+  if (aiopt_at(o, kAioptNegWeights) > 0)
+    vprt("Warning: %d negative weights may have been treated as zero\n", aiopt_at(o, kAioptNegWeights));
+  results_after_fit(run);
+  if (run.aborted && run.nofit > 0) {
+    st.ifault = run.nofit;
     text_exit(a);
     return;
   }
   if (st.ifault != 0) vprt("Exit status: %d\n", st.ifault);
+}
+
+}  // namespace
+
+void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
+  FitRun run(a);
+  if (!prepare_run(run, layout)) return;
+  if (!carve_driver_blocks(run, layout, floor)) return;
+  reset_update_state();
+  reset_average_info_state();
+  etime(1);
+  if (!iterate(run)) return;
+  finish_fit(run);
 }
 
 }  // namespace tarnel

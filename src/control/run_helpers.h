@@ -11,6 +11,46 @@
 
 namespace tarnel {
 
+// Positions (from 0) of the shared option and state vector `aiopt` that the
+// run driver and the iteration read or write.  The design's own positions
+// (kAioptMvact and after) are named beside design formation.
+enum AioptPosition : int {
+  kAioptDebugNow = 0,       // 1 while this iteration prints its debug lines
+  kAioptOrderMethod = 1,    // choice of ordering: <4, 4..6, 7..10, >10
+  kAioptProgress = 3,       // 1: progress lines and the kept order file
+  kAioptStage = 4,          // stop early: 1 after solving, 2 or 3 before scores
+  kAioptUsModified = 9,     // US matrices made positive definite this iteration
+  kAioptNegWeights = 17,    // negative weights treated as zero
+  kAioptMoving = 22,        // parameters still moving after the update
+  kAioptRestrained = 24,    // parameters whose update was modified
+  kAioptOrderUnit = 31,     // unit of the order file (above 7 to use it)
+  kAioptNormalStep = 32,    // positive when the step was a normal one
+  kAioptAiSingular = 35,    // singularities in the AI matrix
+  kAioptAiCondition = 36,   // 1000 x the share of usable AI pivots
+  kAioptSingTol1 = 39,      // the two singularity tolerances of absorption
+  kAioptSingTol2 = 40,
+  kAioptDdfPass = 41,       // the model needs the final DDF pass
+  kAioptDdfOnAbort = 44,    // zeroed when the run aborts
+  kAioptNegPivots = 48,     // negative pivots treated as singular
+  kAioptLastIteration = 51, // set on the last iteration
+  kAioptStrips = 56,        // strips of absorption (1: serial)
+};
+
+// The stage limit's values.
+constexpr int kStageSolveOnly = 1;
+constexpr int kStageWorkingVariates = 2;
+constexpr int kStageAverageInfo = 3;
+
+// Positions (from 0) of the shared real vector `optvec`.
+enum OptvecPosition : int {
+  kOptvecLoglik = 11,      // the last log-likelihood
+  kOptvecLogdetC = 12,     // log|C| of the absorbed equations
+  kOptvecLogdetRest = 13,  // log|R| + log|G|
+  kOptvecLogdetG = 14,     // log|G|
+  kOptvecRss = 15,         // the residual sum of squares
+  kOptvecDloglik = 17,     // the last change of log-likelihood
+};
+
 inline int aiopt_at(const AiOptions& o, int k) {
   return static_cast<std::size_t>(k) < o.aiopt.size() ? o.aiopt[k] : 0;
 }
