@@ -1,5 +1,10 @@
 // The average information phase of one REML iteration: working variates,
-// AI matrix, sparse inverse and scores, in that order.
+// AI matrix, sparse inverse and scores, in that order.  `ai_phase` checks
+// its arguments (`check_args`), carves its scratch (`carve_scratch`),
+// places the equations (`position_table`), forms the G side's working
+// variates (`g_side_working_variates`), opens the WVXP lists
+// (`open_wvxp_lists`), forms the records' working variates and the AI
+// matrix (`assemble_ai`), and last the scores (g5vscg, g5vscr).
 //
 // Space, carved from the words the iteration hands over, in this order:
 // the small vectors (3 NWV reals), the position table (NEQ ints), the
@@ -17,15 +22,17 @@
 
 namespace tarnel {
 
-static int bad(AiPhaseArgs& a, const char* what) {
+namespace {
+
+int bad(AiPhaseArgs& a, const char* what) {
   vprt(" AI step: inconsistent argument %s\n", what);
   g5verror(" Inconsistent arguments of the AI step", 3);
   return g5vflt(a.nfault, 2111);
 }
 
-static i64 int_words(i64 n) { return (n + 1) / 2; }
+i64 int_words(i64 n) { return (n + 1) / 2; }
 
-static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder, i64& maxrblock) {
+int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder, i64& maxrblock) {
   if (a.store == nullptr) return bad(a, "store");
   const MmeStore& st = *a.store;
   i64 neq = st.neq;
@@ -128,20 +135,32 @@ static int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder, i64& maxrblo
   return 0;
 }
 
-int ai_phase(AiPhaseArgs& a) {
-  a.nfault = 0;
-  a.logdetg = 0.0;
-  a.inverse_formed = false;
-  a.wvnodes = a.wvxpnodes = 0;
+// The space of the phase and what its steps hand on: the carver over the
+// words the iteration handed over, the scratch, the sizes of the largest
+// blocks, the TEMPWV buffers, and the WV store with its high-water marks.
+struct PhaseSpace {
+  Carver cv;
+  AiScratch s;
   i64 maxblock = 1, maxrblock = 0;
   int maxorder = 1;
-  if (check_args(a, maxblock, maxorder, maxrblock)) return 1;
-  MmeStore& st = *a.store;
-  const i64 neq = st.neq;
-  const int nwv = a.nwv;
+  double* merge = nullptr;  // NWV
+  double* wbuf = nullptr;   // TEMPWV write buffer
+  double* rbuf = nullptr;   // TEMPWV read buffer
+  NodeStore wv;             // the WV store, heads 1..NEQ
+  i64 nodes = 0;            // its nodes
+  i64 next = 0;             // nodes the G side used
+  i64 wvtop = 0;            // above them, the rows of structured sections
+};
 
-  Carver cv{a.wk, a.wk ? a.lenwk : 0};
-  AiScratch s;
+// The scratch of the phase, in the order told at the head of this file;
+// the inverse scratch only when there is room for it.
+int carve_scratch(AiPhaseArgs& a, PhaseSpace& ps) {
+  const i64 neq = a.store->neq;
+  const int nwv = a.nwv;
+  Carver& cv = ps.cv;
+  AiScratch& s = ps.s;
+  const i64 maxblock = ps.maxblock, maxrblock = ps.maxrblock;
+  const int maxorder = ps.maxorder;
   auto reals = [&](span<double>& out, i64 n) {
     double* p = cv.take(std::max<i64>(n, 1));
     if (p == nullptr) return false;
@@ -164,10 +183,10 @@ int ai_phase(AiPhaseArgs& a) {
     ok = reals(s.rowv[f], maxorder) && ints(c, maxorder);
     s.rowc[f] = span<int>(c.data(), c.size());
   }
-  double* merge = ok ? cv.take(std::max(nwv, 1)) : nullptr;
-  double* wbuf = merge ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
-  double* rbuf = wbuf ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
-  if (!ok || wbuf == nullptr || rbuf == nullptr) {
+  ps.merge = ok ? cv.take(std::max(nwv, 1)) : nullptr;
+  ps.wbuf = ps.merge ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
+  ps.rbuf = ps.wbuf ? cv.take(kTempwvLen + kTempwvLen / 2) : nullptr;
+  if (!ok || ps.wbuf == nullptr || ps.rbuf == nullptr) {
     vprt(" AI step: workspace too small for scratch (%lld words)\n", static_cast<long long>(a.lenwk));
     return g5vflt(a.nfault, 6);
   }
@@ -182,42 +201,57 @@ int ai_phase(AiPhaseArgs& a) {
       s.crow = c;
     }
   }
-  for (int k = 0; k < nwv; ++k) s.wv[k] = 0.0;
+  return 0;
+}
+
+// The position of each equation in the order.
+int position_table(AiPhaseArgs& a, AiScratch& s) {
+  const i64 neq = a.store->neq;
+  for (int k = 0; k < a.nwv; ++k) s.wv[k] = 0.0;
   for (i64 e = 0; e < neq; ++e) s.pos[e] = 0;
   for (i64 p = 1; p <= neq; ++p) {
     i32 e = a.iw[2 * (p - 1) + 1];
     if (s.pos[e - 1] != 0) return bad(a, "IW (not a permutation)");
     s.pos[e - 1] = static_cast<i32>(p);
   }
+  return 0;
+}
 
-  // The WV store takes the rest for the G side.
-  i64 nodes = cv.left / 2;
-  if (nodes < neq + 1) {
+// The WV store takes the rest, and the G side fills it first; the rows of
+// the records of a structured section sit above the G side.
+int g_side_working_variates(AiPhaseArgs& a, PhaseSpace& ps) {
+  const i64 neq = a.store->neq;
+  const int nwv = a.nwv;
+  ps.nodes = ps.cv.left / 2;
+  if (ps.nodes < neq + 1) {
     vprt(" AI step: workspace too small for the WV store\n");
     return g5vflt(a.nfault, 6);
   }
-  NodeStore wv(cv.p, nodes);
-  for (i64 k = 1; k <= neq; ++k) wv.clear(k);
-  i64 next = neq;
+  ps.wv = NodeStore(ps.cv.p, ps.nodes);
+  for (i64 k = 1; k <= neq; ++k) ps.wv.clear(k);
+  ps.next = neq;
   for (int k = 0; k < nwv; ++k) a.score[k] = 0.0;
   for (i64 k = 0; k < static_cast<i64>(nwv) * (nwv + 1) / 2; ++k) a.ai[k] = 0.0;
-  if (g5vwvg(a, s, wv, next, nodes)) return 1;
+  if (g5vwvg(a, ps.s, ps.wv, ps.next, ps.nodes)) return 1;
   if (a.trace) cprintc(" AIdggi done");
-  a.wvnodes = next;
-  // Rows of the records of a structured section sit above the G side.
-  const i64 wvtop = next + maxrblock * (static_cast<i64>(nwv) + 1);
-  if (wvtop >= nodes) {
+  a.wvnodes = ps.next;
+  ps.wvtop = ps.next + ps.maxrblock * (static_cast<i64>(nwv) + 1);
+  if (ps.wvtop >= ps.nodes) {
     vprt(" AI step: workspace too small for the WV store\n");
     return g5vflt(a.nfault, 6);
   }
+  return 0;
+}
 
-  // WVXP lists behind the used WV nodes.
+// The WVXP lists behind the used WV nodes, with the TEMPWV buffers.
+int open_wvxp_lists(AiPhaseArgs& a, PhaseSpace& ps) {
+  const i64 neq = a.store->neq;
   AverageInfoState& ls = g_aistate;
   close_tempwv(true);
-  ls.lists = NodeStore(cv.p + 2 * wvtop, nodes - wvtop);
-  ls.limit = nodes - wvtop;
+  ls.lists = NodeStore(ps.cv.p + 2 * ps.wvtop, ps.nodes - ps.wvtop);
+  ls.limit = ps.nodes - ps.wvtop;
   if (a.wvxplimit > 0 && a.wvxplimit < ls.limit) ls.limit = a.wvxplimit;
-  if (ls.limit < neq + 2 * static_cast<i64>(nwv) + 2) {
+  if (ls.limit < neq + 2 * static_cast<i64>(a.nwv) + 2) {
     vprt(" AI step: workspace too small for the WVXP lists\n");
     return g5vflt(a.nfault, 6);
   }
@@ -227,78 +261,111 @@ int ai_phase(AiPhaseArgs& a) {
   ls.nfree = 0;
   ls.spills = 0;
   ls.rbufrec = -1;
-  ls.bufr = wbuf;
-  ls.bufi = reinterpret_cast<i32*>(wbuf + kTempwvLen);
-  ls.rbuf = rbuf;
-  ls.rbufi = reinterpret_cast<i32*>(rbuf + kTempwvLen);
-  ls.merge = merge;
+  ls.bufr = ps.wbuf;
+  ls.bufi = reinterpret_cast<i32*>(ps.wbuf + kTempwvLen);
+  ls.rbuf = ps.rbuf;
+  ls.rbufi = reinterpret_cast<i32*>(ps.rbuf + kTempwvLen);
+  ls.merge = ps.merge;
   a.wvxpnodes = ls.next;
+  return 0;
+}
 
-  int rc = 0;
-  // Record loop.
+// The records rec..rec+nrec-1 of an unstructured section, one by one: the
+// residual, and the working variates of the first section's scale (column
+// c1, the response) and of this section's own (column cs) at `weight`.
+int record_by_record(AiPhaseArgs& a, PhaseSpace& ps, i64 rec, i64 nrec, double g, int c1, int cs,
+                     double weight) {
+  const i64 neq = a.store->neq;
+  const int nwv = a.nwv;
+  AiScratch& s = ps.s;
+  for (i64 r = rec; r < rec + nrec; ++r) {
+    i64 s0 = a.design.start[r], last = a.design.start[r + 1] - 1;
+    double y = a.design.val[s0 - 1];
+    if (is_missing(y)) {
+      a.resid[r] = kMissing;
+      continue;
+    }
+    double e = y - g5vybr(a.design.val, a.design.col, a.soln, static_cast<i32>(neq), s0 + 1, last);
+    a.resid[r] = e;
+    if (nwv == 0) continue;
+    for (int q = 0; q < nwv; ++q) s.wv[q] = 0.0;
+    if (c1 > 0) s.wv[c1 - 1] = y;
+    if (cs > 0) s.wv[cs - 1] += e / g;
+    if (g5vwv1(a, s, ps.wv, s0 + 1, last, weight)) return 1;
+  }
+  return 0;
+}
+
+// The working variates of the records, section by section: a structured
+// section as a block, any other record by record.
+int record_working_variates(AiPhaseArgs& a, PhaseSpace& ps) {
   const int ps1 = a.nrsect[1];
   const int c1 = admits(a, ps1) ? wvcol(a, ps1) : 0;
   i64 rec = 0;
-  for (int k = 0; k < a.nsect && rc == 0; ++k) {
+  for (int k = 0; k < a.nsect; ++k) {
     i64 nrec = a.nrsect[3 * k];
-    int ps = a.nrsect[3 * k + 1];
+    int pk = a.nrsect[3 * k + 1];
     int srow = a.nrsect[3 * k + 2];
-    double g = a.gammas[ps - 1];
-    if (!(g > 0.0)) {
-      rc = g5vflt(a.nfault, 280);
-      break;
-    }
-    int cs = (ps != ps1 && admits(a, ps)) ? wvcol(a, ps) : 0;
+    double g = a.gammas[pk - 1];
+    if (!(g > 0.0)) return g5vflt(a.nfault, 280);
+    int cs = (pk != ps1 && admits(a, pk)) ? wvcol(a, pk) : 0;
     double weight = 1.0 / g;
     int nf, rf;
     rcode(srow, nf, rf);
     if (nf > 0) {
-      i64 wnext = next;
-      if (nrec > 0 && g5vwvx(a, s, wv, wnext, wvtop, rec, nrec, nf, rf, g, c1, cs)) {
-        rc = 1;
-        break;
-      }
+      i64 wnext = ps.next;
+      if (nrec > 0 && g5vwvx(a, ps.s, ps.wv, wnext, ps.wvtop, rec, nrec, nf, rf, g, c1, cs)) return 1;
       rec += nrec;
       continue;
     }
-    for (i64 r = rec; r < rec + nrec; ++r) {
-      i64 s0 = a.design.start[r], last = a.design.start[r + 1] - 1;
-      double y = a.design.val[s0 - 1];
-      if (is_missing(y)) {
-        a.resid[r] = kMissing;
-        continue;
-      }
-      double e = y - g5vybr(a.design.val, a.design.col, a.soln, static_cast<i32>(neq), s0 + 1, last);
-      a.resid[r] = e;
-      if (nwv == 0) continue;
-      for (int q = 0; q < nwv; ++q) s.wv[q] = 0.0;
-      if (c1 > 0) s.wv[c1 - 1] = y;
-      if (cs > 0) s.wv[cs - 1] += e / g;
-      if (g5vwv1(a, s, wv, s0 + 1, last, weight)) {
-        rc = 1;
-        break;
-      }
-    }
+    const int rc = record_by_record(a, ps, rec, nrec, g, c1, cs, weight);
     rec += nrec;
     if (k == 0 && a.trace) cprintc(" G5VWVZ done");
+    if (rc != 0) return 1;
   }
+  return 0;
+}
+
+// The AI matrix from the working variates, then its scale: 0.5, or
+// 0.5/sigma2 when the overall scale is free.  TEMPWV is closed on every
+// path.
+int assemble_ai(AiPhaseArgs& a, PhaseSpace& ps) {
+  int rc = record_working_variates(a, ps);
   if (rc == 0 && a.trace) cprintc(" WV formed");
-  if (rc == 0) rc = g5vwvc(a, s, wv);
+  if (rc == 0) rc = g5vwvc(a, ps.s, ps.wv);
   if (rc == 0 && a.trace) cprintc(" AI ");
-  if (rc == 0) rc = g5vwva(a, s);
+  if (rc == 0) rc = g5vwva(a, ps.s);
   close_tempwv(true);
   if (rc != 0) return 1;
-  // Scale: 0.5, or 0.5/sigma2 when the overall scale is free.
-  double sc = (a.rgmstr[ps1 - 1] == 4) ? 0.5 : 0.5 / a.sigma2;
+  const int nwv = a.nwv;
+  double sc = (a.rgmstr[a.nrsect[1] - 1] == 4) ? 0.5 : 0.5 / a.sigma2;
   for (i64 k = 0; k < static_cast<i64>(nwv) * (nwv + 1) / 2; ++k) a.ai[k] *= sc;
   if (a.trace) cprintc(" AI formed");
-  if (nwv == 0) return 0;
+  return 0;
+}
+
+}  // namespace
+
+int ai_phase(AiPhaseArgs& a) {
+  a.nfault = 0;
+  a.logdetg = 0.0;
+  a.inverse_formed = false;
+  a.wvnodes = a.wvxpnodes = 0;
+  PhaseSpace ps;
+  if (check_args(a, ps.maxblock, ps.maxorder, ps.maxrblock)) return 1;
+  ps.cv = Carver{a.wk, a.wk ? a.lenwk : 0};
+  if (carve_scratch(a, ps)) return 1;
+  if (position_table(a, ps.s)) return 1;
+  if (g_side_working_variates(a, ps)) return 1;
+  if (open_wvxp_lists(a, ps)) return 1;
+  if (assemble_ai(a, ps)) return 1;
+  if (a.nwv == 0) return 0;
   if (!a.inverse_formed) {
     g5verror(" No room for the sparse inverse: scores not formed", 3);
     return g5vflt(a.nfault, 6);
   }
-  if (g5vscg(a, s)) return 1;
-  if (g5vscr(a, s)) return 1;
+  if (g5vscg(a, ps.s)) return 1;
+  if (g5vscr(a, ps.s)) return 1;
   return 0;
 }
 

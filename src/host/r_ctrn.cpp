@@ -1,5 +1,6 @@
 // The model-fit entry as R calls it: the fourteen objects become views,
-// are checked, and go to ctrn_run.
+// are checked, and go to ctrn_run (host/ctrn.cpp).  `unpack` reads them
+// object by object, in the order of the call.
 #include <R.h>
 #include <Rinternals.h>
 
@@ -40,13 +41,25 @@ void writable_arg(SEXP x, const char* name) {
                    "' is shared with another R object; the engine writes into it, so pass a fresh copy");
 }
 
-// Fills `in` from R's objects; throws ArgError on the first problem.
-void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP iarg, SEXP dpmv,
-            SEXP inter, SEXP struc, SEXP ainv, SEXP glm, SEXP predict, SEXP constr, SEXP mbfList,
-            SEXP control, SEXP aiopt, SEXP trn, SEXP design) {
-  AiControlArgs& a = in.args;
-  span<int> ia = arg_int(iarg, "iarg", 16);
-  AiData& d = a.data;
+// The fourteen objects of the call.
+struct CtrnObjects {
+  SEXP datafr, iarg, dpmv, inter, struc, ainv, glm, predict, constr, mbfList, control, aiopt, trn, design;
+};
+
+// What unpacking fills, and what its steps share: the integer settings
+// and the names of the terms as C strings.
+struct Unpacking {
+  CtrnInput& in;
+  const CtrnObjects& obj;
+  std::vector<const char*>& names;
+  span<int> ia;  // iarg
+};
+
+// The data and the integer settings that describe them.
+void unpack_data(Unpacking& u) {
+  AiData& d = u.in.args.data;
+  u.ia = arg_int(u.obj.iarg, "iarg", 16);
+  const span<int> ia = u.ia;
   d.lbin = ia[0];
   d.nrow = ia[1];
   d.ny = ia[2];
@@ -57,12 +70,15 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   d.keep = ia[7];
   check(d.lbin >= 1, "'iarg[1]' (columns per record) must be at least 1");
   check(d.nrow >= 0, "'iarg[2]' (number of records) must not be negative");
-  d.datafr = arg_real(datafr, "datafr", static_cast<std::size_t>(d.lbin) * d.nrow);
-  d.dpmv = arg_real(dpmv, "dpmv", 1);
+  d.datafr = arg_real(u.obj.datafr, "datafr", static_cast<std::size_t>(d.lbin) * d.nrow);
+  d.dpmv = arg_real(u.obj.dpmv, "dpmv", 1);
+}
 
-  // Terms.
+// The list `inter`: the term table.
+void unpack_terms(Unpacking& u) {
+  SEXP inter = u.obj.inter;
   need_list(inter, "inter");
-  AiTerms& t = a.terms;
+  AiTerms& t = u.in.args.terms;
   SEXP im = elem(inter, "inter");
   t.inter = need_int(inter, "inter", "inter");
   check(t.inter.size() % 4 == 0 && (t.inter.empty() || matrix_rows(im) == 4),
@@ -87,23 +103,26 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   SEXP fn = elem(inter, "facnam");
   check(TYPEOF(fn) == STRSXP && Rf_xlength(fn) >= t.nfact,
         "element 'facnam' of 'inter' is missing or is not a character vector of one name a term");
-  names.resize(static_cast<std::size_t>(t.nfact));
-  for (int k = 0; k < t.nfact; ++k) names[k] = R_CHAR(STRING_ELT(fn, k));
-  t.facnam = span<const char* const>(names.data(), names.size());
-  t.nan = ia[13];
-  t.mxSpline = ia[12];
+  u.names.resize(static_cast<std::size_t>(t.nfact));
+  for (int k = 0; k < t.nfact; ++k) u.names[k] = R_CHAR(STRING_ELT(fn, k));
+  t.facnam = span<const char* const>(u.names.data(), u.names.size());
+  t.nan = u.ia[13];
+  t.mxSpline = u.ia[12];
   check(t.mxSpline >= 0 && t.mxSpline < (1 << 24), "'iarg[13]' (spline sets) is out of range");
   long long maxflev = 0;
   for (int k = 0; k < t.nfact; ++k) maxflev = std::max<long long>(maxflev, t.flev[k]);
-  check(maxflev + 1 + t.nfact + 2LL * d.lbin < (1LL << 30), "a term has an absurd number of levels");
+  check(maxflev + 1 + t.nfact + 2LL * u.in.args.data.lbin < (1LL << 30), "a term has an absurd number of levels");
+}
 
-  // Structures.
+// The list `struc`: variance structures and their parameters.
+void unpack_structures(Unpacking& u) {
+  SEXP struc = u.obj.struc;
   need_list(struc, "struc");
-  AiStructures& s = a.structures;
+  AiStructures& s = u.in.args.structures;
   s.struc = need_int(struc, "struc", "struc");
   s.lstruc = s.struc.empty() ? 0 : matrix_rows(elem(struc, "struc"));
   s.nstruc = s.struc.empty() ? 0 : matrix_cols(elem(struc, "struc"));
-  a.structures.nspat = *need_int1(struc, "nspat", "struc");
+  s.nspat = *need_int1(struc, "nspat", "struc");
   s.nrsect = need_int(struc, "nrsect", "struc");
   s.nsect = s.nrsect.empty() ? 0 : matrix_cols(elem(struc, "nrsect"));
   s.gammas = need_real(struc, "gammas", "struc", 1);
@@ -111,9 +130,14 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   s.tgamma = need_int(struc, "tgamma", "struc", s.ngamma);
   s.printGammas = need_int(struc, "printGammas", "struc", s.ngamma);
   s.gmcstr = need_int(struc, "gmcstr", "struc", s.ngamma);
-  t.tyfact = need_int(struc, "tyfact", "struc");
+  u.in.args.terms.tyfact = need_int(struc, "tyfact", "struc");
   s.nfrstg = need_int1(struc, "nfrstg", "struc");
+}
 
+// The lists `ainv` (known inverses) and `glm` (family and link).
+void unpack_known_and_family(Unpacking& u) {
+  AiControlArgs& a = u.in.args;
+  SEXP ainv = u.obj.ainv, glm = u.obj.glm;
   need_list(ainv, "ainv");
   a.known.nainv = *need_int1(ainv, "nainv", "ainv");
   a.known.lcainv = need_int(ainv, "lcainv", "ainv");
@@ -122,15 +146,18 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   // The engine reads five integers for each known matrix.
   check(a.known.nainv >= 0 && static_cast<std::size_t>(a.known.nainv) * 5 <= a.known.lcainv.size(),
         "element 'nainv' of 'ainv' must be from 0 to length(lcainv) / 5");
-
   need_list(glm, "glm");
   a.glm.id = *need_int1(glm, "id", "glm");
   a.glm.link = *need_int1(glm, "link", "glm");
   a.glm.glmphi = need_real(glm, "glmphi", "glm");
   a.glm.thrlevels = need_int(glm, "thrlevels", "glm");
+}
 
+// The list `predict`: prediction requests and their result tables.
+void unpack_predict(Unpacking& u) {
+  SEXP predict = u.obj.predict;
   need_list(predict, "predict");
-  AiPredict& p = a.predict;
+  AiPredict& p = u.in.args.predict;
   p.npred = need_int1(predict, "npred", "predict");
   p.nfinmd = need_int(predict, "nfinmd", "predict");
   p.pvals = need_real(predict, "pvals", "predict");
@@ -145,13 +172,21 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   p.vpvmat = need_real(predict, "vpvmat", "predict");
   p.avsed = need_real(predict, "avsed", "predict");
   p.pvtext = need_raw(predict, "pvtext", "predict");
+}
 
+// The lists `constr` (constraints among parameters) and `mbfList` (the
+// host-built basis tables, checked against the spline terms).
+void unpack_constraints_and_basis(Unpacking& u) {
+  AiControlArgs& a = u.in.args;
+  SEXP constr = u.obj.constr, mbfList = u.obj.mbfList;
   need_list(constr, "constr");
   a.constraints.ngmcon = *need_int1(constr, "ngmcon", "constr");
   a.constraints.gequal = need_int(constr, "gequal", "constr");
   a.constraints.gmcon = need_real(constr, "gmcon", "constr");
 
   need_list(mbfList, "mbfList");
+  CtrnInput& in = u.in;
+  const AiTerms& t = a.terms;
   in.mbfAddr = need_int(mbfList, "mbfAddr", "mbfList");
   in.mbfX = need_real(mbfList, "mbfX", "mbfList");
   int nspl = 0;
@@ -168,9 +203,15 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   }
   check(words <= static_cast<double>(in.mbfX.size()), "'mbfList$mbfX' is shorter than its tables");
   check(words < 2147483647.0, "the spline basis tables are absurdly large");
+}
 
+// The list `control`, the options among the integer settings, and `aiopt`.
+void unpack_control(Unpacking& u) {
+  SEXP control = u.obj.control;
+  CtrnInput& in = u.in;
+  AiTerms& t = in.args.terms;
   need_list(control, "control");
-  AiOptions& o = a.options;
+  AiOptions& o = in.args.options;
   in.workspace = need_size(control, "workspace");
   in.pworkspace = need_size(control, "pworkspace");
   o.maxiter = need_int1(control, "maxiter", "control");
@@ -186,17 +227,21 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   o.ownlst = ftest;
   in.keep_design = *need_int1(control, "design", "control");
   o.savedgn = in.keep_design;
+  span<int> ia = u.ia;
   o.gkrige = ia[11];
   o.ddf = &ia[8];
   o.typeiii = &ia[9];
   o.aodev = &ia[10];
   o.debug = ia[15];
-
-  o.aiopt = arg_int(aiopt, "aiopt");
+  o.aiopt = arg_int(u.obj.aiopt, "aiopt");
   o.naiopt = static_cast<int>(o.aiopt.size());
+}
 
+// The list `trn`: the result vectors the engine writes in place.
+void unpack_results(Unpacking& u) {
+  SEXP trn = u.obj.trn;
   need_list(trn, "trn");
-  AiResults& r = a.results;
+  AiResults& r = u.in.args.results;
   r.prvgam = need_real(trn, "prvgam", "trn");
   r.score = need_real(trn, "score", "trn");
   r.loglik = need_real1(trn, "loglik", "trn");
@@ -226,7 +271,12 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   SEXP where = elem(trn, "where");
   check(TYPEOF(where) == STRSXP && Rf_xlength(where) >= 1,
         "element 'where' of 'trn' is missing or is not a character vector");
+}
 
+// The matrix that receives the kept design, with its columns `xcol`.
+void unpack_design(Unpacking& u) {
+  CtrnInput& in = u.in;
+  SEXP design = u.obj.design;
   if (in.keep_design != 0) {
     check(TYPEOF(design) == REALSXP, "'design' must be a double matrix when the design is kept");
     SEXP xcol = Rf_getAttrib(design, Rf_install("xcol"));
@@ -234,22 +284,42 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
     in.design = span<double>(REAL(design), static_cast<std::size_t>(Rf_xlength(design)));
     in.xcol = span<int>(INTEGER(xcol), static_cast<std::size_t>(Rf_xlength(xcol)));
     check(static_cast<double>(in.design.size()) >=
-              static_cast<double>(d.nrow) * static_cast<double>(in.xcol.size()),
+              static_cast<double>(in.args.data.nrow) * static_cast<double>(in.xcol.size()),
           "'design' must have one row a record and one column for each entry of 'xcol'");
   }
   in.na_real = R_NaReal;
+}
 
-  writable_arg(iarg, "iarg");
-  writable_arg(aiopt, "aiopt");
-  writable(inter, "neq", "inter");
-  for (const char* n : {"gammas", "tgamma", "gmcstr", "nfrstg"}) writable(struc, n, "struc");
-  writable(predict, "npred", "predict");
-  for (const char* n : {"maxiter", "stepsize"}) writable(control, n, "control");
+// Every vector the engine writes into must be R's own, shared with no
+// other object.
+void check_writable(const CtrnObjects& obj, int keep_design) {
+  writable_arg(obj.iarg, "iarg");
+  writable_arg(obj.aiopt, "aiopt");
+  writable(obj.inter, "neq", "inter");
+  for (const char* n : {"gammas", "tgamma", "gmcstr", "nfrstg"}) writable(obj.struc, n, "struc");
+  writable(obj.predict, "npred", "predict");
+  for (const char* n : {"maxiter", "stepsize"}) writable(obj.control, n, "control");
   for (const char* n : {"prvgam", "score", "loglik", "soln", "vsoln", "resid", "linearPredictors", "hat",
                         "sigma2", "deviance", "nedf", "nwv", "noeff", "nsing", "ai", "yssqu", "Cfixed",
                         "Csparse", "CfacNum", "nCfac", "aovTbl", "apstvar", "converge", "trArray", "errtxt"})
-    writable(trn, n, "trn");
-  if (in.keep_design != 0) writable_arg(design, "design");
+    writable(obj.trn, n, "trn");
+  if (keep_design != 0) writable_arg(obj.design, "design");
+}
+
+// Fills `in` from R's objects, object by object; throws ArgError on the
+// first problem.
+void unpack(CtrnInput& in, std::vector<const char*>& names, const CtrnObjects& obj) {
+  Unpacking u{in, obj, names, span<int>()};
+  unpack_data(u);
+  unpack_terms(u);
+  unpack_structures(u);
+  unpack_known_and_family(u);
+  unpack_predict(u);
+  unpack_constraints_and_basis(u);
+  unpack_control(u);
+  unpack_results(u);
+  unpack_design(u);
+  check_writable(obj, in.keep_design);
 }
 
 }  // namespace
@@ -265,8 +335,9 @@ extern "C" SEXP ctrn(SEXP datafr, SEXP iarg, SEXP dpmv, SEXP inter, SEXP struc, 
   try {
     tarnel::CtrnInput in;
     std::vector<const char*> names;
-    tarnel::unpack(in, names, datafr, iarg, dpmv, inter, struc, ainv, glm, predict, constr,
-                   mbfList, control, aiopt, trn, design);
+    const tarnel::CtrnObjects obj{datafr, iarg,    dpmv,    inter,  struc, ainv, glm,
+                                  predict, constr, mbfList, control, aiopt, trn,  design};
+    tarnel::unpack(in, names, obj);
     INTEGER(status)[0] = tarnel::ctrn_run(in);
   } catch (const tarnel::ArgError& e) {
     std::snprintf(msg, sizeof msg, "ctrn: %s", e.what());
