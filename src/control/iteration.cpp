@@ -1,5 +1,8 @@
 // One REML iteration: structures, equations, absorption, log-likelihood,
 // working variates and AI, scores, and the update of the parameters.
+// `g5vitr` runs the steps listed in `kSteps`, in that order, each over the
+// iteration's working set (`IterationWork`); a step may end the iteration
+// early, with success or with a fault.
 #include "control/iteration.h"
 #include "control/run_helpers.h"
 
