@@ -64,7 +64,13 @@ ped_cases <- function(ref) {
   xped$sex <- ifelse(xped$id %in% xped$sire, "M", ifelse(xped$id %in% xped$dam, "F",
                      ifelse(seq_len(nrow(ped)) %% 2L == 0L, "F", "M")))
   fg <- ifelse(ped$sire == 0 | ped$dam == 0, 2, 0)
+  # Genetic groups: three groups standing for the unknown parents, the last
+  # of them without progeny.
+  gped <- data.frame(id = c("g1", "g2", "g3", as.character(ped$id)),
+                     sire = c(0, 0, 0, ifelse(ped$sire == 0, ifelse(ped$id %% 2 == 0, "g1", "g2"), ped$sire)),
+                     dam = c(0, 0, 0, ifelse(ped$dam == 0, "g2", ped$dam)))
   list(
+    ped_groups = function() tarnel::pedigree_inverse(gped, groups = 3, group_constraint = TRUE),
     ped_standard = function() tarnel::pedigree_inverse(ped),
     ped_shuffled_selfing = function() tarnel::pedigree_inverse(shuffled, selfing = 0.5),
     ped_fgen = function() tarnel::pedigree_inverse(cbind(ped, fg = fg), fgen = "fg"),
