@@ -128,37 +128,66 @@ struct Former {
     return tt.IBV.subspan(static_cast<std::size_t>(a - 1), static_cast<std::size_t>(len));
   }
 
+  // A leaf term at base s: its table fields and the value and level read
+  // from the record.
+  struct Leaf {
+    int t = 0, s = 0;
+    int code = 0, a = 0, b = 0, c = 0, flev = 0, nlev = 0;
+    double fc = 0.0;  // the term's centring constant
+    double v = 0.0;   // the value of a one-column term
+    int level = 0;    // that value as a level, else the trait
+  };
+  // Result of leaf_coded for a code it does not handle.
+  static constexpr int kNotCoded = -1;
+
   // Adds the entries of a leaf term at base s.  Returns 1 on a fault.
   int leaf(int t, int s) {
-    const int code = tt.code(t), a = tt.a(t), b = tt.b(t), c = tt.c(t);
-    const int flev = tt.flev[t - 1], nlev = tt.nlev[t - 1];
-    const double fc = tt.faconst[t - 1];
-    int level = trait;
-    double v = 0.0;
-    if (nlev == 1) {
-      v = col(b);
-      if (is_missing(v)) {
-        missaction(b);
+    Leaf f;
+    f.t = t;
+    f.s = s;
+    f.code = tt.code(t);
+    f.a = tt.a(t);
+    f.b = tt.b(t);
+    f.c = tt.c(t);
+    f.flev = tt.flev[t - 1];
+    f.nlev = tt.nlev[t - 1];
+    f.fc = tt.faconst[t - 1];
+    f.level = trait;
+    if (f.nlev == 1) {
+      f.v = col(f.b);
+      if (is_missing(f.v)) {
+        missaction(f.b);
         return 0;
       }
-      level = level_of(v);
+      f.level = level_of(f.v);
     }
-    if (code == -15) {
-      if (level == c) {
+    if (f.code == -15) {
+      if (f.level == f.c) {
         cur.add(s + 1, w);
       } else {
         counts = false;
       }
       return 0;
     }
-    if (a == -1 && code == 0 && level > tt.nan) {
-      vprt("Recoded pedigree identifier %d\n", level);
+    if (f.a == -1 && f.code == 0 && f.level > tt.nan) {
+      vprt("Recoded pedigree identifier %d\n", f.level);
       vprt("in data record %d\n", record);
       vprt("exceeds maximum %d\n", tt.nan);
       res.ifault = static_cast<int>(res.records);
       return 1;
     }
-    switch (code) {
+    int r = leaf_coded(f);
+    if (r == kNotCoded) r = leaf_tabled(f);
+    if (r != kNotCoded) return r;
+    if (is_function(f.code)) return leaf_function(f);
+    return leaf_data(f);
+  }
+
+  // Leaves of the basis, record, trait and level codes.  Result 0, 1 on a
+  // fault, or kNotCoded.
+  int leaf_coded(const Leaf& f) {
+    const int s = f.s, flev = f.flev;
+    switch (f.code) {
       case -3:
       case -5:
       case -7:
@@ -166,12 +195,12 @@ struct Former {
       case -13:
       case -34: {
         int nmiss = 0;
-        if (aixspl(cur, code, flev, a, tt.kzbkey, st.x, record, level, s, nmiss) != 0) {
-          vprt("Basis table term %d (code %d) is not available yet\n", t, code);
+        if (aixspl(cur, f.code, flev, f.a, tt.kzbkey, st.x, record, f.level, s, nmiss) != 0) {
+          vprt("Basis table term %d (code %d) is not available yet\n", f.t, f.code);
           fault_text("Faulted forming design matrix", record);
           return 1;
         }
-        if (nmiss > 0) missaction(b);
+        if (nmiss > 0) missaction(f.b);
         return 0;
       }
       case -4:
@@ -181,12 +210,13 @@ struct Former {
         }
         return 0;
       case -6:
-        aixfac(cur, 1, -1, level, flev, w, s);
-        aixfac(cur, 1, -1, level + 1, flev, w, s);
+        aixfac(cur, 1, -1, f.level, flev, w, s);
+        aixfac(cur, 1, -1, f.level + 1, flev, w, s);
         return 0;
       case -8:
         if (flev == 1) {
-          const char* name = static_cast<std::size_t>(t - 1) < tt.facnam.size() ? tt.facnam[t - 1] : nullptr;
+          const char* name =
+              static_cast<std::size_t>(f.t - 1) < tt.facnam.size() ? tt.facnam[f.t - 1] : nullptr;
           const bool icpt = name != nullptr && std::strcmp(name, "(Intercept)") == 0;
           cur.add(s + 1, icpt ? static_cast<double>(trait) : w);
         } else {
@@ -194,38 +224,54 @@ struct Former {
         }
         return 0;
       case -9:
-        if (flev == 1) {
-          cur.add(s + 1, static_cast<double>(record));
-          return 0;
-        }
-        if (c > 0 && trait != c) return 0;
-        if (flev == dd.nrow) {
-          aixfac(cur, 1, -1, record, flev, w, s);
-        } else {
-          if (dd.lastseen[t - 1] != record) {
-            dd.lastseen[t - 1] = record;
-            ++dd.counter[t - 1];
-          }
-          if (dd.counter[t - 1] <= flev) aixfac(cur, 1, -1, dd.counter[t - 1], flev, w, s);
-        }
-        return 0;
+        return leaf_record(f);
       case -25:
-        if (level >= 1 && level <= c) cur.add(s + 1, w);
+        if (f.level >= 1 && f.level <= f.c) cur.add(s + 1, w);
         return 0;
       case -26: {
-        const double v2 = col(b + 1);
+        const double v2 = col(f.b + 1);
         if (is_missing(v2)) {
-          missaction(b + 1);
+          missaction(f.b + 1);
           return 0;
         }
-        cur.add(s + 1, v * a + c * v2);
+        cur.add(s + 1, f.v * f.a + f.c * v2);
         return 0;
       }
       case -27:
-        return lookup(t, s, v, level);
+        return lookup(f.t, s, f.v, f.level);
       case -28:
-        if (record == c && trait == a) cur.add(s + 1, w);
+        if (record == f.c && trait == f.a) cur.add(s + 1, w);
         return 0;
+      default:
+        return kNotCoded;
+    }
+  }
+
+  // Code -9: the record itself, or the first flev records of a trait.
+  int leaf_record(const Leaf& f) {
+    const int t = f.t, flev = f.flev;
+    if (flev == 1) {
+      cur.add(f.s + 1, static_cast<double>(record));
+      return 0;
+    }
+    if (f.c > 0 && trait != f.c) return 0;
+    if (flev == dd.nrow) {
+      aixfac(cur, 1, -1, record, flev, w, f.s);
+    } else {
+      if (dd.lastseen[t - 1] != record) {
+        dd.lastseen[t - 1] = record;
+        ++dd.counter[t - 1];
+      }
+      if (dd.counter[t - 1] <= flev) aixfac(cur, 1, -1, dd.counter[t - 1], flev, w, f.s);
+    }
+    return 0;
+  }
+
+  // Leaves of the basis functions, the tables and the markers.  Result 0,
+  // 1 on a fault, or kNotCoded.
+  int leaf_tabled(const Leaf& f) {
+    const int s = f.s, flev = f.flev, a = f.a, c = f.c, level = f.level;
+    switch (f.code) {
       case -31: {
         const double y = col(c);
         if (is_missing(y)) {
@@ -233,7 +279,7 @@ struct Former {
           return 0;
         }
         span<double> out = bisq.subspan(0, static_cast<std::size_t>(flev));
-        bisqubasisfun(v, y, out);
+        bisqubasisfun(f.v, y, out);
         for (int j = 1; j <= flev; ++j)
           if (out[j - 1] != 0.0) cur.add(s + j, out[j - 1]);
         return 0;
@@ -251,7 +297,7 @@ struct Former {
         if (level < 1 || level > c) return 0;
         const double tv = jtable(a, c)[level - 1];
         if (is_missing(tv)) {
-          missaction(b);
+          missaction(f.b);
           return 0;
         }
         const int l = level_of(tv);
@@ -259,7 +305,7 @@ struct Former {
         return 0;
       }
       case -37: {
-        const int l = groupfac(v, jtable(a, c), c);
+        const int l = groupfac(f.v, jtable(a, c), c);
         if (l >= 1) aixfac(cur, 1, -1, l, flev, w, s);
         return 0;
       }
@@ -274,27 +320,33 @@ struct Former {
         return 0;
       }
       default:
-        break;
+        return kNotCoded;
     }
-    if (is_function(code)) {
-      const int ncol = nlev > 1 ? flev : 1;
-      for (int j = 1; j <= ncol; ++j) {
-        const double vj = col(b + j - 1);
-        if (is_missing(vj)) {
-          missaction(b + j - 1);
-          continue;
-        }
-        const double f = transform(code, vj, fc, c, false);
-        if (is_missing(f)) {
-          missaction(b + j - 1);
-        } else if (f != 0.0) {
-          cur.add(s + j, f * w);
-        }
+  }
+
+  // A function of one or more covariate columns.
+  int leaf_function(const Leaf& f) {
+    const int ncol = f.nlev > 1 ? f.flev : 1;
+    for (int j = 1; j <= ncol; ++j) {
+      const double vj = col(f.b + j - 1);
+      if (is_missing(vj)) {
+        missaction(f.b + j - 1);
+        continue;
       }
-      return 0;
+      const double tv = transform(f.code, vj, f.fc, f.c, false);
+      if (is_missing(tv)) {
+        missaction(f.b + j - 1);
+      } else if (tv != 0.0) {
+        cur.add(f.s + j, tv * w);
+      }
     }
-    // Plain data terms: covariates over flev columns, indicator columns,
-    // or a factor.
+    return 0;
+  }
+
+  // Plain data terms: covariates over flev columns, indicator columns, or a
+  // factor.  Returns 1 on a fault.
+  int leaf_data(const Leaf& f) {
+    const int s = f.s, flev = f.flev, nlev = f.nlev, c = f.c, b = f.b;
     if (nlev == flev && c >= 0) {
       for (int j = 1; j <= flev; ++j) {
         const double vj = col(b + j - 1);
@@ -302,8 +354,8 @@ struct Former {
           missaction(b + j - 1);
         } else if (vj != 0.0) {
           cur.add(s + j, vj * w);
-        } else if (fc != 0.0) {
-          cur.add(s + j, (0.0 - fc) * w);
+        } else if (f.fc != 0.0) {
+          cur.add(s + j, (0.0 - f.fc) * w);
         }
       }
       return 0;
@@ -323,16 +375,15 @@ struct Former {
     }
     if (nlev == 1) {
       if (c == -29) {
-        aihelm(cur, level, flev, w, s);
+        aihelm(cur, f.level, flev, w, s);
       } else {
-        aixfac(cur, 1, -1, level, flev, w, s);
+        aixfac(cur, 1, -1, f.level, flev, w, s);
       }
       return 0;
     }
     fault_text("Faulted forming design matrix", record);
     return 1;
   }
-
   // Code -27: a level or a value looked up through a table or a column.
   int lookup(int t, int s, double v, int level) {
     const int a = tt.a(t), b = tt.b(t), c = tt.c(t);
