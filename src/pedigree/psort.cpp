@@ -151,6 +151,11 @@ struct SortPass {
   int* moved = nullptr;    // its new record
   int marked = 0;          // identities moved to the front (NEW)
   int inserted = 0;        // parents given a record of their own
+
+  // `table` holds 4*nan ints: own, as_sire, as_dam and moved.
+  SortPass(int nan_, span<const char* const> lvls_, int* ped_, double* fgen_, int rows_, int* table)
+      : nan(nan_), n(static_cast<std::size_t>(nan_)), lvls(lvls_), ped(ped_), fgen(fgen_),
+        rows(rows_), own(table), as_sire(table + n), as_dam(table + 2 * n), moved(table + 3 * n) {}
 };
 
 // Each identity's own record and its first records as sire and as dam.
@@ -266,17 +271,7 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
   }
   Buffer<int> recid = allocate<int>(n, "", errmsg);
   if (!recid) return res;
-  SortPass sp;
-  sp.nan = nan;
-  sp.n = n;
-  sp.lvls = lvls;
-  sp.ped = ped;
-  sp.fgen = fgen;
-  sp.rows = lped;
-  sp.own = table.get();
-  sp.as_sire = sp.own + n;
-  sp.as_dam = sp.as_sire + n;
-  sp.moved = sp.as_dam + n;
+  SortPass sp(nan, lvls, ped, fgen, lped, table.get());
 
   bool cycle_checked = false;
   for (int pass = 1;; ++pass) {

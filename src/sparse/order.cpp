@@ -1204,6 +1204,21 @@ int order_main(OrderArgs& a, int variant) {
   return 0;
 }
 
+// Calls fn(r, c) for each element (r, c) of the store's sparse rows with
+// NDENSE < c < r, the rows taken from `first` to `last` (either way).
+template <class Fn>
+void for_each_lower_pair(const Pool& p, i32 nd, i32 first, i32 last, Fn&& fn) {
+  const i32 step = first <= last ? 1 : -1;
+  for (i32 r = first; r != last + step; r += step) {
+    const i64 h = r - nd;
+    if (p.lnk(h) == -1) continue;
+    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
+      const i32 c = p.col(sl);
+      if (c > nd && c < r) fn(r, c);
+    }
+  }
+}
+
 }  // namespace
 
 int g5veor(OrderArgs& a) { return order_main(a, 0); }
@@ -1241,40 +1256,21 @@ i64 symbolic_fill(const MmeStore& s, span<const i32> iw, span<i32> work) {
   // row, but rows must be visited in ascending step.  Collect by step.
   // Count pairs per step first.
   i64 pairs = 0;
-  for (i32 r = nd + 1; r <= neq; ++r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl))
-      if (p.col(sl) > nd && p.col(sl) < r) ++pairs;
-  }
+  for_each_lower_pair(p, nd, nd + 1, neq, [&](i32, i32) { ++pairs; });
   if (work.size() < static_cast<size_t>(4 * n + 2 + (n + 1) + pairs)) return -1;
   i32* start = anc + n;   // n+1
   i32* adj = start + n + 1;
   for (i64 k = 0; k <= n; ++k) start[k] = 0;
-  for (i32 r = nd + 1; r <= neq; ++r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
-      const i32 c = p.col(sl);
-      if (c > nd && c < r) {
-        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
-        ++start[(a > b ? a : b)];
-      }
-    }
-  }
+  for_each_lower_pair(p, nd, nd + 1, neq, [&](i32 r, i32 c) {
+    const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+    ++start[(a > b ? a : b)];
+  });
   for (i64 k = 1; k <= n; ++k) start[k] += start[k - 1];
-  for (i32 r = neq; r > nd; --r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
-      const i32 c = p.col(sl);
-      if (c > nd && c < r) {
-        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
-        const i32 hi = a > b ? a : b, lo = a > b ? b : a;
-        adj[--start[hi]] = lo;
-      }
-    }
-  }
+  for_each_lower_pair(p, nd, neq, nd + 1, [&](i32 r, i32 c) {
+    const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+    const i32 hi = a > b ? a : b, lo = a > b ? b : a;
+    adj[--start[hi]] = lo;
+  });
   // start[k-1]..start[k]-1 are the lower neighbours of step k (1-based k:
   // entries start[k-1]... after the decrement loop, start[k] is the
   // beginning of step k's run; its end is start[k+1]).
