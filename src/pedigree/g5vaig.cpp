@@ -167,6 +167,13 @@ struct AigWork {
 
 i64 half_words(i64 ints) { return (ints + 1) / 2; }
 
+// Layout of the work array: room to bring the records to a 64-byte
+// boundary, the records, then four integer vectors of nan+1 (in words of
+// two), then the coancestry stack of the inbred lines.
+constexpr i64 kAlignWords = 8;
+constexpr i64 kRecordWords = sizeof(RowRec) / sizeof(double);
+constexpr i64 kIntVectors = 4;
+
 int fault(AinvArgs& a, int code, int row, const char* text) {
   char buf[160];
   if (row > 0) {
@@ -192,7 +199,7 @@ double selfing_series(double g, double fgen) {
 u64 g5vaig_work_words(i64 nan, int ibl) {
   if (nan < 0) return 0;
   const i64 n1 = nan + 1;
-  u64 words = static_cast<u64>(8 + 4 * n1 + 4 * half_words(n1));
+  u64 words = static_cast<u64>(kAlignWords + kRecordWords * n1 + kIntVectors * half_words(n1));
   if (ibl == 1) words += static_cast<u64>(2 * (2 * nan + 2));
   return words;
 }
@@ -291,13 +298,13 @@ AigWork carve_work(WorkArray work, i64 nan) {
   AigWork wk;
   const i64 hw = half_words(static_cast<i64>(n1));
   const std::size_t skip = (64 - reinterpret_cast<std::uintptr_t>(work.r) % 64) % 64 / 8;
-  double* const base = work.r + 8 + 4 * n1;
+  double* const base = work.r + kAlignWords + kRecordWords * n1;
   wk.rec = reinterpret_cast<RowRec*>(work.r + skip);
   wk.head = reinterpret_cast<i32*>(base);
   wk.dslot = reinterpret_cast<i32*>(base + hw);
   wk.node_row = reinterpret_cast<i32*>(base + 2 * hw);
   wk.node_next = reinterpret_cast<i32*>(base + 3 * hw);
-  double* after = base + 4 * hw;
+  double* after = base + kIntVectors * hw;
   wk.stack_cap = 2 * nan + 2;
   wk.stack = reinterpret_cast<i32*>(after);
   wk.sw = after + wk.stack_cap;

@@ -130,6 +130,9 @@ bool block_complete(const Pool& p, i64 lx, i32 nd, i32 blocktop) {
   return true;
 }
 
+// The rows are laid out again once the pool has grown by half of what was
+// laid out at the last lay-out and this many slots besides.
+constexpr i64 kRelayoutSlack = 50000;
 // Multipliers below this are dropped from the row updates.
 constexpr double kTinyMultiplier = 1e-18;
 // Pivots absorbed together by the dense kernels of the block, and the
@@ -624,7 +627,7 @@ int pack_block(Absorption& x, i32 stop) {
 int lay_out_and_take_block(Absorption& x) {
   BlockLayout& b = x.block;
   const i32 p = x.p;
-  if (p > x.nd && (x.lx - x.nheads - x.runs.held > b.laid + b.laid / 2 + 50000 ||
+  if (p > x.nd && (x.lx - x.nheads - x.runs.held > b.laid + b.laid / 2 + kRelayoutSlack ||
                    (b.top > 0 && p == b.top && !b.intact))) {
     x.runs.release();
     const i64 l2 = relayout(x.pool, x.lx, x.top, x.nd, x.neq, p, b.top);

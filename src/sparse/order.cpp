@@ -39,6 +39,9 @@ inline i32 popcount32(std::uint32_t v) {
   v = (v + (v >> 4)) & 0x0f0f0f0fu;
   return static_cast<i32>((v * 0x01010101u) >> 24);
 }
+// The working pattern is laid out again once the slots taken since the last
+// lay-out pass half of those laid out and this many besides.
+constexpr i64 kRelayoutSlack = 50000;
 // Rows in selection at which the ordering moves to its bit matrix.
 constexpr i32 kBitRows = 16384;
 
@@ -648,16 +651,19 @@ struct Ord {
   }
 };
 
+// Model code of the XFA structure.
+constexpr int kModelXfa = 15;
+
 // True when a term of the model is an XFA structure, whose psi fill this
 // ordering does not add yet.
 bool has_xfa_term(const OrderArgs& a) {
   for (size_t t = 0; t < a.termcode.size(); ++t) {
     const i32 code = a.termcode[t];
-    if (code < 20000 || a.lstruc < 3) continue;
+    if (code < 20000 || a.lstruc < kModel) continue;
     const int nsec = code / 10000, first = code % 10000;
     for (int k : {first, first + nsec - 1}) {
-      const i64 at = static_cast<i64>(k - 1) * a.lstruc + 2;
-      if (k >= 1 && at < static_cast<i64>(a.struc.size()) && a.struc[at] == 15) return true;
+      const i64 at = static_cast<i64>(k - 1) * a.lstruc + (kModel - 1);
+      if (k >= 1 && at < static_cast<i64>(a.struc.size()) && a.struc[at] == kModelXfa) return true;
     }
   }
   return false;
@@ -1058,7 +1064,7 @@ struct Selection {
       if (delays) release_delays();
       find_groups();
       if (!o.bitmode && (a.bitrows != 0)) o.enter_bitmode();
-      if (!o.bitmode && o.taken > laid / 2 + 50000) {
+      if (!o.bitmode && o.taken > laid / 2 + kRelayoutSlack) {
         const i64 l2 = o.relayout();
         laid = l2 >= 0 ? l2 : laid * 2;
       }

@@ -176,11 +176,12 @@ int close_record(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
   return rows_of_record(s, sec, w, p, b, e, n, limit, text);
 }
 
-// The scale parameter of an identity section: the parameter named by word
-// 4 of the section's struc row, when it names a positive one; otherwise 1.
+// The scale parameter of an identity section: the parameter named by the
+// kGfirst word of the section's struc row, when it names a positive one;
+// otherwise 1.
 double identity_gamma(const SspSection& sec) {
-  if (sec.lstruc < 4) return 1.0;
-  const i64 at = static_cast<i64>(sec.section - 1) * sec.lstruc + 3;
+  if (sec.lstruc < kGfirst) return 1.0;
+  const i64 at = static_cast<i64>(sec.section - 1) * sec.lstruc + (kGfirst - 1);
   if (at < 0 || static_cast<size_t>(at) >= sec.struc.size()) return 1.0;
   const int g = sec.struc[at];
   if (g > 0 && static_cast<size_t>(g) <= sec.gammas.size() && sec.gammas.at1(g) > 0)
