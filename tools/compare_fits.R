@@ -49,6 +49,14 @@ ref_cases <- function(ref) {
       d <- rd("animal")
       animal_ainv <- tarnel::pedigree_inverse(utils::read.csv(file.path(ref, "animal", "pedigree.csv")))
       tarnel::tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d)
+    },
+    # The same starting from a small workspace: the store fills up, is
+    # compacted, and the fit is retried with more room.
+    animal_small_workspace = function() {
+      d <- rd("animal")
+      animal_ainv <- tarnel::pedigree_inverse(utils::read.csv(file.path(ref, "animal", "pedigree.csv")))
+      tarnel::tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d,
+                     control = tarnel::tarnel_control(workspace = 8000))
     }
   )
 }
