@@ -32,9 +32,11 @@ opt <- function(name, default) {
 
 ref_cases <- function(ref) {
   rd <- function(case) utils::read.csv(file.path(ref, case, "data.csv"), stringsAsFactors = TRUE)
+  ainv <- function() tarnel::pedigree_inverse(utils::read.csv(file.path(ref, "animal", "pedigree.csv")))
   list(
     dyestuff = function() tarnel::tarnel(Yield ~ 1, random = ~ Batch, data = rd("dyestuff")),
-    penicillin = function() tarnel::tarnel(diameter ~ 1, random = ~ plate + sample, data = rd("penicillin")),
+    penicillin = function() tarnel::tarnel(diameter ~ 1, random = ~ plate + sample,
+                                           data = rd("penicillin")),
     oats = function() tarnel::tarnel(yield ~ nitro * Variety, random = ~ Block + Block:Variety,
                                      data = transform(rd("oats"), nitro = factor(nitro))),
     orthodont_rr = function() tarnel::tarnel(distance ~ age + Sex, random = ~ coefs(Subject, ~ age),
@@ -47,14 +49,14 @@ ref_cases <- function(ref) {
                                                               rep = factor(rep))),
     animal = function() {
       d <- rd("animal")
-      animal_ainv <- tarnel::pedigree_inverse(utils::read.csv(file.path(ref, "animal", "pedigree.csv")))
+      animal_ainv <- ainv()
       tarnel::tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d)
     },
     # The same starting from a small workspace: the store fills up, is
     # compacted, and the fit is retried with more room.
     animal_small_workspace = function() {
       d <- rd("animal")
-      animal_ainv <- tarnel::pedigree_inverse(utils::read.csv(file.path(ref, "animal", "pedigree.csv")))
+      animal_ainv <- ainv()
       tarnel::tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d,
                      control = tarnel::tarnel_control(workspace = 8000))
     }
@@ -116,7 +118,8 @@ run_child <- function(out, ref) {
   for (nm in names(cases <- ped_cases(ref))) {
     p <- capture(cases[[nm]])
     res[[nm]] <- if (inherits(p, "failed")) p else if (is.data.frame(p)) list(
-      "sorted pedigree" = numbers(lapply(p, function(x) as.numeric(factor(x, levels = unique(unlist(p[1:3])))))),
+      "sorted pedigree" = numbers(lapply(p, function(x)
+        as.numeric(factor(x, levels = unique(unlist(p[1:3])))))),
       identities = as.character(p[[1]])) else list(
       "inverse" = numbers(p$giv$ainv), "inbreeding" = p$inbreeding, "log-determinant" = p$logdet,
       identities = as.character(p$pedigree[[1]]))
@@ -143,7 +146,8 @@ prepare_library <- function(what, label) {
   }
   message(sprintf("installing %s (%s) into %s", label, what, lib))
   log <- file.path(tempdir(), paste0("install_", label, ".log"))
-  st <- system2(file.path(R.home("bin"), "R"), c("CMD", "INSTALL", "--no-multiarch", "-l", shQuote(lib), shQuote(src)),
+  st <- system2(file.path(R.home("bin"), "R"),
+                c("CMD", "INSTALL", "--no-multiarch", "-l", shQuote(lib), shQuote(src)),
                 stdout = log, stderr = log)
   if (st != 0) stop(sprintf("installing %s failed; see %s", label, log))
   lib
@@ -152,7 +156,8 @@ prepare_library <- function(what, label) {
 fit_in <- function(lib, label, ref) {
   out <- file.path(tempdir(), paste0("fits_", label, ".rds"))
   env <- paste0("R_LIBS=", paste(c(lib, Sys.getenv("R_LIBS")[nzchar(Sys.getenv("R_LIBS"))]), collapse = ":"))
-  st <- system2(file.path(R.home("bin"), "Rscript"), c("--no-init-file", shQuote(script), "--child", shQuote(out), "--ref", shQuote(ref)),
+  st <- system2(file.path(R.home("bin"), "Rscript"),
+                c("--no-init-file", shQuote(script), "--child", shQuote(out), "--ref", shQuote(ref)),
                 env = env)
   if (st != 0 || !file.exists(out)) stop(sprintf("the fits with %s failed (status %d)", label, st))
   r <- readRDS(out)

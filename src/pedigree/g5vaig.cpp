@@ -255,7 +255,9 @@ struct AigRun {
     return v == 1.0 ? 1 : (v == 2.0 ? 2 : 0);
   }
   i32 parent(i64 r, int k) const { return a.plist[static_cast<std::size_t>(2 * (r - 1) + k)]; }
-  int fail(int code, i64 row, const char* text) { return fault(a, code, static_cast<int>(row), text); }
+  int fail(int code, i64 row, const char* text) {
+    return fault(a, code, static_cast<int>(row), text);
+  }
 };
 
 // What one row contributes: parents and their weights, the Mendelian
@@ -374,7 +376,8 @@ int inbred_line_row(AigRun& x, i64 i, RowValues& v) {
       for (int k = 0; k < 2; ++k) {
         const i32 par = x.parent(later, k);
         if (par <= 0) continue;
-        if (top >= wk.stack_cap) return x.fail(kAinvWorkShort, i, "Pedigree work array is too short");
+        if (top >= wk.stack_cap)
+          return x.fail(kAinvWorkShort, i, "Pedigree work array is too short");
         wk.stack[2 * top] = par;
         wk.stack[2 * top + 1] = earlier;
         wk.sw[top] = 0.5 * w;
@@ -401,7 +404,8 @@ int xlinked_row(AigRun& x, i64 i, RowValues& v) {
     v.MV = 1.5 - kXlink[v.sex].founder;
   } else if (S > 0 && D == 0) {
     if (x.sex_of(S) != 1)
-      return x.fail(kAinvSexMismatch, i, "the first parent must be of sex 1 under the X-linked method");
+      return x.fail(kAinvSexMismatch, i,
+                    "the first parent must be of sex 1 under the X-linked method");
     v.MV = 0.5;
   } else if (S == 0 && D > 0) {
     if (v.sex != 2 || x.sex_of(D) != 2)
@@ -410,7 +414,8 @@ int xlinked_row(AigRun& x, i64 i, RowValues& v) {
     v.MV = (3.0 - x.F[D]) / 4.0;
   } else {
     if (x.sex_of(S) != 1 || x.sex_of(D) != 2)
-      return x.fail(kAinvSexMismatch, i, "parents must be of sex 1 and 2 under the X-linked method");
+      return x.fail(kAinvSexMismatch, i,
+                    "parents must be of sex 1 and 2 under the X-linked method");
     v.MV = (1.0 - x.F[D]) / 4.0;
     v.walk = true;
   }

@@ -165,7 +165,8 @@ int index_records(SortPass& sp, std::string& errmsg) {
   for (int r = 0; r < sp.rows; ++r) {
     const int id = sp.ped[r];
     if (sp.own[id] != -1) {
-      errmsg = std::string("Pedigree individual \"") + sp.lvls[id] + "\" has more than one record\n";
+      errmsg = std::string("Pedigree individual \"") + sp.lvls[id] +
+               "\" has more than one record\n";
       return 1;
     }
     sp.own[id] = r;

@@ -141,10 +141,12 @@ constexpr int kPanel = 32;
 constexpr i32 kColumnBlock = 512;
 // Fault of a pool too small while absorbing position p: 100000 + p.
 constexpr int kOutOfMemoryAt = 100000;
-// Error words of a failed row update and a failed move.
+// A failed row update adds this to the error word; a failed move sets the
+// word to kMoveFailed.
 constexpr int kUpdateFailed = 1 + 495;
 constexpr int kMoveFailed = 496;
-// Status of a strip that ran out of room.
+// Most strips, and the status of a strip that ran out of room.
+constexpr int kMaxStrips = 8;
 constexpr int kStripFailed = -99;
 // On the strip path a slot held in a run and not yet used carries this
 // column: neither a hole (compaction and the trimming of LX pass it by) nor
@@ -160,7 +162,7 @@ struct StripRuns {
   Pool pool;
   bool on = false;  // the updates go through the strips
   int n = 1;        // strips
-  FreeRun run[8];
+  FreeRun run[kMaxStrips];
   i64 held = 0;     // slots held in runs
 
   void hold(i64 base, i64 count) {
@@ -248,6 +250,8 @@ struct Absorption {
     a.soln.at1(q) = 0.0;
     ++a.nsing;
   }
+  // Position q (equation e) pivots on d: the log-determinant, the rank of
+  // the equation's term and the reciprocal pivot.
   void pivot(i32 q, i32 e, double d) {
     a.logdet += std::log(std::fabs(d));
     const i32 t = iw1(a.iw, e);
@@ -279,7 +283,8 @@ int check_args(const MmeStore& st, AbsorbArgs& a, int& nfault, StripRuns& runs) 
   }
   runs.pool = pool;
   runs.on = a.threads >= 101;
-  runs.n = runs.on ? std::min(a.threads - 100, 8) : std::min(std::max(a.threads, 1), 8);
+  runs.n = runs.on ? std::min(a.threads - 100, kMaxStrips)
+                  : std::min(std::max(a.threads, 1), kMaxStrips);
   if (runs.on && a.status.size() < static_cast<size_t>(runs.n)) {
     *a.err = 6;
     return g5vflt(nfault, 6);

@@ -606,7 +606,8 @@ struct Ord {
       if (GRP2(e) < 0 || DLY2(e) == kDelayZeroDiagonal || comp(e) || eff(e) <= 3) continue;
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
-        if (c == e || !active(c) || GRP2(c) != 0 || DLY2(c) == kDelayZeroDiagonal || comp(c)) continue;
+        if (c == e || !active(c) || GRP2(c) != 0 || DLY2(c) == kDelayZeroDiagonal || comp(c))
+          continue;
         if (ISZ1(c) != ISZ1(e) || ISZ2(c) != ISZ2(e) || !same_rows(e, c)) continue;
         GRP1(c) = GRP2(e) > 0 ? GRP1(e) : 0;
         GRP1(e) = c;
@@ -1030,7 +1031,8 @@ struct Selection {
           --p;
           continue;
         }
-        const i32 pick = o.variant == 1 ? pick_by_fill(p, e, lenlo) : pick_five_down(p, e, len, lenlo);
+        const i32 pick =
+            o.variant == 1 ? pick_by_fill(p, e, lenlo) : pick_five_down(p, e, len, lenlo);
         if (eliminate(pick) || follow_nest()) return 1;
         chosen_now = true;
         chose = true;
