@@ -603,18 +603,10 @@ struct Former {
     return 0;
   }
 
-  int run() {
-    res.records = 0;
-    res.nonzero = 0;
-    const int nfactp = tt.nfactp;
-    const int lbin = dd.lbin;
-    // Dropped terms: a component of code -40 with no term to hand over to.
-    for (int t = 1; t <= tt.nfact; ++t) {
-      dd.lastseen[t - 1] = 0;
-      dd.counter[t - 1] = 0;
-    }
+  // Dropped terms: a component of code -40 with no term to hand over to.
+  void mark_dropped() {
     for (int t = 1; t <= tt.nfact; ++t) dd.dropped[t - 1] = 0;
-    for (int i = 1; i <= nfactp; ++i) {
+    for (int i = 1; i <= tt.nfactp; ++i) {
       const int t = tt.neword[i - 1];
       if (t == 0 || tt.nlev[t - 1] != 0) continue;
       int stack[kMaxStack];
@@ -633,81 +625,108 @@ struct Former {
         }
       }
     }
+  }
+
+  // The terms of the current row, in their order, from column 2 on.  A
+  // scaled term (code -12) takes the columns of the term before it, so the
+  // row must then be sorted: `order` is set.  Result 1 on a fault.
+  int add_terms(bool& order) {
+    int base = 1;
+    for (int i = 1; i <= tt.nfactp; ++i) {
+      position = i;
+      int t = tt.neword[i - 1];
+      if (t == 0) continue;
+      counts = true;
+      nlisted = 0;
+      if (tt.nlev[t - 1] == -1 || dd.dropped[t - 1] != 0) {
+        base += tt.flev[t - 1];
+        continue;
+      }
+      double factor = 1.0;
+      if (tt.code(t) == -12) {
+        factor = static_cast<double>(static_cast<float>(tt.b(t)) *
+                                     std::pow(10.0f, static_cast<float>(-tt.c(t))));
+        t = tt.a(t);
+        base -= tt.flev[t - 1];
+        order = true;
+      }
+      const i64 before = cur.n;
+      if (walk(t, base) != 0) return 1;
+      if (factor != 1.0)
+        for (i64 q = before; q < cur.n; ++q) cur.val[q] *= factor;
+      base += tt.flev[t - 1];
+    }
+    return 0;
+  }
+
+  // The design row of record r (read into dd.rvec) for trait k: the
+  // response in column 1, then the terms.  A record whose response is
+  // missing is left out, or kept with the missing-value term counting it;
+  // a row that a term drops is taken back.  Result 1 on a fault.
+  int form_row(int r, int k) {
+    trait = k;
+    dd.rvec[0] = k;
+    double value;
+    response(k, value);
+    resp_missing = is_missing(value);
+    drop_row = false;
+    if (resp_missing) {
+      if (mvact > 0) {
+        ++miss_count;
+        if (miss_count > tt.flev[mvact - 1]) {
+          fault_text("Missing Value Miscount forming design", static_cast<int>(res.records));
+          return 1;
+        }
+        miss_pending = true;
+        value = 0.0;
+      } else if (mvact == 0) {
+        return 0;
+      }
+    } else {
+      miss_pending = false;
+    }
+    if (res.records >= st.rowlimit) {
+      fault_text("Out of memory: forming design", static_cast<int>(res.records));
+      return 1;
+    }
+    const i64 start = cur.n;
+    res.records += 1;
+    st.x.i[st.rowbase + res.records - 1] = static_cast<i32>(start);
+    st.x.i[st.recbase + res.records - 1] = r;
+    cur.add(1, value);
+    w = 1.0;
+    bool order = false;
+    if (add_terms(order)) return 1;
+    if (cur.full) {
+      fault_text("Out of memory: forming design", static_cast<int>(res.records));
+      return 1;
+    }
+    if (drop_row) {
+      cur.n = start;
+      res.records -= 1;
+      return 0;
+    }
+    if (order) sort_row(start);
+    return 0;
+  }
+
+  int run() {
+    res.records = 0;
+    res.nonzero = 0;
+    for (int t = 1; t <= tt.nfact; ++t) {
+      dd.lastseen[t - 1] = 0;
+      dd.counter[t - 1] = 0;
+    }
+    mark_dropped();
     for (int r = 1; r <= dd.nrow; ++r) {
       record = r;
-      rstore(dd.datafr, r, lbin, dd.rvec);
-      for (int k = 1; k <= dd.ntrt; ++k) {
-        trait = k;
-        dd.rvec[0] = k;
-        double value;
-        response(k, value);
-        resp_missing = is_missing(value);
-        drop_row = false;
-        if (resp_missing) {
-          if (mvact > 0) {
-            ++miss_count;
-            if (miss_count > tt.flev[mvact - 1]) {
-              fault_text("Missing Value Miscount forming design", static_cast<int>(res.records));
-              return 1;
-            }
-            miss_pending = true;
-            value = 0.0;
-          } else if (mvact == 0) {
-            continue;
-          }
-        } else {
-          miss_pending = false;
-        }
-        if (res.records >= st.rowlimit) {
-          fault_text("Out of memory: forming design", static_cast<int>(res.records));
-          return 1;
-        }
-        const i64 start = cur.n;
-        res.records += 1;
-        st.x.i[st.rowbase + res.records - 1] = static_cast<i32>(start);
-        st.x.i[st.recbase + res.records - 1] = r;
-        cur.add(1, value);
-        w = 1.0;
-        int base = 1;
-        bool order = false;
-        for (int i = 1; i <= nfactp; ++i) {
-          position = i;
-          int t = tt.neword[i - 1];
-          if (t == 0) continue;
-          counts = true;
-          nlisted = 0;
-          if (tt.nlev[t - 1] == -1 || dd.dropped[t - 1] != 0) {
-            base += tt.flev[t - 1];
-            continue;
-          }
-          double factor = 1.0;
-          if (tt.code(t) == -12) {
-            factor = static_cast<double>(static_cast<float>(tt.b(t)) *
-                                         std::pow(10.0f, static_cast<float>(-tt.c(t))));
-            t = tt.a(t);
-            base -= tt.flev[t - 1];
-            order = true;
-          }
-          const i64 before = cur.n;
-          if (walk(t, base) != 0) return 1;
-          if (factor != 1.0)
-            for (i64 q = before; q < cur.n; ++q) cur.val[q] *= factor;
-          base += tt.flev[t - 1];
-        }
-        if (cur.full) {
-          fault_text("Out of memory: forming design", static_cast<int>(res.records));
-          return 1;
-        }
-        if (drop_row) {
-          cur.n = start;
-          res.records -= 1;
-          continue;
-        }
-        if (order) sort_row(start);
-      }
+      rstore(dd.datafr, r, dd.lbin, dd.rvec);
+      for (int k = 1; k <= dd.ntrt; ++k)
+        if (form_row(r, k)) return 1;
     }
     st.x.i[st.rowbase + res.records] = static_cast<i32>(cur.n);  // end of the last row
     res.nonzero = cur.n;
+    // Record terms (code -9) over fewer levels than the records they met.
     for (int t = 1; t <= tt.nfact; ++t) {
       if (tt.code(t) == -9 && tt.flev[t - 1] > 1 && tt.flev[t - 1] != dd.nrow &&
           tt.flev[t - 1] < dd.counter[t - 1]) {
