@@ -52,7 +52,15 @@ ref_cases <- function(ref) {
       animal_ainv <- ainv()
       tarnel::tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d)
     },
-    # The same starting from a small workspace: the store fills up, is
+    # Weights, a transformed covariate and missing responses estimated.
+    oats_weighted_missing = function() {
+      d <- transform(rd("oats"), nitro = factor(nitro), x = seq_along(yield) / 10,
+                     wt = 1 + seq_along(yield) %% 3)
+      d$yield[c(3, 17, 40)] <- NA
+      tarnel::tarnel(yield ~ nitro + Variety + tr_log(x), random = ~ Block + Block:Variety,
+                     data = d, weights = "wt", na_response = "estimate")
+    },
+    # The animal model from a small workspace: the store fills up, is
     # compacted, and the fit is retried with more room.
     animal_small_workspace = function() {
       d <- rd("animal")
