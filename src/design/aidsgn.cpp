@@ -128,37 +128,66 @@ struct Former {
     return tt.IBV.subspan(static_cast<std::size_t>(a - 1), static_cast<std::size_t>(len));
   }
 
+  // A leaf term at base s: its table fields and the value and level read
+  // from the record.
+  struct Leaf {
+    int t = 0, s = 0;
+    int code = 0, a = 0, b = 0, c = 0, flev = 0, nlev = 0;
+    double fc = 0.0;  // the term's centring constant
+    double v = 0.0;   // the value of a one-column term
+    int level = 0;    // that value as a level, else the trait
+  };
+  // Result of leaf_coded for a code it does not handle.
+  static constexpr int kNotCoded = -1;
+
   // Adds the entries of a leaf term at base s.  Returns 1 on a fault.
   int leaf(int t, int s) {
-    const int code = tt.code(t), a = tt.a(t), b = tt.b(t), c = tt.c(t);
-    const int flev = tt.flev[t - 1], nlev = tt.nlev[t - 1];
-    const double fc = tt.faconst[t - 1];
-    int level = trait;
-    double v = 0.0;
-    if (nlev == 1) {
-      v = col(b);
-      if (is_missing(v)) {
-        missaction(b);
+    Leaf f;
+    f.t = t;
+    f.s = s;
+    f.code = tt.code(t);
+    f.a = tt.a(t);
+    f.b = tt.b(t);
+    f.c = tt.c(t);
+    f.flev = tt.flev[t - 1];
+    f.nlev = tt.nlev[t - 1];
+    f.fc = tt.faconst[t - 1];
+    f.level = trait;
+    if (f.nlev == 1) {
+      f.v = col(f.b);
+      if (is_missing(f.v)) {
+        missaction(f.b);
         return 0;
       }
-      level = level_of(v);
+      f.level = level_of(f.v);
     }
-    if (code == -15) {
-      if (level == c) {
+    if (f.code == -15) {
+      if (f.level == f.c) {
         cur.add(s + 1, w);
       } else {
         counts = false;
       }
       return 0;
     }
-    if (a == -1 && code == 0 && level > tt.nan) {
-      vprt("Recoded pedigree identifier %d\n", level);
+    if (f.a == -1 && f.code == 0 && f.level > tt.nan) {
+      vprt("Recoded pedigree identifier %d\n", f.level);
       vprt("in data record %d\n", record);
       vprt("exceeds maximum %d\n", tt.nan);
       res.ifault = static_cast<int>(res.records);
       return 1;
     }
-    switch (code) {
+    int r = leaf_coded(f);
+    if (r == kNotCoded) r = leaf_tabled(f);
+    if (r != kNotCoded) return r;
+    if (is_function(f.code)) return leaf_function(f);
+    return leaf_data(f);
+  }
+
+  // Leaves of the basis, record, trait and level codes.  Result 0, 1 on a
+  // fault, or kNotCoded.
+  int leaf_coded(const Leaf& f) {
+    const int s = f.s, flev = f.flev;
+    switch (f.code) {
       case -3:
       case -5:
       case -7:
@@ -166,12 +195,12 @@ struct Former {
       case -13:
       case -34: {
         int nmiss = 0;
-        if (aixspl(cur, code, flev, a, tt.kzbkey, st.x, record, level, s, nmiss) != 0) {
-          vprt("Basis table term %d (code %d) is not available yet\n", t, code);
+        if (aixspl(cur, f.code, flev, f.a, tt.kzbkey, st.x, record, f.level, s, nmiss) != 0) {
+          vprt("Basis table term %d (code %d) is not available yet\n", f.t, f.code);
           fault_text("Faulted forming design matrix", record);
           return 1;
         }
-        if (nmiss > 0) missaction(b);
+        if (nmiss > 0) missaction(f.b);
         return 0;
       }
       case -4:
@@ -181,12 +210,13 @@ struct Former {
         }
         return 0;
       case -6:
-        aixfac(cur, 1, -1, level, flev, w, s);
-        aixfac(cur, 1, -1, level + 1, flev, w, s);
+        aixfac(cur, 1, -1, f.level, flev, w, s);
+        aixfac(cur, 1, -1, f.level + 1, flev, w, s);
         return 0;
       case -8:
         if (flev == 1) {
-          const char* name = static_cast<std::size_t>(t - 1) < tt.facnam.size() ? tt.facnam[t - 1] : nullptr;
+          const char* name =
+              static_cast<std::size_t>(f.t - 1) < tt.facnam.size() ? tt.facnam[f.t - 1] : nullptr;
           const bool icpt = name != nullptr && std::strcmp(name, "(Intercept)") == 0;
           cur.add(s + 1, icpt ? static_cast<double>(trait) : w);
         } else {
@@ -194,38 +224,54 @@ struct Former {
         }
         return 0;
       case -9:
-        if (flev == 1) {
-          cur.add(s + 1, static_cast<double>(record));
-          return 0;
-        }
-        if (c > 0 && trait != c) return 0;
-        if (flev == dd.nrow) {
-          aixfac(cur, 1, -1, record, flev, w, s);
-        } else {
-          if (dd.lastseen[t - 1] != record) {
-            dd.lastseen[t - 1] = record;
-            ++dd.counter[t - 1];
-          }
-          if (dd.counter[t - 1] <= flev) aixfac(cur, 1, -1, dd.counter[t - 1], flev, w, s);
-        }
-        return 0;
+        return leaf_record(f);
       case -25:
-        if (level >= 1 && level <= c) cur.add(s + 1, w);
+        if (f.level >= 1 && f.level <= f.c) cur.add(s + 1, w);
         return 0;
       case -26: {
-        const double v2 = col(b + 1);
+        const double v2 = col(f.b + 1);
         if (is_missing(v2)) {
-          missaction(b + 1);
+          missaction(f.b + 1);
           return 0;
         }
-        cur.add(s + 1, v * a + c * v2);
+        cur.add(s + 1, f.v * f.a + f.c * v2);
         return 0;
       }
       case -27:
-        return lookup(t, s, v, level);
+        return lookup(f.t, s, f.v, f.level);
       case -28:
-        if (record == c && trait == a) cur.add(s + 1, w);
+        if (record == f.c && trait == f.a) cur.add(s + 1, w);
         return 0;
+      default:
+        return kNotCoded;
+    }
+  }
+
+  // Code -9: the record itself, or the first flev records of a trait.
+  int leaf_record(const Leaf& f) {
+    const int t = f.t, flev = f.flev;
+    if (flev == 1) {
+      cur.add(f.s + 1, static_cast<double>(record));
+      return 0;
+    }
+    if (f.c > 0 && trait != f.c) return 0;
+    if (flev == dd.nrow) {
+      aixfac(cur, 1, -1, record, flev, w, f.s);
+    } else {
+      if (dd.lastseen[t - 1] != record) {
+        dd.lastseen[t - 1] = record;
+        ++dd.counter[t - 1];
+      }
+      if (dd.counter[t - 1] <= flev) aixfac(cur, 1, -1, dd.counter[t - 1], flev, w, f.s);
+    }
+    return 0;
+  }
+
+  // Leaves of the basis functions, the tables and the markers.  Result 0,
+  // 1 on a fault, or kNotCoded.
+  int leaf_tabled(const Leaf& f) {
+    const int s = f.s, flev = f.flev, a = f.a, c = f.c, level = f.level;
+    switch (f.code) {
       case -31: {
         const double y = col(c);
         if (is_missing(y)) {
@@ -233,7 +279,7 @@ struct Former {
           return 0;
         }
         span<double> out = bisq.subspan(0, static_cast<std::size_t>(flev));
-        bisqubasisfun(v, y, out);
+        bisqubasisfun(f.v, y, out);
         for (int j = 1; j <= flev; ++j)
           if (out[j - 1] != 0.0) cur.add(s + j, out[j - 1]);
         return 0;
@@ -251,7 +297,7 @@ struct Former {
         if (level < 1 || level > c) return 0;
         const double tv = jtable(a, c)[level - 1];
         if (is_missing(tv)) {
-          missaction(b);
+          missaction(f.b);
           return 0;
         }
         const int l = level_of(tv);
@@ -259,7 +305,7 @@ struct Former {
         return 0;
       }
       case -37: {
-        const int l = groupfac(v, jtable(a, c), c);
+        const int l = groupfac(f.v, jtable(a, c), c);
         if (l >= 1) aixfac(cur, 1, -1, l, flev, w, s);
         return 0;
       }
@@ -274,27 +320,33 @@ struct Former {
         return 0;
       }
       default:
-        break;
+        return kNotCoded;
     }
-    if (is_function(code)) {
-      const int ncol = nlev > 1 ? flev : 1;
-      for (int j = 1; j <= ncol; ++j) {
-        const double vj = col(b + j - 1);
-        if (is_missing(vj)) {
-          missaction(b + j - 1);
-          continue;
-        }
-        const double f = transform(code, vj, fc, c, false);
-        if (is_missing(f)) {
-          missaction(b + j - 1);
-        } else if (f != 0.0) {
-          cur.add(s + j, f * w);
-        }
+  }
+
+  // A function of one or more covariate columns.
+  int leaf_function(const Leaf& f) {
+    const int ncol = f.nlev > 1 ? f.flev : 1;
+    for (int j = 1; j <= ncol; ++j) {
+      const double vj = col(f.b + j - 1);
+      if (is_missing(vj)) {
+        missaction(f.b + j - 1);
+        continue;
       }
-      return 0;
+      const double tv = transform(f.code, vj, f.fc, f.c, false);
+      if (is_missing(tv)) {
+        missaction(f.b + j - 1);
+      } else if (tv != 0.0) {
+        cur.add(f.s + j, tv * w);
+      }
     }
-    // Plain data terms: covariates over flev columns, indicator columns,
-    // or a factor.
+    return 0;
+  }
+
+  // Plain data terms: covariates over flev columns, indicator columns, or a
+  // factor.  Returns 1 on a fault.
+  int leaf_data(const Leaf& f) {
+    const int s = f.s, flev = f.flev, nlev = f.nlev, c = f.c, b = f.b;
     if (nlev == flev && c >= 0) {
       for (int j = 1; j <= flev; ++j) {
         const double vj = col(b + j - 1);
@@ -302,8 +354,8 @@ struct Former {
           missaction(b + j - 1);
         } else if (vj != 0.0) {
           cur.add(s + j, vj * w);
-        } else if (fc != 0.0) {
-          cur.add(s + j, (0.0 - fc) * w);
+        } else if (f.fc != 0.0) {
+          cur.add(s + j, (0.0 - f.fc) * w);
         }
       }
       return 0;
@@ -323,16 +375,15 @@ struct Former {
     }
     if (nlev == 1) {
       if (c == -29) {
-        aihelm(cur, level, flev, w, s);
+        aihelm(cur, f.level, flev, w, s);
       } else {
-        aixfac(cur, 1, -1, level, flev, w, s);
+        aixfac(cur, 1, -1, f.level, flev, w, s);
       }
       return 0;
     }
     fault_text("Faulted forming design matrix", record);
     return 1;
   }
-
   // Code -27: a level or a value looked up through a table or a column.
   int lookup(int t, int s, double v, int level) {
     const int a = tt.a(t), b = tt.b(t), c = tt.c(t);
@@ -552,18 +603,10 @@ struct Former {
     return 0;
   }
 
-  int run() {
-    res.records = 0;
-    res.nonzero = 0;
-    const int nfactp = tt.nfactp;
-    const int lbin = dd.lbin;
-    // Dropped terms: a component of code -40 with no term to hand over to.
-    for (int t = 1; t <= tt.nfact; ++t) {
-      dd.lastseen[t - 1] = 0;
-      dd.counter[t - 1] = 0;
-    }
+  // Dropped terms: a component of code -40 with no term to hand over to.
+  void mark_dropped() {
     for (int t = 1; t <= tt.nfact; ++t) dd.dropped[t - 1] = 0;
-    for (int i = 1; i <= nfactp; ++i) {
+    for (int i = 1; i <= tt.nfactp; ++i) {
       const int t = tt.neword[i - 1];
       if (t == 0 || tt.nlev[t - 1] != 0) continue;
       int stack[kMaxStack];
@@ -582,81 +625,108 @@ struct Former {
         }
       }
     }
+  }
+
+  // The terms of the current row, in their order, from column 2 on.  A
+  // scaled term (code -12) takes the columns of the term before it, so the
+  // row must then be sorted: `order` is set.  Result 1 on a fault.
+  int add_terms(bool& order) {
+    int base = 1;
+    for (int i = 1; i <= tt.nfactp; ++i) {
+      position = i;
+      int t = tt.neword[i - 1];
+      if (t == 0) continue;
+      counts = true;
+      nlisted = 0;
+      if (tt.nlev[t - 1] == -1 || dd.dropped[t - 1] != 0) {
+        base += tt.flev[t - 1];
+        continue;
+      }
+      double factor = 1.0;
+      if (tt.code(t) == -12) {
+        factor = static_cast<double>(static_cast<float>(tt.b(t)) *
+                                     std::pow(10.0f, static_cast<float>(-tt.c(t))));
+        t = tt.a(t);
+        base -= tt.flev[t - 1];
+        order = true;
+      }
+      const i64 before = cur.n;
+      if (walk(t, base) != 0) return 1;
+      if (factor != 1.0)
+        for (i64 q = before; q < cur.n; ++q) cur.val[q] *= factor;
+      base += tt.flev[t - 1];
+    }
+    return 0;
+  }
+
+  // The design row of record r (read into dd.rvec) for trait k: the
+  // response in column 1, then the terms.  A record whose response is
+  // missing is left out, or kept with the missing-value term counting it;
+  // a row that a term drops is taken back.  Result 1 on a fault.
+  int form_row(int r, int k) {
+    trait = k;
+    dd.rvec[0] = k;
+    double value;
+    response(k, value);
+    resp_missing = is_missing(value);
+    drop_row = false;
+    if (resp_missing) {
+      if (mvact > 0) {
+        ++miss_count;
+        if (miss_count > tt.flev[mvact - 1]) {
+          fault_text("Missing Value Miscount forming design", static_cast<int>(res.records));
+          return 1;
+        }
+        miss_pending = true;
+        value = 0.0;
+      } else if (mvact == 0) {
+        return 0;
+      }
+    } else {
+      miss_pending = false;
+    }
+    if (res.records >= st.rowlimit) {
+      fault_text("Out of memory: forming design", static_cast<int>(res.records));
+      return 1;
+    }
+    const i64 start = cur.n;
+    res.records += 1;
+    st.x.i[st.rowbase + res.records - 1] = static_cast<i32>(start);
+    st.x.i[st.recbase + res.records - 1] = r;
+    cur.add(1, value);
+    w = 1.0;
+    bool order = false;
+    if (add_terms(order)) return 1;
+    if (cur.full) {
+      fault_text("Out of memory: forming design", static_cast<int>(res.records));
+      return 1;
+    }
+    if (drop_row) {
+      cur.n = start;
+      res.records -= 1;
+      return 0;
+    }
+    if (order) sort_row(start);
+    return 0;
+  }
+
+  int run() {
+    res.records = 0;
+    res.nonzero = 0;
+    for (int t = 1; t <= tt.nfact; ++t) {
+      dd.lastseen[t - 1] = 0;
+      dd.counter[t - 1] = 0;
+    }
+    mark_dropped();
     for (int r = 1; r <= dd.nrow; ++r) {
       record = r;
-      rstore(dd.datafr, r, lbin, dd.rvec);
-      for (int k = 1; k <= dd.ntrt; ++k) {
-        trait = k;
-        dd.rvec[0] = k;
-        double value;
-        response(k, value);
-        resp_missing = is_missing(value);
-        drop_row = false;
-        if (resp_missing) {
-          if (mvact > 0) {
-            ++miss_count;
-            if (miss_count > tt.flev[mvact - 1]) {
-              fault_text("Missing Value Miscount forming design", static_cast<int>(res.records));
-              return 1;
-            }
-            miss_pending = true;
-            value = 0.0;
-          } else if (mvact == 0) {
-            continue;
-          }
-        } else {
-          miss_pending = false;
-        }
-        if (res.records >= st.rowlimit) {
-          fault_text("Out of memory: forming design", static_cast<int>(res.records));
-          return 1;
-        }
-        const i64 start = cur.n;
-        res.records += 1;
-        st.x.i[st.rowbase + res.records - 1] = static_cast<i32>(start);
-        st.x.i[st.recbase + res.records - 1] = r;
-        cur.add(1, value);
-        w = 1.0;
-        int base = 1;
-        bool order = false;
-        for (int i = 1; i <= nfactp; ++i) {
-          position = i;
-          int t = tt.neword[i - 1];
-          if (t == 0) continue;
-          counts = true;
-          nlisted = 0;
-          if (tt.nlev[t - 1] == -1 || dd.dropped[t - 1] != 0) {
-            base += tt.flev[t - 1];
-            continue;
-          }
-          double factor = 1.0;
-          if (tt.code(t) == -12) {
-            factor = static_cast<double>(static_cast<float>(tt.b(t)) *
-                                         std::pow(10.0f, static_cast<float>(-tt.c(t))));
-            t = tt.a(t);
-            base -= tt.flev[t - 1];
-            order = true;
-          }
-          const i64 before = cur.n;
-          if (walk(t, base) != 0) return 1;
-          if (factor != 1.0)
-            for (i64 q = before; q < cur.n; ++q) cur.val[q] *= factor;
-          base += tt.flev[t - 1];
-        }
-        if (cur.full) {
-          fault_text("Out of memory: forming design", static_cast<int>(res.records));
-          return 1;
-        }
-        if (drop_row) {
-          cur.n = start;
-          res.records -= 1;
-          continue;
-        }
-        if (order) sort_row(start);
-      }
+      rstore(dd.datafr, r, dd.lbin, dd.rvec);
+      for (int k = 1; k <= dd.ntrt; ++k)
+        if (form_row(r, k)) return 1;
     }
     st.x.i[st.rowbase + res.records] = static_cast<i32>(cur.n);  // end of the last row
     res.nonzero = cur.n;
+    // Record terms (code -9) over fewer levels than the records they met.
     for (int t = 1; t <= tt.nfact; ++t) {
       if (tt.code(t) == -9 && tt.flev[t - 1] > 1 && tt.flev[t - 1] != dd.nrow &&
           tt.flev[t - 1] < dd.counter[t - 1]) {

@@ -135,6 +135,123 @@ int find_cycle(int rows, int nan, const int* ped, int stride, std::string& errms
   }
 }
 
+// The pedigree being sorted and the tables of one pass.  `ped` holds three
+// columns of stride nan (individual, sire, dam) with `rows` records in use;
+// `fgen` (stride nan) may be null.
+struct SortPass {
+  int nan = 0;
+  std::size_t n = 0;
+  span<const char* const> lvls;
+  int* ped = nullptr;
+  double* fgen = nullptr;
+  int rows = 0;
+  int* own = nullptr;      // record of each identity as individual
+  int* as_sire = nullptr;  // its first record as sire
+  int* as_dam = nullptr;   // its first record as dam
+  int* moved = nullptr;    // its new record
+  int marked = 0;          // identities moved to the front (NEW)
+  int inserted = 0;        // parents given a record of their own
+
+  // `table` holds 4*nan ints: own, as_sire, as_dam and moved.
+  SortPass(int nan_, span<const char* const> lvls_, int* ped_, double* fgen_, int rows_, int* table)
+      : nan(nan_), n(static_cast<std::size_t>(nan_)), lvls(lvls_), ped(ped_), fgen(fgen_),
+        rows(rows_), own(table), as_sire(table + n), as_dam(table + 2 * n), moved(table + 3 * n) {}
+};
+
+// Each identity's own record and its first records as sire and as dam.
+// Result 1 (with the text) when an identity has two records.
+int index_records(SortPass& sp, std::string& errmsg) {
+  std::fill(sp.own, sp.own + 4 * sp.n, -1);
+  for (int r = 0; r < sp.rows; ++r) {
+    const int id = sp.ped[r];
+    if (sp.own[id] != -1) {
+      errmsg = std::string("Pedigree individual \"") + sp.lvls[id] +
+               "\" has more than one record\n";
+      return 1;
+    }
+    sp.own[id] = r;
+  }
+  int* const first_of[2] = {sp.as_sire, sp.as_dam};
+  for (int c = 1; c < 3; ++c) {
+    const int* col = sp.ped + static_cast<std::size_t>(c) * sp.n;
+    int* first = first_of[c - 1];
+    for (int r = 0; r < sp.rows; ++r) {
+      const int id = col[r];
+      if (id >= 0 && first[id] == -1) first[id] = r;
+    }
+  }
+  return 0;
+}
+
+// Parents without a record are inserted and individuals that appear as a
+// parent before their own record are moved, to the front in the order of
+// `lvls`; each is reported.
+void mark_moves(SortPass& sp) {
+  sp.marked = 0;
+  sp.inserted = 0;
+  for (int i = 0; i < sp.nan; ++i) {
+    const int REC = sp.own[i], SIRE = sp.as_sire[i], DAM = sp.as_dam[i];
+    if (REC == -1 && (SIRE != -1 || DAM != -1)) {
+      sp.moved[i] = sp.marked++;
+      ++sp.inserted;
+      vprt("Pedigree insert: Individual \"%s\" inserted at record %d\n", sp.lvls[i], sp.marked);
+    } else if (SIRE != -1 && SIRE < REC) {
+      sp.moved[i] = sp.marked++;
+      vprt("Pedigree  order (P1): Individual \"%s\" moved to record %d\n", sp.lvls[i], sp.marked);
+    } else if (DAM != -1 && DAM < REC) {
+      sp.moved[i] = sp.marked++;
+      vprt("Pedigree  order (P2): Individual \"%s\" moved to record %d\n", sp.lvls[i], sp.marked);
+    }
+  }
+}
+
+// New order: marked rows first, then the rest in old record order.
+void place_rest(SortPass& sp, int* recid) {
+  for (int i = 0; i < sp.nan; ++i)
+    if (sp.own[i] >= 0) recid[sp.own[i]] = i;
+  int next = sp.marked;
+  for (int r = 0; r < sp.rows; ++r) {
+    const int i = recid[r];
+    if (sp.moved[i] == -1) sp.moved[i] = next++;
+  }
+}
+
+// The pedigree in the new order into newped (and fgen into newfgen, when in
+// use): an inserted parent has unknown parents and the default value fg;
+// `convert` turns a selfing generation number into the inbreeding
+// coefficient of a founder.
+void rebuild(const SortPass& sp, int* newped, double* newfgen, double fg, bool convert) {
+  const std::size_t n = sp.n;
+  int* nind = newped;
+  int* nsire = nind + n;
+  int* ndam = nsire + n;
+  for (int i = 0; i < sp.nan; ++i) {
+    const int k = sp.moved[i];
+    if (k < 0) continue;
+    const int REC = sp.own[i];
+    double value = fg;
+    if (REC == -1) {
+      nind[k] = i;
+      nsire[k] = -1;
+      ndam[k] = -1;
+    } else {
+      nind[k] = sp.ped[REC];
+      nsire[k] = sp.ped[n + REC];
+      ndam[k] = sp.ped[2 * n + REC];
+      if (sp.fgen) {
+        const double v = sp.fgen[REC];
+        const bool unknown_parent = nsire[k] < 0 || ndam[k] < 0;
+        value = (std::isnan(v) && unknown_parent) ? fg : v;
+      }
+    }
+    if (sp.fgen) {
+      if (convert && value >= 1 && (nsire[k] < 0 || ndam[k] < 0))
+        value = 1.0 - std::pow(0.5, value);
+      newfgen[k] = value;
+    }
+  }
+}
+
 // The ordering loop over identity codes (from 0, -1 unknown).  `ped` holds
 // three columns of stride nan with `lped` records in use; `fgen` (stride
 // nan) may be null.  `convert` turns a selfing generation number into the
@@ -155,56 +272,21 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
   }
   Buffer<int> recid = allocate<int>(n, "", errmsg);
   if (!recid) return res;
-  int* own = table.get();       // record of each identity as individual
-  int* as_sire = own + n;       // its first record as sire
-  int* as_dam = as_sire + n;    // its first record as dam
-  int* moved = as_dam + n;      // its new record
-  int* cols[3] = {own, as_sire, as_dam};
+  SortPass sp(nan, lvls, ped, fgen, lped, table.get());
 
-  int rows = lped;
   bool cycle_checked = false;
   for (int pass = 1;; ++pass) {
     res.passes = pass;
-    std::fill(table.get(), table.get() + 4 * n, -1);
-    for (int r = 0; r < rows; ++r) {
-      const int id = ped[r];
-      if (own[id] != -1) {
-        errmsg = std::string("Pedigree individual \"") + lvls[id] + "\" has more than one record\n";
-        return res;
-      }
-      own[id] = r;
-    }
-    for (int c = 1; c < 3; ++c) {
-      const int* col = ped + static_cast<std::size_t>(c) * n;
-      int* first = cols[c];
-      for (int r = 0; r < rows; ++r) {
-        const int id = col[r];
-        if (id >= 0 && first[id] == -1) first[id] = r;
-      }
-    }
-    int NEW = 0, INSERTED = 0;
-    for (int i = 0; i < nan; ++i) {
-      const int REC = own[i], SIRE = as_sire[i], DAM = as_dam[i];
-      if (REC == -1 && (SIRE != -1 || DAM != -1)) {
-        moved[i] = NEW++;
-        ++INSERTED;
-        vprt("Pedigree insert: Individual \"%s\" inserted at record %d\n", lvls[i], NEW);
-      } else if (SIRE != -1 && SIRE < REC) {
-        moved[i] = NEW++;
-        vprt("Pedigree  order (P1): Individual \"%s\" moved to record %d\n", lvls[i], NEW);
-      } else if (DAM != -1 && DAM < REC) {
-        moved[i] = NEW++;
-        vprt("Pedigree  order (P2): Individual \"%s\" moved to record %d\n", lvls[i], NEW);
-      }
-    }
-    if (nan != INSERTED + rows) {
+    if (index_records(sp, errmsg)) return res;
+    mark_moves(sp);
+    if (nan != sp.inserted + sp.rows) {
       errmsg = "nrow(pedigree)+insertions != number of individuals\n";
       return res;
     }
     // A second pass that still moves rows: make sure it is not a cycle.
-    if (NEW > 0 && pass >= 2 && !cycle_checked) {
+    if (sp.marked > 0 && pass >= 2 && !cycle_checked) {
       bool failed = false;
-      const int k = find_cycle(rows, nan, ped, nan, errmsg, failed);
+      const int k = find_cycle(sp.rows, nan, ped, nan, errmsg, failed);
       if (failed) return res;
       cycle_checked = true;
       if (k >= 0) {
@@ -218,55 +300,19 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
       errmsg = "Pedigree could not be ordered\n";
       return res;
     }
-    // New order: marked rows first, then the rest in old record order.
-    for (int i = 0; i < nan; ++i)
-      if (own[i] >= 0) recid[own[i]] = i;
-    int next = NEW;
-    for (int r = 0; r < rows; ++r) {
-      const int i = recid[r];
-      if (moved[i] == -1) moved[i] = next++;
-    }
-    // Rebuild.
-    int* nind = newped.get();
-    int* nsire = nind + n;
-    int* ndam = nsire + n;
-    for (int i = 0; i < nan; ++i) {
-      const int k = moved[i];
-      if (k < 0) continue;
-      const int REC = own[i];
-      double value = fg;
-      if (REC == -1) {
-        nind[k] = i;
-        nsire[k] = -1;
-        ndam[k] = -1;
-      } else {
-        nind[k] = ped[REC];
-        nsire[k] = ped[n + REC];
-        ndam[k] = ped[2 * n + REC];
-        if (fgen) {
-          const double v = fgen[REC];
-          const bool unknown_parent = nsire[k] < 0 || ndam[k] < 0;
-          value = (std::isnan(v) && unknown_parent) ? fg : v;
-        }
-      }
-      if (fgen) {
-        if (convert && value >= 1 && (nsire[k] < 0 || ndam[k] < 0))
-          value = 1.0 - std::pow(0.5, value);
-        newfgen[k] = value;
-      }
-    }
+    place_rest(sp, recid.get());
+    rebuild(sp, newped.get(), newfgen.get(), fg, convert);
     // The rebuilt pedigree replaces the input; a pass that moved nothing
     // ends the loop.
-    rows += INSERTED;
+    sp.rows += sp.inserted;
     std::memcpy(ped, newped.get(), 3 * n * sizeof(int));
     if (fgen) std::memcpy(fgen, newfgen.get(), n * sizeof(double));
-    if (NEW == 0) break;
+    if (sp.marked == 0) break;
   }
   res.status = 0;
-  res.rows = rows;
+  res.rows = sp.rows;
   return res;
 }
-
 bool fgen_in_use(span<const double> col4) {
   return !col4.empty() && (std::isnan(col4[0]) || col4[0] > -1);
 }

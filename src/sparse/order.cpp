@@ -29,6 +29,9 @@ namespace {
 
 constexpr i32 kSentinel = -2;    // head of a row in normal form
 constexpr i32 kComplement = -3;  // head of a row in complement form
+// Kinds of delay in DLY(2,.).
+constexpr i32 kDelayZeroDiagonal = 1;  // out of selection until a neighbour goes
+constexpr i32 kDelayFilins = 3;        // sorted as nearly full
 // Set bits of a word (no processor instruction is assumed).
 inline i32 popcount32(std::uint32_t v) {
   v = v - ((v >> 1) & 0x55555555u);
@@ -36,6 +39,9 @@ inline i32 popcount32(std::uint32_t v) {
   v = (v + (v >> 4)) & 0x0f0f0f0fu;
   return static_cast<i32>((v * 0x01010101u) >> 24);
 }
+// The working pattern is laid out again once the slots taken since the last
+// lay-out pass half of those laid out and this many besides.
+constexpr i64 kRelayoutSlack = 50000;
 // Rows in selection at which the ordering moves to its bit matrix.
 constexpr i32 kBitRows = 16384;
 
@@ -597,10 +603,11 @@ struct Ord {
     i32 joins = 0;
     for (i32 p = nemid; p >= nebot; --p) {
       const i32 e = IW2(p);
-      if (GRP2(e) < 0 || DLY2(e) == 1 || comp(e) || eff(e) <= 3) continue;
+      if (GRP2(e) < 0 || DLY2(e) == kDelayZeroDiagonal || comp(e) || eff(e) <= 3) continue;
       for (i64 s = WL(head(e)); s > 0; s = WL(s)) {
         const i32 c = WC(s);
-        if (c == e || !active(c) || GRP2(c) != 0 || DLY2(c) == 1 || comp(c)) continue;
+        if (c == e || !active(c) || GRP2(c) != 0 || DLY2(c) == kDelayZeroDiagonal || comp(c))
+          continue;
         if (ISZ1(c) != ISZ1(e) || ISZ2(c) != ISZ2(e) || !same_rows(e, c)) continue;
         GRP1(c) = GRP2(e) > 0 ? GRP1(e) : 0;
         GRP1(e) = c;
@@ -645,6 +652,496 @@ struct Ord {
   }
 };
 
+// Model code of the XFA structure.
+constexpr int kModelXfa = 15;
+
+// True when a term of the model is an XFA structure, whose psi fill this
+// ordering does not add yet.
+bool has_xfa_term(const OrderArgs& a) {
+  for (size_t t = 0; t < a.termcode.size(); ++t) {
+    const i32 code = a.termcode[t];
+    if (code < 20000 || a.lstruc < kModel) continue;
+    const int nsec = code / 10000, first = code % 10000;
+    for (int k : {first, first + nsec - 1}) {
+      const i64 at = static_cast<i64>(k - 1) * a.lstruc + (kModel - 1);
+      if (k >= 1 && at < static_cast<i64>(a.struc.size()) && a.struc[at] == kModelXfa) return true;
+    }
+  }
+  return false;
+}
+
+// True when sparse row e of the store has no element.
+bool empty_row(const Pool& pool, i32 e, i32 nd) {
+  const i64 h = e - nd;
+  return pool.lnk(h) == -1 || pool.col(h) == 0;
+}
+
+// Positions: dense fixed; empty rows to the top, the others in equation
+// order below them.
+void initial_positions(Ord& o, const Pool& pool) {
+  for (i32 p = 1; p <= o.nd; ++p) {
+    o.IW1(p) = p;
+    o.IW2(p) = p;
+  }
+  i32 lowp = o.nd, highp = o.neq + 1;
+  for (i32 e = o.nd + 1; e <= o.neq; ++e) {
+    const i32 q = empty_row(pool, e, o.nd) ? --highp : ++lowp;
+    o.IW1(e) = q;
+    o.IW2(q) = e;
+  }
+  o.netop = lowp;
+  o.nemid = lowp;
+  o.nebot = o.nd + 1;
+}
+
+// The symmetric pattern of the store's sparse rows, chains sorted by
+// equation; ISZ(1,.) counts the row lengths and DLY(1,.) the zero-valued
+// elements.  Result 1 on a broken store or a full working pattern.
+int build_pattern(Ord& o, const Pool& pool) {
+  const i32 neq = o.neq, nd = o.nd;
+  o.next = static_cast<i64>(neq) - nd;
+  for (i64 h = 1; h <= o.next; ++h) {
+    o.WC(h) = kSentinel;
+    o.WL(h) = 0;
+  }
+  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = static_cast<i32>(o.head(e));  // tails
+  for (i32 r = nd + 1; r <= neq; ++r) {
+    o.ISZ1(r) += 1;
+    if (empty_row(pool, r, nd)) continue;
+    int guard = 0;
+    for (i64 s = r - nd; s > 0; s = pool.lnk(s)) {
+      if (++guard > neq + 1 || s > pool.nval) return 1;
+      const i32 c = pool.col(s);
+      if (c <= nd || c >= r) continue;
+      if (c > neq) return 1;
+      if (pool.col(c - nd) == 0) continue;
+      // r into row c (behind its tail), c into row r.
+      for (int side = 0; side < 2; ++side) {
+        const i32 row = side ? c : r, col = side ? r : c;
+        const i64 t = o.take();
+        if (t == 0) return 1;
+        o.WC(t) = col;
+        o.WL(t) = 0;
+        o.WL(o.ISZ2(row)) = static_cast<i32>(t);
+        o.ISZ2(row) = static_cast<i32>(t);
+        o.ISZ1(row) += 1;
+        if (pool.val(s) == 0.0) o.DLY1(row) += 1;  // zero-valued elements
+      }
+    }
+  }
+  // Lower triangle chains were added row by row, ascending: row r receives
+  // its lower columns when r is visited and its upper columns later, so each
+  // chain ascends.  The tails kept in ISZ(2,.) are no longer needed: the
+  // word now caches fill counts.
+  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = 0;
+  return 0;
+}
+
+// Columns of e missing from the chain of its neighbour `longer`.
+i32 columns_outside(Ord& o, i32 e, i32 longer) {
+  i32 outside = 0;
+  i64 u = o.WL(o.head(longer));
+  for (i64 t = o.WL(o.head(e)); t > 0; t = o.WL(t)) {
+    const i32 c = o.WC(t);
+    if (c == longer) continue;
+    while (u > 0 && o.WC(u) < c) u = o.WL(u);
+    if (u <= 0 || o.WC(u) != c) ++outside;
+  }
+  return outside;
+}
+
+// Delays (mode 3).  A row with zero-valued elements is of a constraint
+// kind.  When it would add fill (a neighbour is shorter, or its columns
+// are not all in its first longer neighbour) it is held back ("Filins"):
+// its length is kept and it is sorted as nearly full.  A zero diagonal
+// keeps the row out of selection until a neighbour has been eliminated.
+// Result: true when some row waits on a zero diagonal.
+bool set_delays(Ord& o, const Pool& pool) {
+  bool delays = false;
+  for (i32 e = o.nd + 1; e <= o.neq; ++e) {
+    i32 zeros = o.DLY1(e);
+    o.DLY1(e) = 0;
+    o.DLY2(e) = 0;
+    if (empty_row(pool, e, o.nd)) {
+      o.DLY1(e) = -1;
+      continue;
+    }
+    const i64 d = g5vxii(e, pool, o.nd, 0);
+    const double diag = d > 0 ? pool.val(d) : 0.0;
+    if (diag == 0.0) ++zeros;
+    if (zeros == 0 || o.ISZ1(e) < 4) continue;
+    i32 longer = 0;
+    bool shorter = false;
+    for (i64 t = o.WL(o.head(e)); t > 0 && !shorter; t = o.WL(t)) {
+      const i32 c = o.WC(t);
+      if (o.ISZ1(c) < o.ISZ1(e)) shorter = true;
+      else if (longer == 0 && o.ISZ1(c) > o.ISZ1(e)) longer = c;
+    }
+    const i32 outside = !shorter && longer != 0 ? columns_outside(o, e, longer) : 0;
+    if (shorter || longer == 0 || outside > 0) {
+      if (o.a.trace) vprt("Filins %d %d %d\n", e, o.ISZ1(e), outside);
+      o.DLY1(e) = o.ISZ1(e);
+      o.DLY2(e) = kDelayFilins;
+    }
+    if (diag == 0.0 && o.ISZ1(e) > 1) {
+      o.DLY1(e) = o.ISZ1(e);  // a change of length tells of a neighbour gone
+      o.DLY2(e) = kDelayZeroDiagonal;
+      delays = true;
+    } else if (diag < 0.0) {
+      o.DLY1(e) = 0;
+      o.DLY2(e) = 0;
+    }
+  }
+  return delays;
+}
+
+// Priority equations: absorbed last.
+void place_priority(Ord& o) {
+  i32 np = 0;
+  for (i32 e : o.a.priority) {
+    if (e <= o.nd || e > o.neq) continue;
+    const i32 q = o.IW1(e);
+    if (q < o.nebot || q > o.netop) continue;
+    o.g5vedr(q);
+    ++np;
+  }
+  if (o.a.trace) vprt(" Priority equations %d\n", np);
+}
+
+// setnest: the block of a direct product whose rows of one level of the
+// larger factor are to be eliminated together.
+void set_nest(Ord& o) {
+  const OrderArgs& a = o.a;
+  const i64 first = static_cast<i64>(a.nest[0]) + 1;
+  const i64 len = static_cast<i64>(a.nest[1]) * a.nest[2];
+  if (a.trace) vprt("!EQO3a %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
+  if (a.nest[1] < 1 || a.nest[2] < 1 || first <= o.nd || first + len - 1 > o.neq) {
+    vprt("NESTEQ Error %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
+    g5verror(" Nesting record does not fit the equations: ordinary selection used", 2);
+    return;
+  }
+  o.nestact = true;
+  o.nfirst = static_cast<i32>(first);
+  o.nd1 = a.nest[1];
+  o.nd2 = a.nest[2];
+  o.nlen = len;
+  if (a.trace) vprt("!EQO3z %d %lld\n", o.nfirst, static_cast<long long>(o.nlen));
+}
+
+// The passes of the minimum-degree selection and what they carry from one
+// pass to the next.
+struct Selection {
+  Ord& o;
+  const Pool& pool;
+  bool delays = false;         // some row waits on a zero diagonal
+  bool groups_wanted = false;  // rows may join row groups
+  i32 lenhi = 0;               // the upper bound of the lengths taken
+  int idle = 0;                // passes in a row that chose nothing
+  i64 laid = 0;                // pattern slots at the last lay-out
+  i64 since_groups = -1;       // eliminations since the last search for groups
+
+  // Rows in selection that the rows left would fill in anyway.
+  bool full(i32 e) { return o.ISZ1(e) >= o.netop - o.nebot + 1; }
+  // Rows kept out of this choice by a delay.
+  bool held_back(i32 e, i32 lenlo) {
+    return o.DLY2(e) == kDelayZeroDiagonal || (o.DLY2(e) == kDelayFilins && 2 * o.DLY1(e) >= lenlo);
+  }
+
+  // Eliminates the row at position q (in selection) with its group.
+  // Result 1 on failure.
+  int eliminate(i32 q) {
+    const i32 e = o.IW2(q);
+    o.swap_pos(q, o.nemid);
+    const i32 inn = o.nemid;
+    if (o.g5veab(inn)) {
+      if (o.a.trace) vprt("EQABORT %d %d %d\n", o.nebot, inn, o.nemid);
+      return 1;
+    }
+    --o.nemid;
+    --o.netop;
+    o.place_members(e);
+    if (since_groups >= 0) ++since_groups;
+    o.lastlev = o.in_nest(e) ? o.nest_level(e) : -1;
+    return 0;
+  }
+
+  // The nesting rule: after a row of the nested block, the nearest row in
+  // selection of the same level goes next.  Result 1 on failure.
+  int follow_nest() {
+    while (o.nestact && o.lastlev >= 0 && o.nemid > o.nebot + 1) {
+      i32 q = o.nemid;
+      for (; q >= o.nebot; --q) {
+        const i32 f = o.IW2(q);
+        if (o.in_nest(f) && o.nest_level(f) == o.lastlev && o.DLY2(f) != kDelayZeroDiagonal &&
+            !full(f))
+          break;
+      }
+      if (q < o.nebot) {
+        if (o.a.trace) vprt("NESTGP %d\n", o.lastlev);
+        o.lastlev = -1;
+        break;
+      }
+      if (o.a.trace) vprt("EQ4b %d %d\n", o.IW2(q), o.lastlev);
+      if (eliminate(q)) return 1;
+    }
+    return 0;
+  }
+
+  // Delay release: a delayed row whose length has changed has lost a
+  // neighbour; it is freed once one of the lower columns of its row in the
+  // store has been eliminated, or when it has none.
+  void release_delays() {
+    bool any = false;
+    i32 ndelay = 0, nreleased = 0;
+    for (i32 p = o.nebot; p <= o.nemid; ++p) {
+      const i32 e = o.IW2(p);
+      if (o.DLY2(e) != kDelayZeroDiagonal) continue;
+      if (o.ISZ1(e) == o.DLY1(e)) {
+        any = true;
+        continue;
+      }
+      bool release = true;
+      for (i64 s = e - o.nd; s > 0; s = pool.lnk(s)) {
+        const i32 c = pool.col(s);
+        if (c > o.nd && c != e && c <= o.neq && o.IW1(c) > o.netop) {
+          release = true;
+          break;
+        }
+        if (c > o.nd && c != e) release = false;
+      }
+      if (o.a.trace) vprt("DDELAY %d %d %d %d %d\n", ++ndelay, e, o.neq - e, o.ISZ1(e), o.DLY1(e));
+      if (release) {
+        o.DLY2(e) = 0;
+        ++nreleased;
+      } else {
+        any = true;
+      }
+    }
+    if (o.a.trace) vprt("DDELAY sum %d %d\n", ndelay, nreleased);
+    if (!any) delays = false;
+  }
+
+  // Row groups, while the rows are still held in chains.  The search costs
+  // a walk of every chain, so it runs again only once a good part of the
+  // rows in selection has been eliminated since the last one.
+  void find_groups() {
+    if (!(groups_wanted && !o.nestact && !o.bitmode &&
+          (since_groups < 0 || since_groups > (o.nemid - o.nebot + 1) / 8)))
+      return;
+    const bool timed = o.a.trace && o.neq > 2000;
+    if (timed && since_groups < 0) g5vtme(6, " EOR Setup", 10);
+    const i32 joins = o.setgrps();
+    if (timed && joins > 0) {
+      g5vtme(6, " EOR Groups found", 17);
+      g5vtme(6, " EOR Groups done", 16);
+    }
+    since_groups = 0;
+  }
+
+  // Rows in the four longest buckets: close to full.
+  void report_full() {
+    i32 nfull[4] = {0, 0, 0, 0};
+    const i32 left = o.netop - o.nebot + 1;
+    for (i32 p = o.nebot; p <= o.nemid; ++p) {
+      const i32 gap = left - o.ISZ1(o.IW2(p));
+      if (gap >= 0 && gap < 4) ++nfull[gap];
+    }
+    if (nfull[0] + nfull[1] + nfull[2] + nfull[3] > 0)
+      vprt("%d %d %d %d ROWS FULL\n", nfull[0], nfull[1], nfull[2], nfull[3]);
+  }
+
+  // Full rows leave selection; trivial rows stay where they are.
+  void drop_full_and_trivial() {
+    while (o.nebot <= o.nemid && full(o.IW2(o.nebot))) o.g5vedr(o.nebot);
+    while (o.nemid >= o.nebot && o.ISZ1(o.IW2(o.nemid)) < 2 && o.GRP2(o.IW2(o.nemid)) <= 0 &&
+           o.DLY2(o.IW2(o.nemid)) != kDelayZeroDiagonal) {
+      o.fill += 1;
+      o.DLY1(o.IW2(o.nemid)) = -1;
+      o.swap_pos(o.nemid, o.netop);  // past any parked group members
+      --o.nemid;
+      --o.netop;
+    }
+  }
+
+  // nextbest: the least true fill among the eligible rows further down
+  // from position p (row e).  A smaller count replaces the best and halves
+  // the search's progress count; an equal count with a shorter row replaces
+  // it too; every row that does not improve adds one, and the search stops
+  // at 10, at a row that adds no fill, at the look-ahead depth (a twentieth
+  // of the rows in selection) or a fifth of the way up from NEBOT.
+  i32 pick_by_fill(i32 p, i32 e, i32 lenlo) {
+    i32 pick = p;
+    i64 best = o.cached_count(e);
+    const i32 span_rows = o.nemid - o.nebot;
+    const i32 lo = std::max(o.nebot + span_rows / 5, p - std::max<i32>(1, span_rows / 20));
+    int progress = 0;
+    for (i32 q = p - 1; q >= lo && best > 0 && progress < 10; --q) {
+      const i32 f = o.IW2(q);
+      if (o.eff(f) > lenlo || held_back(f, lenlo) || full(f)) continue;
+      const i64 cf = o.cached_count(f);
+      if (cf < best) {
+        best = cf;
+        pick = q;
+        progress /= 2;
+      } else if (cf == best && o.eff(f) < o.eff(o.IW2(pick))) {
+        pick = q;
+        ++progress;
+      } else {
+        ++progress;
+      }
+    }
+    return pick;
+  }
+
+  // Five rows down from position p (row e, effective length len), a
+  // strictly better row replaces the choice: shorter; at equal length the
+  // lower equation when neither is a group, the larger group when both are.
+  i32 pick_five_down(i32 p, i32 e, i32 len, i32 lenlo) {
+    if (p - 5 < o.nebot) return p;
+    const i32 f = o.IW2(p - 5);
+    const i32 lf = o.eff(f), gf = o.GRP2(f), ge = o.GRP2(e);
+    bool better = lf < len;
+    if (lf == len) better = (gf > 0 && ge > 0) ? gf > ge : (gf <= 0 && ge <= 0 && f < e);
+    return !held_back(f, lenlo) && !full(f) && better ? p - 5 : p;
+  }
+
+  // One pass from NEMID down: rows up to `lenlo` long are eliminated as
+  // they are met; when none is, lenlo rises towards the mean length of the
+  // rows passed over.  Result 1 on failure.
+  int choose(i32 lenlo, bool& chose, bool& stop) {
+    while (true) {
+      int count = 0, limit = 12;
+      i64 sum = 0;
+      i32 minpass = 0x7fffffff;
+      bool chosen_now = false;
+      for (i32 p = o.nemid; p >= o.nebot && p <= o.nemid;) {
+        const i32 e = o.IW2(p);
+        if (full(e)) {
+          o.g5vedr(p);
+          if (p < o.nebot || p > o.nemid) break;
+          continue;
+        }
+        const i32 len = o.eff(e);
+        if (len > lenlo || held_back(e, lenlo)) {
+          ++count;
+          sum += std::min(len, lenlo + 8);
+          if (len < minpass) minpass = len;
+          if (count > limit) break;
+          if (count >= 100 && lenlo < lenhi) break;
+          --p;
+          continue;
+        }
+        const i32 pick =
+            o.variant == 1 ? pick_by_fill(p, e, lenlo) : pick_five_down(p, e, len, lenlo);
+        if (eliminate(pick) || follow_nest()) return 1;
+        chosen_now = true;
+        chose = true;
+        limit = count + 12;
+        if (o.nemid <= o.nebot + 1) {
+          stop = true;
+          break;
+        }
+        if (p > o.nemid) p = o.nemid;
+        else --p;
+      }
+      if (stop || chosen_now) break;
+      if (lenhi <= lenlo || count < 11) break;
+      const i32 mean = count ? static_cast<i32>(sum / count) : lenlo;
+      lenlo = std::max(mean, lenlo + 2);
+      if (lenlo < minpass) lenlo = minpass;
+    }
+    return 0;
+  }
+
+  // The passes, until the rows left fill in anyway.  Result 1 on failure.
+  int run() {
+    const OrderArgs& a = o.a;
+    while (o.nemid > o.nebot) {
+      // The nesting rule holds while rows of the block are left.
+      if (o.nestact) {
+        bool left = false;
+        for (i32 p = o.nebot; p <= o.netop && !left; ++p) left = o.in_nest(o.IW2(p));
+        if (!left) o.nestact = false;
+      }
+      if (delays) release_delays();
+      find_groups();
+      if (!o.bitmode && (a.bitrows != 0)) o.enter_bitmode();
+      if (!o.bitmode && o.taken > laid / 2 + kRelayoutSlack) {
+        const i64 l2 = o.relayout();
+        laid = l2 >= 0 ? l2 : laid * 2;
+      }
+      o.sort_active();
+      if (a.trace && o.netop > 5) report_full();
+      drop_full_and_trivial();
+      if (o.nemid <= o.nebot) break;
+      if (o.nebot + 10 > o.netop) break;
+      const i32 nfree = o.nemid - o.nebot + 1;
+      i32 k = std::max<i32>(200, nfree / 20);
+      if (k > nfree / 2) k = nfree / 2;
+      const i32 kk = o.nemid - k;
+      const i32 minlen = o.eff(o.IW2(o.nemid));
+      const i32 lenlo = minlen + 1;
+      const float sq = std::sqrt(0.9f * static_cast<float>(minlen));
+      lenhi = std::max({o.eff(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
+                        minlen + 1 + static_cast<i32>(std::lround(sq))});
+      if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
+      // Rows long against what is left fill in anyway: stop ordering.
+      // (Lengths count group members, so they are set against all the
+      // equations still to be placed, parked members included.)
+      if (lenlo > (o.netop - o.nebot + 1) / 3 + 1) break;
+      bool chose = false, stop = false;
+      if (choose(lenlo, chose, stop)) return 1;
+      if (stop) break;
+      if (!chose) {
+        if (++idle > 2) break;
+        // Only delayed rows are short: release them all.
+        for (i32 p = o.nebot; p <= o.nemid; ++p) o.DLY2(o.IW2(p)) = 0;
+        delays = false;
+      } else {
+        idle = 0;
+      }
+    }
+    return 0;
+  }
+};
+
+// The rest fills in as a dense block (rows from nebot to netop); the order
+// is checked (every equation once) and IW(1,.) set to the positions.
+// Result 1 when the order is not valid.
+int finish(Ord& o) {
+  OrderArgs& a = o.a;
+  const i32 neq = o.neq, nd = o.nd;
+  const i64 m = o.netop - o.nebot + 1;
+  if (m > 0) o.fill += m * (m + 1) / 2;
+  const i64 nb = o.nebot - (nd + 1);
+  if (nb > 0) o.fill += nb * (nb + 1) / 2 + nb * (m > 0 ? m : 0);
+  a.fill = o.fill;
+  a.tail = (o.netop > o.nebot ? o.netop - o.nebot + 1 : 0) + (o.nebot - (nd + 1));
+
+  for (i32 e = 1; e <= neq; ++e) o.tmp[e - 1] = 0;
+  int dup = 0;
+  for (i32 p = 1; p <= neq; ++p) {
+    const i32 e = o.IW2(p);
+    if (e < 1 || e > neq || o.tmp[e - 1] != 0) {
+      if (a.trace) vprt("fff? %d %d\n", p, e);
+      ++dup;
+      continue;
+    }
+    o.tmp[e - 1] = p;
+  }
+  if (dup) return 1;
+  for (i32 e = 1; e <= neq; ++e) o.IW1(e) = o.tmp[e - 1];
+  if (a.trace && neq < 85) {
+    for (i32 p = 1; p <= neq; ++p) vprt(" %d", o.IW2(p));
+    vprt("\n");
+  }
+  return 0;
+}
+
+// Words of the per-equation tables at the front of the integer scratch:
+// ISZ, GRP and DLY pairs and two lists of NEQ.
+constexpr i64 kTableWords = 8;
+
 int order_main(OrderArgs& a, int variant) {
   int dummy = 0;
   int& err = a.err ? *a.err : dummy;
@@ -654,7 +1151,7 @@ int order_main(OrderArgs& a, int variant) {
     return 1;
   }
   const i32 neq = st->neq, nd = st->ndense;
-  const i64 need = 8 * static_cast<i64>(neq);
+  const i64 need = kTableWords * static_cast<i64>(neq);
   if (neq < 1 || nd < 1 || nd > neq || a.iw.size() < 2u * neq ||
       static_cast<i64>(a.work.size()) < need + 2 * (static_cast<i64>(neq) - nd + 1)) {
     err = 7;
@@ -674,457 +1171,60 @@ int order_main(OrderArgs& a, int variant) {
   o.mo = (a.mode % 10) - 1;
   a.fill = 0;
   a.peak = 0;
-  const i64 nheads = static_cast<i64>(neq) - nd;
-  if (o.maxlx < nheads) {
+  if (o.maxlx < static_cast<i64>(neq) - nd) {
     err = 7;
     return 1;
   }
-
-  // XFA terms need their psi fill, which this ordering does not add yet.
-  for (size_t t = 0; t < a.termcode.size(); ++t) {
-    const i32 code = a.termcode[t];
-    if (code < 20000 || a.lstruc < 3) continue;
-    const int nsec = code / 10000, first = code % 10000;
-    for (int k : {first, first + nsec - 1}) {
-      const i64 at = static_cast<i64>(k - 1) * a.lstruc + 2;
-      if (k >= 1 && at < static_cast<i64>(a.struc.size()) && a.struc[at] == 15) {
-        g5verror(" Ordering of XFA terms not available yet", 3);
-        err = 7;
-        return 1;
-      }
-    }
+  if (has_xfa_term(a)) {
+    g5verror(" Ordering of XFA terms not available yet", 3);
+    err = 7;
+    return 1;
   }
-  const bool groups_wanted = o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0;
   a.groups = 0;
   a.complements = 0;
 
   for (i64 k = 0; k < need; ++k) a.work[k] = 0;
-  // Positions: dense fixed; empty rows to the top.
-  for (i32 p = 1; p <= nd; ++p) {
-    o.IW1(p) = p;
-    o.IW2(p) = p;
-  }
   const Pool pool = st->pool();
-  i32 lowp = nd, highp = neq + 1;
-  for (i32 e = nd + 1; e <= neq; ++e) {
-    const i64 h = e - nd;
-    const bool empty = pool.lnk(h) == -1 || pool.col(h) == 0;
-    const i32 q = empty ? --highp : ++lowp;
-    o.IW1(e) = q;
-    o.IW2(q) = e;
+  initial_positions(o, pool);
+  if (build_pattern(o, pool)) {
+    err = 7;
+    return 1;
   }
-  o.netop = lowp;
-  o.nemid = lowp;
-  o.nebot = nd + 1;
-
-  // Symmetric pattern, chains sorted by equation.
-  o.next = nheads;
-  for (i64 h = 1; h <= nheads; ++h) {
-    o.WC(h) = kSentinel;
-    o.WL(h) = 0;
-  }
-  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = static_cast<i32>(o.head(e));  // tails
-  for (i32 r = nd + 1; r <= neq; ++r) {
-    o.ISZ1(r) += 1;
-    const i64 h = r - nd;
-    if (pool.lnk(h) == -1 || pool.col(h) == 0) continue;
-    int guard = 0;
-    for (i64 s = h; s > 0; s = pool.lnk(s)) {
-      if (++guard > neq + 1 || s > pool.nval) {
-        err = 7;
-        return 1;
-      }
-      const i32 c = pool.col(s);
-      if (c <= nd || c >= r) continue;
-      if (c > neq) {
-        err = 7;
-        return 1;
-      }
-      const i64 hc = c - nd;
-      if (pool.col(hc) == 0) continue;
-      // r into row c (behind its tail), c into row r.
-      for (int side = 0; side < 2; ++side) {
-        const i32 row = side ? c : r, col = side ? r : c;
-        const i64 t = o.take();
-        if (t == 0) {
-          err = 7;
-          return 1;
-        }
-        o.WC(t) = col;
-        o.WL(t) = 0;
-        o.WL(o.ISZ2(row)) = static_cast<i32>(t);
-        o.ISZ2(row) = static_cast<i32>(t);
-        o.ISZ1(row) += 1;
-        if (pool.val(s) == 0.0) o.DLY1(row) += 1;  // zero-valued elements
-      }
-    }
-  }
-  // Lower triangle chains were added row by row, ascending: row r receives
-  // its lower columns when r is visited and its upper columns later, so each
-  // chain ascends.  The tails kept in ISZ(2,.) are no longer needed: the
-  // word now caches fill counts.
-  for (i32 e = nd + 1; e <= neq; ++e) o.ISZ2(e) = 0;
-
-  // Delays (mode 3).  A row with zero-valued elements is of a constraint
-  // kind.  When it would add fill (a neighbour is shorter, or its columns
-  // are not all in its first longer neighbour) it is held back ("Filins"):
-  // its length is kept and it is sorted as nearly full.  A zero diagonal
-  // keeps the row out of selection until a neighbour has been eliminated.
-  bool delays = false;
+  Selection sel{o, pool};
+  sel.groups_wanted = o.mo >= 2 && o.mo <= 4 && a.nest[0] == 0;
   if (o.mo == 3) {
-    for (i32 e = nd + 1; e <= neq; ++e) {
-      const i64 h = e - nd;
-      i32 zeros = o.DLY1(e);
-      o.DLY1(e) = 0;
-      o.DLY2(e) = 0;
-      if (pool.lnk(h) == -1 || pool.col(h) == 0) {
-        o.DLY1(e) = -1;
-        continue;
-      }
-      const i64 d = g5vxii(e, pool, nd, 0);
-      const double diag = d > 0 ? pool.val(d) : 0.0;
-      if (diag == 0.0) ++zeros;
-      if (zeros == 0 || o.ISZ1(e) < 4) continue;
-      i32 longer = 0;
-      bool shorter = false;
-      for (i64 t = o.WL(o.head(e)); t > 0 && !shorter; t = o.WL(t)) {
-        const i32 c = o.WC(t);
-        if (o.ISZ1(c) < o.ISZ1(e)) shorter = true;
-        else if (longer == 0 && o.ISZ1(c) > o.ISZ1(e)) longer = c;
-      }
-      i32 outside = 0;  // columns of e missing from the longer neighbour
-      if (!shorter && longer != 0) {
-        i64 u = o.WL(o.head(longer));
-        for (i64 t = o.WL(o.head(e)); t > 0; t = o.WL(t)) {
-          const i32 c = o.WC(t);
-          if (c == longer) continue;
-          while (u > 0 && o.WC(u) < c) u = o.WL(u);
-          if (u <= 0 || o.WC(u) != c) ++outside;
-        }
-      }
-      if (shorter || longer == 0 || outside > 0) {
-        if (a.trace) vprt("Filins %d %d %d\n", e, o.ISZ1(e), outside);
-        o.DLY1(e) = o.ISZ1(e);
-        o.DLY2(e) = 3;
-      }
-      if (diag == 0.0 && o.ISZ1(e) > 1) {
-        o.DLY1(e) = o.ISZ1(e);  // a change of length tells of a neighbour gone
-        o.DLY2(e) = 1;
-        delays = true;
-      } else if (diag < 0.0) {
-        o.DLY1(e) = 0;
-        o.DLY2(e) = 0;
-      }
-    }
+    sel.delays = set_delays(o, pool);
   } else {
     for (i32 e = nd + 1; e <= neq; ++e) {
       o.DLY1(e) = 0;
       o.DLY2(e) = 0;
     }
   }
+  if (!a.priority.empty()) place_priority(o);
+  if (static_cast<i64>(a.nest[1]) * a.nest[2] != 0) set_nest(o);
 
-  // Priority equations: absorbed last.
-  if (!a.priority.empty()) {
-    i32 np = 0;
-    for (i32 e : a.priority) {
-      if (e <= nd || e > neq) continue;
-      const i32 q = o.IW1(e);
-      if (q < o.nebot || q > o.netop) continue;
-      o.g5vedr(q);
-      ++np;
-    }
-    if (a.trace) vprt(" Priority equations %d\n", np);
-  }
-
-  // setnest: the block of a direct product whose rows of one level of the
-  // larger factor are to be eliminated together.
-  if (static_cast<i64>(a.nest[1]) * a.nest[2] != 0) {
-    const i64 first = static_cast<i64>(a.nest[0]) + 1;
-    const i64 len = static_cast<i64>(a.nest[1]) * a.nest[2];
-    if (a.trace) vprt("!EQO3a %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
-    if (a.nest[1] < 1 || a.nest[2] < 1 || first <= nd || first + len - 1 > neq) {
-      vprt("NESTEQ Error %d %d %d\n", a.nest[0], a.nest[1], a.nest[2]);
-      g5verror(" Nesting record does not fit the equations: ordinary selection used", 2);
-    } else {
-      o.nestact = true;
-      o.nfirst = static_cast<i32>(first);
-      o.nd1 = a.nest[1];
-      o.nd2 = a.nest[2];
-      o.nlen = len;
-      if (a.trace) vprt("!EQO3z %d %lld\n", o.nfirst, static_cast<long long>(o.nlen));
-    }
-  }
-
-  // Passes.
-  i32 lenhi = 0;
-  int idle = 0;
-  i64 laid = o.relayout();
-  if (laid < 0) laid = o.next;
-  i64 since_groups = -1;  // eliminations since the last search for groups
-  // Eliminates the row at position q (in selection) with its group.
-  // Result 1 on failure.
-  auto eliminate = [&](i32 q) -> int {
-    const i32 e = o.IW2(q);
-    o.swap_pos(q, o.nemid);
-    const i32 inn = o.nemid;
-    if (o.g5veab(inn)) {
-      if (a.trace) vprt("EQABORT %d %d %d\n", o.nebot, inn, o.nemid);
-      return 1;
-    }
-    --o.nemid;
-    --o.netop;
-    o.place_members(e);
-    if (since_groups >= 0) ++since_groups;
-    o.lastlev = o.in_nest(e) ? o.nest_level(e) : -1;
-    return 0;
-  };
-  // The nesting rule: after a row of the nested block, the nearest row in
-  // selection of the same level goes next.  Result 1 on failure.
-  auto follow_nest = [&]() -> int {
-    while (o.nestact && o.lastlev >= 0 && o.nemid > o.nebot + 1) {
-      i32 q = o.nemid;
-      for (; q >= o.nebot; --q) {
-        const i32 f = o.IW2(q);
-        if (o.in_nest(f) && o.nest_level(f) == o.lastlev && o.DLY2(f) != 1 &&
-            o.ISZ1(f) < o.netop - o.nebot + 1)
-          break;
-      }
-      if (q < o.nebot) {
-        if (a.trace) vprt("NESTGP %d\n", o.lastlev);
-        o.lastlev = -1;
-        break;
-      }
-      if (a.trace) vprt("EQ4b %d %d\n", o.IW2(q), o.lastlev);
-      if (eliminate(q)) return 1;
-    }
-    return 0;
-  };
-  while (o.nemid > o.nebot) {
-    // The nesting rule holds while rows of the block are left.
-    if (o.nestact) {
-      bool left = false;
-      for (i32 p = o.nebot; p <= o.netop && !left; ++p) left = o.in_nest(o.IW2(p));
-      if (!left) o.nestact = false;
-    }
-    // Delay release: a delayed row whose length has changed has lost a
-    // neighbour; it is freed once one of the lower columns of its row in
-    // the store has been eliminated, or when it has none.
-    if (delays) {
-      bool any = false;
-      i32 ndelay = 0, nreleased = 0;
-      for (i32 p = o.nebot; p <= o.nemid; ++p) {
-        const i32 e = o.IW2(p);
-        if (o.DLY2(e) != 1) continue;
-        if (o.ISZ1(e) == o.DLY1(e)) {
-          any = true;
-          continue;
-        }
-        bool release = true;
-        for (i64 s = e - nd; s > 0; s = pool.lnk(s)) {
-          const i32 c = pool.col(s);
-          if (c > nd && c != e && c <= neq && o.IW1(c) > o.netop) {
-            release = true;
-            break;
-          }
-          if (c > nd && c != e) release = false;
-        }
-        if (a.trace) vprt("DDELAY %d %d %d %d %d\n", ++ndelay, e, neq - e, o.ISZ1(e), o.DLY1(e));
-        if (release) {
-          o.DLY2(e) = 0;
-          ++nreleased;
-        } else {
-          any = true;
-        }
-      }
-      if (a.trace) vprt("DDELAY sum %d %d\n", ndelay, nreleased);
-      if (!any) delays = false;
-    }
-    // Row groups, while the rows are still held in chains.  The search
-    // costs a walk of every chain, so it runs again only once a good part
-    // of the rows in selection has been eliminated since the last one.
-    if (groups_wanted && !o.nestact && !o.bitmode &&
-        (since_groups < 0 || since_groups > (o.nemid - o.nebot + 1) / 8)) {
-      const bool timed = a.trace && neq > 2000;
-      if (timed && since_groups < 0) g5vtme(6, " EOR Setup", 10);
-      const i32 joins = o.setgrps();
-      if (timed && joins > 0) {
-        g5vtme(6, " EOR Groups found", 17);
-        g5vtme(6, " EOR Groups done", 16);
-      }
-      since_groups = 0;
-    }
-    if (!o.bitmode && (a.bitrows != 0)) o.enter_bitmode();
-    if (!o.bitmode && o.taken > laid / 2 + 50000) {
-      const i64 l2 = o.relayout();
-      laid = l2 >= 0 ? l2 : laid * 2;
-    }
-    o.sort_active();
-    if (a.trace && o.netop > 5) {
-      // Rows in the four longest buckets: close to full.
-      i32 nfull[4] = {0, 0, 0, 0};
-      const i32 left = o.netop - o.nebot + 1;
-      for (i32 p = o.nebot; p <= o.nemid; ++p) {
-        const i32 gap = left - o.ISZ1(o.IW2(p));
-        if (gap >= 0 && gap < 4) ++nfull[gap];
-      }
-      if (nfull[0] + nfull[1] + nfull[2] + nfull[3] > 0)
-        vprt("%d %d %d %d ROWS FULL\n", nfull[0], nfull[1], nfull[2], nfull[3]);
-    }
-    // Full rows.
-    while (o.nebot <= o.nemid && o.ISZ1(o.IW2(o.nebot)) >= o.netop - o.nebot + 1) o.g5vedr(o.nebot);
-    // Trivial rows stay where they are.
-    while (o.nemid >= o.nebot && o.ISZ1(o.IW2(o.nemid)) < 2 && o.GRP2(o.IW2(o.nemid)) <= 0 &&
-           o.DLY2(o.IW2(o.nemid)) != 1) {
-      o.fill += 1;
-      o.DLY1(o.IW2(o.nemid)) = -1;
-      o.swap_pos(o.nemid, o.netop);  // past any parked group members
-      --o.nemid;
-      --o.netop;
-    }
-    if (o.nemid <= o.nebot) break;
-    if (o.nebot + 10 > o.netop) break;
-    const i32 nfree = o.nemid - o.nebot + 1;
-    i32 k = std::max<i32>(200, nfree / 20);
-    if (k > nfree / 2) k = nfree / 2;
-    const i32 kk = o.nemid - k;
-    const i32 minlen = o.eff(o.IW2(o.nemid));
-    i32 lenlo = minlen + 1;
-    const float sq = std::sqrt(0.9f * static_cast<float>(minlen));
-    lenhi = std::max({o.eff(o.IW2(kk >= o.nebot ? kk : o.nebot)), lenhi + 5,
-                      minlen + 1 + static_cast<i32>(std::lround(sq))});
-    if (a.trace) vprt("EOR  %d %d %d %d %d 0\n", o.nebot, o.nemid, o.netop, lenlo, lenhi);
-    // Rows long against what is left fill in anyway: stop ordering.
-    // (Lengths count group members, so they are set against all the
-    // equations still to be placed, parked members included.)
-    if (lenlo > (o.netop - o.nebot + 1) / 3 + 1) break;
-    bool chose = false;
-    bool stop = false;
-    while (true) {
-      int count = 0, limit = 12;
-      i64 sum = 0;
-      i32 minpass = 0x7fffffff;
-      bool chosen_now = false;
-      for (i32 p = o.nemid; p >= o.nebot && p <= o.nemid;) {
-        const i32 e = o.IW2(p);
-        if (o.ISZ1(e) >= o.netop - o.nebot + 1) {
-          o.g5vedr(p);
-          if (p < o.nebot || p > o.nemid) break;
-          continue;
-        }
-        const i32 len = o.eff(e);
-        if (len > lenlo || o.DLY2(e) == 1 || (o.DLY2(e) == 3 && 2 * o.DLY1(e) >= lenlo)) {
-          ++count;
-          sum += std::min(len, lenlo + 8);
-          if (len < minpass) minpass = len;
-          if (count > limit) break;
-          if (count >= 100 && lenlo < lenhi) break;
-          --p;
-          continue;
-        }
-        i32 pick = p;
-        if (variant == 1) {
-          // nextbest: the least true fill among the eligible rows further
-          // down.  A smaller count replaces the best and halves the search's
-          // progress count; an equal count with a shorter row replaces it
-          // too; every row that does not improve adds one, and the search
-          // stops at 10, at a row that adds no fill, at the look-ahead depth
-          // (a twentieth of the rows in selection) or a fifth of the way up
-          // from NEBOT.
-          i64 best = o.cached_count(e);
-          const i32 span_rows = o.nemid - o.nebot;
-          const i32 lo = std::max(o.nebot + span_rows / 5, p - std::max<i32>(1, span_rows / 20));
-          int progress = 0;
-          for (i32 q = p - 1; q >= lo && best > 0 && progress < 10; --q) {
-            const i32 f = o.IW2(q);
-            if (o.eff(f) > lenlo || o.DLY2(f) == 1 || (o.DLY2(f) == 3 && 2 * o.DLY1(f) >= lenlo) ||
-                o.ISZ1(f) >= o.netop - o.nebot + 1)
-              continue;
-            const i64 cf = o.cached_count(f);
-            if (cf < best) {
-              best = cf;
-              pick = q;
-              progress /= 2;
-            } else if (cf == best && o.eff(f) < o.eff(o.IW2(pick))) {
-              pick = q;
-              ++progress;
-            } else {
-              ++progress;
-            }
-          }
-        } else if (p - 5 >= o.nebot) {
-          // Five rows down, a strictly better row replaces the choice:
-          // shorter; at equal length the lower equation when neither is
-          // a group, the larger group when both are.
-          const i32 f = o.IW2(p - 5);
-          const i32 lf = o.eff(f), gf = o.GRP2(f), ge = o.GRP2(e);
-          bool better = lf < len;
-          if (lf == len) better = (gf > 0 && ge > 0) ? gf > ge : (gf <= 0 && ge <= 0 && f < e);
-          const bool held = o.DLY2(f) == 1 || (o.DLY2(f) == 3 && 2 * o.DLY1(f) >= lenlo);
-          if (!held && o.ISZ1(f) < o.netop - o.nebot + 1 && better) pick = p - 5;
-        }
-        if (eliminate(pick) || follow_nest()) {
-          err = 7;
-          return 1;
-        }
-        chosen_now = true;
-        chose = true;
-        limit = count + 12;
-        if (o.nemid <= o.nebot + 1) {
-          stop = true;
-          break;
-        }
-        if (p > o.nemid) p = o.nemid;
-        else --p;
-      }
-      if (stop || chosen_now) break;
-      if (lenhi <= lenlo || count < 11) break;
-      const i32 mean = count ? static_cast<i32>(sum / count) : lenlo;
-      lenlo = std::max(mean, lenlo + 2);
-      if (lenlo < minpass) lenlo = minpass;
-    }
-    if (stop) break;
-    if (!chose) {
-      if (++idle > 2) break;
-      // Only delayed rows are short: release them all.
-      for (i32 p = o.nebot; p <= o.nemid; ++p) o.DLY2(o.IW2(p)) = 0;
-      delays = false;
-    } else {
-      idle = 0;
-    }
-  }
-
-  // The rest fills in as a dense block (rows from nebot to netop).
-  {
-    const i64 m = o.netop - o.nebot + 1;
-    if (m > 0) o.fill += m * (m + 1) / 2;
-    const i64 nb = o.nebot - (nd + 1);
-    if (nb > 0) o.fill += nb * (nb + 1) / 2 + nb * (m > 0 ? m : 0);
-  }
-  a.fill = o.fill;
-  a.tail = (o.netop > o.nebot ? o.netop - o.nebot + 1 : 0) + (o.nebot - (nd + 1));
-
-  // Check: every equation once.
-  for (i32 e = 1; e <= neq; ++e) o.tmp[e - 1] = 0;
-  int dup = 0;
-  for (i32 p = 1; p <= neq; ++p) {
-    const i32 e = o.IW2(p);
-    if (e < 1 || e > neq || o.tmp[e - 1] != 0) {
-      if (a.trace) vprt("fff? %d %d\n", p, e);
-      ++dup;
-      continue;
-    }
-    o.tmp[e - 1] = p;
-  }
-  if (dup) {
+  sel.laid = o.relayout();
+  if (sel.laid < 0) sel.laid = o.next;
+  if (sel.run() || finish(o)) {
     err = 7;
     return 1;
   }
-  for (i32 e = 1; e <= neq; ++e) o.IW1(e) = o.tmp[e - 1];
-  if (a.trace && neq < 85) {
-    for (i32 p = 1; p <= neq; ++p) vprt(" %d", o.IW2(p));
-    vprt("\n");
-  }
   return 0;
+}
+
+// Calls fn(r, c) for each element (r, c) of the store's sparse rows with
+// NDENSE < c < r, the rows taken from `first` to `last` (either way).
+template <class Fn>
+void for_each_lower_pair(const Pool& p, i32 nd, i32 first, i32 last, Fn&& fn) {
+  const i32 step = first <= last ? 1 : -1;
+  for (i32 r = first; r != last + step; r += step) {
+    const i64 h = r - nd;
+    if (p.lnk(h) == -1) continue;
+    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
+      const i32 c = p.col(sl);
+      if (c > nd && c < r) fn(r, c);
+    }
+  }
 }
 
 }  // namespace
@@ -1164,40 +1264,21 @@ i64 symbolic_fill(const MmeStore& s, span<const i32> iw, span<i32> work) {
   // row, but rows must be visited in ascending step.  Collect by step.
   // Count pairs per step first.
   i64 pairs = 0;
-  for (i32 r = nd + 1; r <= neq; ++r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl))
-      if (p.col(sl) > nd && p.col(sl) < r) ++pairs;
-  }
+  for_each_lower_pair(p, nd, nd + 1, neq, [&](i32, i32) { ++pairs; });
   if (work.size() < static_cast<size_t>(4 * n + 2 + (n + 1) + pairs)) return -1;
   i32* start = anc + n;   // n+1
   i32* adj = start + n + 1;
   for (i64 k = 0; k <= n; ++k) start[k] = 0;
-  for (i32 r = nd + 1; r <= neq; ++r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
-      const i32 c = p.col(sl);
-      if (c > nd && c < r) {
-        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
-        ++start[(a > b ? a : b)];
-      }
-    }
-  }
+  for_each_lower_pair(p, nd, nd + 1, neq, [&](i32 r, i32 c) {
+    const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+    ++start[(a > b ? a : b)];
+  });
   for (i64 k = 1; k <= n; ++k) start[k] += start[k - 1];
-  for (i32 r = neq; r > nd; --r) {
-    const i64 h = r - nd;
-    if (p.lnk(h) == -1) continue;
-    for (i64 sl = h; sl > 0; sl = p.lnk(sl)) {
-      const i32 c = p.col(sl);
-      if (c > nd && c < r) {
-        const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
-        const i32 hi = a > b ? a : b, lo = a > b ? b : a;
-        adj[--start[hi]] = lo;
-      }
-    }
-  }
+  for_each_lower_pair(p, nd, neq, nd + 1, [&](i32 r, i32 c) {
+    const i32 a = pos[r - nd - 1], b = pos[c - nd - 1];
+    const i32 hi = a > b ? a : b, lo = a > b ? b : a;
+    adj[--start[hi]] = lo;
+  });
   // start[k-1]..start[k]-1 are the lower neighbours of step k (1-based k:
   // entries start[k-1]... after the decrement loop, start[k] is the
   // beginning of step k's run; its end is start[k+1]).

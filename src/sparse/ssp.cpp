@@ -52,11 +52,28 @@ int out_of_memory(int& err, const char* text) {
   return 1;
 }
 
-// ACC += rij times the record's design values b..e over its active columns;
-// a column met for the first time is marked and appended to LIST (n
-// entries so far).  Result 1 with err 130 for a column above NEQ.
-int accumulate_record(const MmeStore& s, const SspSection& sec, SspScratch& w, i64 b, i64 e,
-                      double rij, i64& n) {
+// Error word of a column above NEQ or views too small.
+constexpr int kBadDesign = 130;
+// Error words of add_to_row.
+constexpr int kBrokenRow = 136;
+constexpr int kNoSlot = 6;
+// Added to the error word by a multivariate section that cannot be handled.
+constexpr int kInvalidMultivariate = 1000;
+
+// The design values of record r: positions b..e.  False when they lie
+// outside the views.
+bool record_range(const DesignView& d, i64 r, i64& b, i64& e) {
+  b = d.start.at1(r);
+  e = d.start.at1(r + 1) - 1;
+  return b >= 1 && e <= static_cast<i64>(d.val.size()) && e >= b - 1;
+}
+
+// Calls fn(c, value) for the active columns c of the record's design values
+// b..e, which end early at a column not above its predecessor; stops when
+// fn returns 1.  Result 1 on a fault (err 130 for a column above NEQ, or
+// what fn set).
+template <class Fn>
+int for_each_column(const MmeStore& s, const SspSection& sec, i64 b, i64 e, Fn&& fn) {
   const DesignView& d = sec.design;
   i32 prev = 0;
   for (i64 t = b; t <= e; ++t) {
@@ -64,17 +81,41 @@ int accumulate_record(const MmeStore& s, const SspSection& sec, SspScratch& w, i
     if (c <= prev) break;
     prev = c;
     if (c > s.neq) {
-      *sec.err = 130;
+      *sec.err = kBadDesign;
       return 1;
     }
     if (!active(sec, c)) continue;
+    if (fn(c, d.val.at1(t))) return 1;
+  }
+  return 0;
+}
+
+// Row c takes value(c) ACC(a) for a in LIST (n entries).  Result 1 on a
+// fault (err set: 136 a broken row, +6 out of memory with `text`).
+int add_row(MmeStore& s, const SspSection& sec, const SspScratch& w, const Pool& p, i32 c,
+            double v, i64 n, i64 limit, const char* text) {
+  const int r = add_to_row(s, p, c, v, w.acc, w.list.data(), n);
+  if (r == kBrokenRow) {
+    *sec.err = kBrokenRow;
+    return 1;
+  }
+  if (r == kNoSlot || s.lx > limit) return out_of_memory(*sec.err, text);
+  return 0;
+}
+
+// ACC += rij times the record's design values b..e over its active columns;
+// a column met for the first time is marked and appended to LIST (n
+// entries so far).  Result 1 with err 130 for a column above NEQ.
+int accumulate_record(const MmeStore& s, const SspSection& sec, SspScratch& w, i64 b, i64 e,
+                      double rij, i64& n) {
+  return for_each_column(s, sec, b, e, [&](i32 c, double v) {
     if (w.links.at1(c) == 0) {
       w.links.at1(c) = 1;
       w.list.at1(++n) = c;
     }
-    w.acc.at1(c) += rij * d.val.at1(t);
-  }
-  return 0;
+    w.acc.at1(c) += rij * v;
+    return 0;
+  });
 }
 
 // Takes each active column c of the record's design values b..e as a row
@@ -83,25 +124,10 @@ int accumulate_record(const MmeStore& s, const SspSection& sec, SspScratch& w, i
 // 130 a column above NEQ, 136 a broken row, +6 out of memory with `text`).
 int rows_of_record(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 b, i64 e,
                    i64 n, i64 limit, const char* text) {
-  int& err = *sec.err;
-  const DesignView& d = sec.design;
-  i32 prev = 0;
-  for (i64 t = b; t <= e; ++t) {
-    const i32 c = d.col.at1(t);
-    if (c <= prev) break;
-    prev = c;
-    if (c > s.neq) {
-      err = 130;
-      return 1;
-    }
-    if (!active(sec, c)) continue;
-    const int r = add_to_row(s, p, c, d.val.at1(t), w.acc, w.list.data(), n);
-    if (r == 136) {
-      err = 136;
-      return 1;
-    }
-    if (r == 6 || s.lx > limit) return out_of_memory(err, text);
-  }
+  if (for_each_column(s, sec, b, e, [&](i32 c, double v) {
+        return add_row(s, sec, w, p, c, v, n, limit, text);
+      }))
+    return 1;
   for (i64 k = 1; k <= n; ++k) {
     w.acc.at1(w.list.at1(k)) = 0.0;
     w.links.at1(w.list.at1(k)) = 0;
@@ -134,6 +160,35 @@ void empty_augmented(const SspSection& sec, i64 rec) {
   if (augmenting(sec)) sec.aug->start.at1(rec + 1) = sec.aug->used + 1;
 }
 
+// Record `rec` after ACC holds (R^-1 X)(rec, .) over LIST (n entries): LIST
+// sorted and closed, the augmented row kept, and each column c of the
+// record as a row gets x_rec(c) ACC(a), a <= c.  Result 1 on a fault.
+int close_record(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
+                 i64 rec, i64 n, const char* text) {
+  std::sort(w.list.data(), w.list.data() + n);
+  w.list.at1(n + 1) = s.neq + 1;
+  if (augmenting(sec) && keep_augmented(sec, rec, w.acc, w.list.data(), n)) return 1;
+  i64 b = 0, e = 0;
+  if (!record_range(sec.design, rec, b, e)) {
+    *sec.err = kBadDesign;
+    return 1;
+  }
+  return rows_of_record(s, sec, w, p, b, e, n, limit, text);
+}
+
+// The scale parameter of an identity section: the parameter named by the
+// kGfirst word of the section's struc row, when it names a positive one;
+// otherwise 1.
+double identity_gamma(const SspSection& sec) {
+  if (sec.lstruc < kGfirst) return 1.0;
+  const i64 at = static_cast<i64>(sec.section - 1) * sec.lstruc + (kGfirst - 1);
+  if (at < 0 || static_cast<size_t>(at) >= sec.struc.size()) return 1.0;
+  const int g = sec.struc[at];
+  if (g > 0 && static_cast<size_t>(g) <= sec.gammas.size() && sec.gammas.at1(g) > 0)
+    return sec.gammas.at1(g);
+  return 1.0;
+}
+
 // The general case: R^-1 rows from the section's structure.  For record i,
 // ACC = sum over records j of R^-1(i,j) x_j, over the columns of LIST;
 // then each column c of record i as a row gets x_i(c) ACC(a), a <= c.
@@ -144,17 +199,12 @@ int general_case(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
   const DesignView& d = sec.design;
   if (w.links.size() < static_cast<size_t>(neq) || sec.rrow.size() < static_cast<size_t>(nrec) ||
       sec.rcols.size() < static_cast<size_t>(nrec)) {
-    err = 130;
+    err = kBadDesign;
     return 1;
   }
   *sec.logdet += sec.sectlogdet;
   if (nrec > 0 && sec.sigma2 > f32(1e-9)) *sec.logdet += nrec * std::log(sec.sigma2);
   for (i64 k = 0; k < nrec; ++k) sec.rrow[k] = 0.0;
-  auto record = [&](i64 r, i64& b, i64& e) {
-    b = d.start.at1(r);
-    e = d.start.at1(r + 1) - 1;
-    return b >= 1 && e <= static_cast<i64>(d.val.size()) && e >= b - 1;
-  };
   for (i64 i = sec.first; i <= sec.last; ++i) {
     int cnt = 0, ifault = 0;
     if (g5vxxr(i - sec.first + 1, sec.rsrc, sec.rrow, sec.rcols, cnt, sec.sigma2, ifault)) {
@@ -165,29 +215,21 @@ int general_case(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
     for (int k = 0; k < cnt; ++k) {
       const int jj = sec.rcols[k];
       if (jj < 1 || jj > nrec) {
-        err = 130;
+        err = kBadDesign;
         return 1;
       }
       const double rij = sec.rrow[jj - 1];
       sec.rrow[jj - 1] = 0.0;
       if (rij == 0.0) continue;
       i64 b = 0, e = 0;
-      if (!record(sec.first + jj - 1, b, e)) {
-        err = 130;
+      if (!record_range(d, sec.first + jj - 1, b, e)) {
+        err = kBadDesign;
         return 1;
       }
       if (accumulate_record(s, sec, w, b, e, rij, n)) return 1;
       if (s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
     }
-    std::sort(w.list.data(), w.list.data() + n);
-    w.list.at1(n + 1) = neq + 1;
-    if (augmenting(sec) && keep_augmented(sec, i, w.acc, w.list.data(), n)) return 1;
-    i64 b = 0, e = 0;
-    if (!record(i, b, e)) {
-      err = 130;
-      return 1;
-    }
-    if (rows_of_record(s, sec, w, p, b, e, n, limit, "Out of Memory forming SSP")) return 1;
+    if (close_record(s, sec, w, p, limit, i, n, "Out of Memory forming SSP")) return 1;
   }
   return 0;
 }
@@ -205,184 +247,200 @@ int invalid_multivariate(const SspSection& sec) {
       vprt("\n");
     }
   }
-  *sec.err += 1000;
+  *sec.err += kInvalidMultivariate;
   return 1;
+}
+
+// Whether a multivariate section's structure is one of those permitted
+// (see SspSection); `constant` is cleared when the block of a unit may
+// differ between units of the same pattern.
+bool permitted_multivariate(const SspSection& sec, i64 nrec, bool& constant) {
+  const RowSource& src = sec.rsrc;
+  const int t = sec.ntraits;
+  if (nrec % t != 0) return false;
+  if (sec.termcode == -1) return true;
+  if (!(sec.termcode == -3 && src.nsect >= 1 && src.records != nullptr && src.rows != nullptr &&
+        src.work != nullptr && src.giv != nullptr))
+    return false;
+  const StrucRow last = src.rows[src.nsect - 1];
+  if (!(last.p != nullptr && last.field(kOrder) == t && last.field(kGform) != 2)) return false;
+  i64 prod = t;
+  for (int k = 0; k < src.nsect - 1; ++k) {
+    const StrucRow r = src.rows[k];
+    if (r.p == nullptr || r.field(kGform) == 2 || r.field(kOrder) < 1) return false;
+    const int m = r.field(kModel), ord = r.field(kOrder);
+    if (m != 0 && m != 8 && ord != 1) return false;
+    if (m == 8 && ord > 1) constant = false;
+    prod *= ord;
+  }
+  return !(src.nsect > 1 && prod != nrec);
+}
+
+// One unit of a multivariate section and the scratch its steps share.
+struct MvUnit {
+  int t = 0;
+  span<double> block;      // t*t: R_u^-1 before the scale
+  span<double> roots;      // t: square roots of the weights
+  span<double> mscratch;   // g5vxxm's scratch
+  span<int> pattern;       // t: 1 for an observed trait
+  span<int> prevpat;       // t: the pattern the block was formed for
+  span<int> iscr;          // g5vxxm's integer scratch
+  i64 r0 = 0;              // the unit's first record
+  int nobs = 0;            // observed traits
+  double logw = 0.0;       // sum of the log weights of the observed traits
+  double corr = 0.0;       // log-determinant correction of the block
+};
+
+// The unit's pattern of observed traits, the roots of their weights and
+// their log sum.  Result 1 on a fault.
+int unit_pattern(const SspSection& sec, MvUnit& u) {
+  const DesignView& d = sec.design;
+  u.nobs = 0;
+  u.logw = 0.0;
+  for (int i = 0; i < u.t; ++i) {
+    i64 b = 0, e = 0;
+    if (!record_range(d, u.r0 + i, b, e)) {
+      *sec.err = kBadDesign;
+      return 1;
+    }
+    const double y = (e >= b && d.col.at1(b) == 1) ? d.val.at1(b) : 0.0;
+    bool obs = !(y == sec.missing || is_missing(y));
+    u.roots[i] = 1.0;
+    if (obs && !sec.weights.empty()) {
+      const double wt = sec.weights.at1(u.r0 + i);
+      if (wt < 0 || !std::isfinite(wt)) {
+        g5verror(" Negative or undefined weight in a multivariate section", 3);
+        *sec.err += kInvalidMultivariate;
+        return 1;
+      }
+      if (wt == 0.0) {
+        obs = false;
+      } else {
+        u.roots[i] = std::sqrt(wt);
+        u.logw += std::log(wt);
+      }
+    }
+    u.pattern[i] = obs ? 1 : 0;
+    if (obs) {
+      ++u.nobs;
+    } else {
+      ++*sec.skipped;
+    }
+  }
+  return 0;
+}
+
+// The unit's block of R^-1 (unit `unit`, from 1) and its log-determinant
+// correction: gamma I over the observed traits for an identity section,
+// otherwise from the product.  Result 1 on a fault.
+int unit_block(const SspSection& sec, MvUnit& u, i64 unit, double gam) {
+  const int t = u.t;
+  if (sec.termcode == -1) {
+    int m = 0;
+    for (int i = 0; i < t; ++i) {
+      for (int j = 0; j < t; ++j) u.block[static_cast<size_t>(i) * t + j] = 0.0;
+      if (u.pattern[i]) {
+        u.block[static_cast<size_t>(i) * t + i] = u.roots[i] * u.roots[i] / gam;
+      } else {
+        ++m;
+      }
+    }
+    u.corr = -m * std::log(gam);
+    return 0;
+  }
+  int ifault = 0;
+  if (g5vxxm((unit - 1) * t, t, span<const int>(u.pattern.data(), u.pattern.size()),
+             sec.weights.empty() ? span<const double>()
+                                 : span<const double>(u.roots.data(), u.roots.size()),
+             sec.rsrc, u.block, u.corr, u.mscratch, u.iscr, ifault)) {
+    *sec.err = ifault ? ifault : 1;
+    return 1;
+  }
+  return 0;
+}
+
+// Each observed trait i of the unit: ACC = sum over observed j of
+// R^-1(i,j) x_j (R^-1 the block times `scl`), then the columns of x_i as
+// rows.  Result 1 on a fault.
+int unit_rows(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
+              const MvUnit& u, double scl) {
+  static const char* const text = "Out of Memory forming SSP (MultiV)";
+  const int t = u.t;
+  for (int i = 0; i < t; ++i) {
+    if (!u.pattern[i]) {
+      empty_augmented(sec, u.r0 + i);
+      continue;
+    }
+    i64 n = 0;
+    for (int j = 0; j < t; ++j) {
+      const double rij = u.pattern[j] ? u.block[static_cast<size_t>(i) * t + j] * scl : 0.0;
+      if (rij == 0.0) continue;
+      i64 b = 0, e = 0;
+      record_range(sec.design, u.r0 + j, b, e);
+      if (accumulate_record(s, sec, w, b, e, rij, n)) return 1;
+      if (s.lx > limit) return out_of_memory(*sec.err, text);
+    }
+    if (close_record(s, sec, w, p, limit, u.r0 + i, n, text)) return 1;
+  }
+  return 0;
 }
 
 // The multivariate path: R block diagonal by unit of T traits.
 int multivariate(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
                  i64 nrec) {
-  int& err = *sec.err;
-  const i32 neq = s.neq;
   const int t = sec.ntraits;
-  const DesignView& d = sec.design;
-  const RowSource& src = sec.rsrc;
-  const bool identity = sec.termcode == -1;
   // A caller that hands no multivariate scratch has not set the section up
   // for several traits (views and the log-determinant convention above).
   if (sec.mvwork.empty() && sec.mviwork.empty()) {
     g5verror(" Multivariate residual sections not available yet", 3);
-    err += 1000;
+    *sec.err += kInvalidMultivariate;
     return 1;
   }
-
-  // Permitted structures.
-  bool ok = nrec % t == 0;
   bool constant = sec.weights.empty();  // the same block for every unit of a pattern
-  if (ok && !identity) {
-    ok = sec.termcode == -3 && src.nsect >= 1 && src.records != nullptr && src.rows != nullptr &&
-         src.work != nullptr && src.giv != nullptr;
-    if (ok) {
-      const StrucRow last = src.rows[src.nsect - 1];
-      ok = last.p != nullptr && last.field(kOrder) == t && last.field(kGform) != 2;
-      i64 prod = t;
-      for (int k = 0; ok && k < src.nsect - 1; ++k) {
-        const StrucRow r = src.rows[k];
-        if (r.p == nullptr || r.field(kGform) == 2 || r.field(kOrder) < 1) {
-          ok = false;
-          break;
-        }
-        const int m = r.field(kModel), ord = r.field(kOrder);
-        if (m != 0 && m != 8 && ord != 1) ok = false;
-        if (m == 8 && ord > 1) constant = false;
-        prod *= ord;
-      }
-      if (ok && src.nsect > 1 && prod != nrec) ok = false;
-    }
-  }
-  if (!ok) return invalid_multivariate(sec);
-  if (w.links.size() < static_cast<size_t>(neq) ||
+  if (!permitted_multivariate(sec, nrec, constant)) return invalid_multivariate(sec);
+  if (w.links.size() < static_cast<size_t>(s.neq) ||
       sec.mvwork.size() < static_cast<size_t>(mv_scratch_reals(t)) ||
       sec.mviwork.size() < static_cast<size_t>(mv_scratch_ints(t)) ||
       (!sec.weights.empty() && sec.weights.size() < static_cast<size_t>(sec.last)) ||
       (augmenting(sec) && sec.aug->start.size() < static_cast<size_t>(sec.last) + 1)) {
-    err = 130;
+    *sec.err = kBadDesign;
     return 1;
   }
+  MvUnit u;
+  u.t = t;
   const size_t tt = static_cast<size_t>(t) * t;
-  span<double> block(sec.mvwork.data(), tt);
-  span<double> roots(sec.mvwork.data() + tt, static_cast<size_t>(t));
-  span<double> mscratch(sec.mvwork.data() + tt + t, sec.mvwork.size() - tt - t);
-  span<int> pattern(sec.mviwork.data(), static_cast<size_t>(t));
-  span<int> prevpat(sec.mviwork.data() + t, static_cast<size_t>(t));
-  span<int> iscr(sec.mviwork.data() + 2 * t, sec.mviwork.size() - 2 * static_cast<size_t>(t));
+  u.block = span<double>(sec.mvwork.data(), tt);
+  u.roots = span<double>(sec.mvwork.data() + tt, static_cast<size_t>(t));
+  u.mscratch = span<double>(sec.mvwork.data() + tt + t, sec.mvwork.size() - tt - t);
+  u.pattern = span<int>(sec.mviwork.data(), static_cast<size_t>(t));
+  u.prevpat = span<int>(sec.mviwork.data() + t, static_cast<size_t>(t));
+  u.iscr = span<int>(sec.mviwork.data() + 2 * t, sec.mviwork.size() - 2 * static_cast<size_t>(t));
 
-  // Identity: gamma from word 4 of the section's row, as in the univariate case.
-  double gam = 1.0;
-  if (identity && sec.lstruc >= 4) {
-    const i64 at = static_cast<i64>(sec.section - 1) * sec.lstruc + 3;
-    if (at >= 0 && static_cast<size_t>(at) < sec.struc.size()) {
-      const int g = sec.struc[at];
-      if (g > 0 && static_cast<size_t>(g) <= sec.gammas.size() && sec.gammas.at1(g) > 0)
-        gam = sec.gammas.at1(g);
-    }
-  }
+  const double gam = sec.termcode == -1 ? identity_gamma(sec) : 1.0;
   const double scl = (sec.sigma2 != 1.0 && sec.sigma2 != 0.0) ? 1.0 / sec.sigma2 : 1.0;
   const bool logs2 = sec.sigma2 > f32(1e-9);
   *sec.logdet += sec.sectlogdet;
   if (augmenting(sec)) sec.aug->start.at1(sec.first) = sec.aug->used + 1;
 
-  auto record = [&](i64 r, i64& b, i64& e) {
-    b = d.start.at1(r);
-    e = d.start.at1(r + 1) - 1;
-    return b >= 1 && e <= static_cast<i64>(d.val.size()) && e >= b - 1;
-  };
-
   const i64 units = nrec / t;
   bool have = false;  // block holds the previous unit's pattern
-  double corr = 0.0;
-  for (i64 u = 1; u <= units; ++u) {
-    const i64 r0 = sec.first + (u - 1) * t;
-    // The unit's pattern of observed traits.
-    int nobs = 0;
-    double logw = 0.0;
-    for (int i = 0; i < t; ++i) {
-      i64 b = 0, e = 0;
-      if (!record(r0 + i, b, e)) {
-        err = 130;
-        return 1;
-      }
-      const double y = (e >= b && d.col.at1(b) == 1) ? d.val.at1(b) : 0.0;
-      bool obs = !(y == sec.missing || is_missing(y));
-      roots[i] = 1.0;
-      if (obs && !sec.weights.empty()) {
-        const double wt = sec.weights.at1(r0 + i);
-        if (wt < 0 || !std::isfinite(wt)) {
-          g5verror(" Negative or undefined weight in a multivariate section", 3);
-          err += 1000;
-          return 1;
-        }
-        if (wt == 0.0) {
-          obs = false;
-        } else {
-          roots[i] = std::sqrt(wt);
-          logw += std::log(wt);
-        }
-      }
-      pattern[i] = obs ? 1 : 0;
-      if (obs) {
-        ++nobs;
-      } else {
-        ++*sec.skipped;
-      }
-    }
+  for (i64 unit = 1; unit <= units; ++unit) {
+    u.r0 = sec.first + (unit - 1) * t;
+    if (unit_pattern(sec, u)) return 1;
     bool same = have && constant;
-    for (int i = 0; same && i < t; ++i) same = pattern[i] == prevpat[i];
+    for (int i = 0; same && i < t; ++i) same = u.pattern[i] == u.prevpat[i];
     if (!same) {
-      if (identity) {
-        int m = 0;
-        for (int i = 0; i < t; ++i) {
-          for (int j = 0; j < t; ++j) block[static_cast<size_t>(i) * t + j] = 0.0;
-          if (pattern[i]) {
-            block[static_cast<size_t>(i) * t + i] = roots[i] * roots[i] / gam;
-          } else {
-            ++m;
-          }
-        }
-        corr = -m * std::log(gam);
-      } else {
-        int ifault = 0;
-        if (g5vxxm((u - 1) * t, t, span<const int>(pattern.data(), pattern.size()),
-                   sec.weights.empty() ? span<const double>()
-                                       : span<const double>(roots.data(), roots.size()),
-                   src, block, corr, mscratch, iscr,
-                   ifault)) {
-          err = ifault ? ifault : 1;
-          return 1;
-        }
-      }
-      for (int i = 0; i < t; ++i) prevpat[i] = pattern[i];
+      if (unit_block(sec, u, unit, gam)) return 1;
+      for (int i = 0; i < t; ++i) u.prevpat[i] = u.pattern[i];
       have = constant;
     }
-    *sec.logdet += corr - logw;
-    if (logs2) *sec.logdet += nobs * std::log(sec.sigma2);
-    if (nobs == 0) {
-      for (int i = 0; i < t; ++i) empty_augmented(sec, r0 + i);
+    *sec.logdet += u.corr - u.logw;
+    if (logs2) *sec.logdet += u.nobs * std::log(sec.sigma2);
+    if (u.nobs == 0) {
+      for (int i = 0; i < t; ++i) empty_augmented(sec, u.r0 + i);
       continue;
     }
-    // Each observed trait i: ACC = sum over observed j of R^-1(i,j) x_j,
-    // then the columns of x_i as rows.
-    for (int i = 0; i < t; ++i) {
-      if (!pattern[i]) {
-        empty_augmented(sec, r0 + i);
-        continue;
-      }
-      i64 n = 0;
-      for (int j = 0; j < t; ++j) {
-        const double rij = pattern[j] ? block[static_cast<size_t>(i) * t + j] * scl : 0.0;
-        if (rij == 0.0) continue;
-        i64 b = 0, e = 0;
-        record(r0 + j, b, e);
-        if (accumulate_record(s, sec, w, b, e, rij, n)) return 1;
-        if (s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP (MultiV)");
-      }
-      std::sort(w.list.data(), w.list.data() + n);
-      w.list.at1(n + 1) = neq + 1;
-      if (augmenting(sec) && keep_augmented(sec, r0 + i, w.acc, w.list.data(), n)) return 1;
-      i64 b = 0, e = 0;
-      record(r0 + i, b, e);
-      if (rows_of_record(s, sec, w, p, b, e, n, limit, "Out of Memory forming SSP (MultiV)")) return 1;
-    }
+    if (unit_rows(s, sec, w, p, limit, u, scl)) return 1;
   }
   return 0;
 }
@@ -400,34 +458,28 @@ int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w) {
   if (w.acc.size() < static_cast<size_t>(neq) || w.list.size() < static_cast<size_t>(neq) + 1 ||
       sec.first < 1 || sec.last > static_cast<i64>(d.start.size()) - 1 ||
       d.col.size() != d.val.size()) {
-    err = 130;
+    err = kBadDesign;
     return 1;
   }
   // Choose the case.
-  int kase = sec.termcode;
+  const int kase = sec.termcode;
   double w0 = sec.sigma2 > 0 ? 1.0 / sec.sigma2 : 0.0;
-  if (kase == -1 && sec.lstruc >= 4) {
-    const i64 at = static_cast<i64>(sec.section - 1) * sec.lstruc + 3;
-    if (at >= 0 && static_cast<size_t>(at) < sec.struc.size()) {
-      const int g = sec.struc[at];
-      if (g > 0 && static_cast<size_t>(g) <= sec.gammas.size() && sec.gammas.at1(g) > 0)
-        w0 /= sec.gammas.at1(g);
-    }
-  }
+  if (kase == -1) w0 /= identity_gamma(sec);
   const i64 nrec = sec.last - sec.first + 1;
   if (augmenting(sec) && sec.aug->start.size() < static_cast<size_t>(sec.last) + 1) {
-    err = 130;
+    err = kBadDesign;
     return 1;
   }
   if (sec.ntraits > 1) return multivariate(s, sec, w, p, limit, nrec);
   if (kase >= 0 && sec.weights.size() < static_cast<size_t>(sec.last)) {
-    err = 130;
+    err = kBadDesign;
     return 1;
   }
   if (augmenting(sec)) sec.aug->start.at1(sec.first) = sec.aug->used + 1;
   if (kase == -3) return general_case(s, sec, w, p, limit, nrec);
   if (nrec > 0 && sec.sigma2 > f32(1e-9)) *sec.logdet += nrec * std::log(sec.sigma2);
 
+  // Diagonal R: each record's columns as rows, against the record itself.
   for (i64 i = sec.first; i <= sec.last; ++i) {
     double wt = w0;
     if (kase >= 0) {
@@ -439,39 +491,24 @@ int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w) {
       }
       if (wt > 0) *sec.logdet -= std::log(sec.weights.at1(i));
     }
-    const i64 b = d.start.at1(i), e = d.start.at1(i + 1) - 1;
-    if (b < 1 || e > static_cast<i64>(d.val.size()) || e < b - 1) {
-      err = 130;
+    i64 b = 0, e = 0;
+    if (!record_range(d, i, b, e)) {
+      err = kBadDesign;
       return 1;
     }
     i64 n = 0;
-    i32 prev = 0;
-    for (i64 k = b; k <= e; ++k) {
-      const i32 c = d.col.at1(k);
-      if (c <= prev) break;
-      prev = c;
-      if (c > neq) {
-        err = 130;
-        return 1;
-      }
-      if (!active(sec, c)) continue;
-      const double v = d.val.at1(k);
-      w.acc.at1(c) = wt * v;
-      w.list.at1(n + 1) = c;
-      ++n;
-      const int r = add_to_row(s, p, c, v, w.acc, w.list.data(), n);
-      if (r == 136) {
-        err = 136;
-        return 1;
-      }
-      if (r == 6 || s.lx > limit) return out_of_memory(err, "Out of Memory forming SSP");
-    }
+    if (for_each_column(s, sec, b, e, [&](i32 c, double v) {
+          w.acc.at1(c) = wt * v;
+          w.list.at1(n + 1) = c;
+          ++n;
+          return add_row(s, sec, w, p, c, v, n, limit, "Out of Memory forming SSP");
+        }))
+      return 1;
     if (augmenting(sec) && keep_augmented(sec, i, w.acc, w.list.data(), n)) return 1;
     for (i64 k = 1; k <= n; ++k) w.acc.at1(w.list.at1(k)) = 0.0;
   }
   return 0;
 }
-
 int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
            double scale, int& ifault) {
   count = 0;
@@ -541,6 +578,136 @@ int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, i
   return 0;
 }
 
+namespace {
+
+// What the steps of g5vxxm share: the product's last factor (the traits)
+// and the views carved from the scratch.
+struct UnitInverse {
+  const RowSource& src;
+  int t = 0;
+  StrucRow lrow;           // the traits' factor
+  const i64* lrec = nullptr;
+  bool band = false;       // a tridiagonal inverse read from its diagonals
+  i64 scale = 0, pos = 0;  // its scale word and the first diagonal
+  span<double> P;          // t*t: Sigma_u^-1
+  span<double> packed;     // t(t+1)/2: P_mm, packed
+  span<double> dscr;       // t
+  span<double> vals;       // t: one row of the traits' factor, scattered
+  span<int> perm, perm2, cols;  // t each
+
+  explicit UnitInverse(const RowSource& s) : src(s) {}
+};
+
+// Row i (from 1) of P = Sigma_u^-1: the traits' factor times the earlier
+// factors' single elements at the unit.  Result 1 on a fault.
+int unit_inverse_row(UnitInverse& ui, i64 startrow, int i, int& ifault) {
+  const RowSource& src = ui.src;
+  const WorkArray& work = *src.work;
+  const int t = ui.t;
+  double* row = ui.P.data() + static_cast<size_t>(i - 1) * t;
+  for (int j = 0; j < t; ++j) row[j] = 0.0;
+  i64 rownum = startrow + i - 1;
+  if (ui.band) {
+    const int ii = static_cast<int>(rownum % t) + 1;
+    rownum /= t;
+    const double f = ui.scale < 0 ? work.r[-ui.scale - 1] : 1.0;
+    row[ii - 1] = f * work.r[ui.pos + ii - 2];
+    if (ii > 1) row[ii - 2] = f * work.r[ui.pos + t + ii - 3];
+    if (ii < t) row[ii] = f * work.r[ui.pos + t + ii - 2];
+  } else {
+    int cnt = 0;
+    if (g5vvrw(ui.vals, ui.cols, cnt, rownum, t, ui.lrec, ui.lrow, work, 0, ui.lrow.field(kModel),
+               *src.giv, src.unit, ifault))
+      return 1;
+    for (int q = 0; q < cnt; ++q) {
+      const int c = ui.cols[q];
+      row[c - 1] = ui.vals[c - 1];
+      ui.vals[c - 1] = 0.0;
+    }
+  }
+  for (int k = src.nsect - 2; k >= 0; --k) {
+    const StrucRow r = src.rows[k];
+    const int ord = r.field(kOrder);
+    const i64* rec = src.second ? src.records[k].second() : src.records[k].first();
+    if (ord < 1 || src.scratch.size() < static_cast<size_t>(ord) ||
+        src.scols.size() < static_cast<size_t>(ord))
+      return g5vflt(ifault, 6);
+    const int want = static_cast<int>(rownum % ord) + 1;
+    int cnt = 0;
+    if (g5vvrw(src.scratch, src.scols, cnt, rownum, ord, rec, r, work, 0, r.field(kModel),
+               *src.giv, src.unit, ifault))
+      return 1;
+    double v = 0.0;
+    bool diag = true;
+    for (int q = 0; q < cnt; ++q) {
+      const int c = src.scols[q];
+      if (c == want) {
+        v = src.scratch[c - 1];
+      } else {
+        diag = false;
+      }
+      src.scratch[c - 1] = 0.0;
+    }
+    if (!diag || cnt != 1) {
+      g5verror("Invalid Multivariate Error Structure", 3);
+      return g5vflt(ifault, kInvalidMultivariate + r.field(kModel));
+    }
+    for (int j = 0; j < t; ++j) row[j] *= v;
+  }
+  return 0;
+}
+
+// The inverse of the observed block of Sigma_u is the Schur complement
+// P_oo - P_om P_mm^-1 P_mo, and |Sigma_u,oo| = |Sigma_u| |P_mm|.  Fills
+// `block` and `corr` (log |P_mm|).  Result 1 on a fault.
+int observed_inverse(UnitInverse& ui, span<const int> pattern, span<double> block, double& corr,
+                     int& ifault) {
+  const int t = ui.t;
+  const span<double> P = ui.P;
+  int m = 0;
+  for (int i = 0; i < t; ++i)
+    if (!pattern[i]) ui.perm2[m++] = i;  // unobserved traits, 0-based
+  for (size_t k = 0; k < static_cast<size_t>(t) * t; ++k) block[k] = 0.0;
+  if (m == 0) {
+    for (size_t k = 0; k < static_cast<size_t>(t) * t; ++k) block[k] = P[k];
+    return 0;
+  }
+  for (int a = 0; a < m; ++a)
+    for (int b = 0; b <= a; ++b)
+      ui.packed[packed_index(a + 1, b + 1)] = P[static_cast<size_t>(ui.perm2[a]) * t + ui.perm2[b]];
+  // Keep the unobserved positions: g5vsmi uses both integer views.
+  for (int a = 0; a < m; ++a) ui.cols[a] = ui.perm2[a];
+  int mode = 0, rank = m, neg = 0;
+  double ld = 0.0;
+  g5vsmi(span<double>(ui.packed.data(), packed_size(m)), ui.dscr, ui.perm, ui.perm2, mode, rank, ld,
+         neg);
+  const int nonpos = neg >= 0 ? neg : -1 - neg;
+  if (mode != 0 || nonpos != 0) {
+    g5verror(" Residual matrix of the missing traits not positive definite", 3);
+    return g5vflt(ifault, kInvalidMultivariate + ui.lrow.field(kModel));
+  }
+  corr = ld;
+  for (int i = 0; i < t; ++i) {
+    if (!pattern[i]) continue;
+    // dscr = P_mm^-1 P_m,i
+    for (int a = 0; a < m; ++a) {
+      double sum = 0.0;
+      for (int b = 0; b < m; ++b)
+        sum += ui.packed[packed_index(a + 1, b + 1)] * P[static_cast<size_t>(ui.cols[b]) * t + i];
+      ui.dscr[a] = sum;
+    }
+    for (int j = 0; j < t; ++j) {
+      if (!pattern[j]) continue;
+      double sum = P[static_cast<size_t>(i) * t + j];
+      for (int a = 0; a < m; ++a) sum -= P[static_cast<size_t>(j) * t + ui.cols[a]] * ui.dscr[a];
+      block[static_cast<size_t>(i) * t + j] = sum;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
 int g5vxxm(i64 startrow, int t, span<const int> pattern, span<const double> roots,
            const RowSource& src, span<double> block, double& corr, span<double> scratch,
            span<int> iscratch, int& ifault) {
@@ -553,128 +720,39 @@ int g5vxxm(i64 startrow, int t, span<const int> pattern, span<const double> root
       scratch.size() < tt + np + 2 * static_cast<size_t>(t) ||
       iscratch.size() < 3 * static_cast<size_t>(t))
     return g5vflt(ifault, 6);
-  const StrucRow lrow = src.rows[src.nsect - 1];
-  if (lrow.p == nullptr || lrow.field(kOrder) != t) return g5vflt(ifault, 6);
-  const i64* lrec = src.second ? src.records[src.nsect - 1].second()
-                               : src.records[src.nsect - 1].first();
-  span<double> P(scratch.data(), tt);
-  span<double> packed(scratch.data() + tt, np);
-  span<double> dscr(scratch.data() + tt + np, static_cast<size_t>(t));
-  span<double> vals(scratch.data() + tt + np + t, static_cast<size_t>(t));
-  span<int> perm(iscratch.data(), static_cast<size_t>(t));
-  span<int> perm2(iscratch.data() + t, static_cast<size_t>(t));
-  span<int> cols(iscratch.data() + 2 * t, static_cast<size_t>(t));
-  for (int j = 0; j < t; ++j) vals[j] = 0.0;
+  UnitInverse ui(src);
+  ui.t = t;
+  ui.lrow = src.rows[src.nsect - 1];
+  if (ui.lrow.p == nullptr || ui.lrow.field(kOrder) != t) return g5vflt(ifault, 6);
+  ui.lrec = src.second ? src.records[src.nsect - 1].second() : src.records[src.nsect - 1].first();
+  ui.P = span<double>(scratch.data(), tt);
+  ui.packed = span<double>(scratch.data() + tt, np);
+  ui.dscr = span<double>(scratch.data() + tt + np, static_cast<size_t>(t));
+  ui.vals = span<double>(scratch.data() + tt + np + t, static_cast<size_t>(t));
+  ui.perm = span<int>(iscratch.data(), static_cast<size_t>(t));
+  ui.perm2 = span<int>(iscratch.data() + t, static_cast<size_t>(t));
+  ui.cols = span<int>(iscratch.data() + 2 * t, static_cast<size_t>(t));
+  for (int j = 0; j < t; ++j) ui.vals[j] = 0.0;
 
   // A tridiagonal inverse of the traits' order is read straight from its
   // two stored diagonals.
-  const i64 kind = lrec[0], scale = lrec[1], pos = lrec[2];
-  const bool band = kind == 3 && pos > 0 && scale <= 1000;
+  const i64 kind = ui.lrec[0];
+  ui.scale = ui.lrec[1];
+  ui.pos = ui.lrec[2];
+  ui.band = kind == 3 && ui.pos > 0 && ui.scale <= 1000;
   const WorkArray& work = *src.work;
-  if (band && static_cast<u64>(pos + 2 * static_cast<i64>(t) - 1) > work.len) return g5vflt(ifault, 6);
-  if (band && scale < 0 && static_cast<u64>(-scale) > work.len) return g5vflt(ifault, 6);
+  if (ui.band && static_cast<u64>(ui.pos + 2 * static_cast<i64>(t) - 1) > work.len)
+    return g5vflt(ifault, 6);
+  if (ui.band && ui.scale < 0 && static_cast<u64>(-ui.scale) > work.len) return g5vflt(ifault, 6);
 
-  // P = Sigma_u^-1, row by row: the traits' factor times the earlier
-  // factors' single elements at the unit.
-  for (int i = 1; i <= t; ++i) {
-    double* row = P.data() + static_cast<size_t>(i - 1) * t;
-    for (int j = 0; j < t; ++j) row[j] = 0.0;
-    i64 rownum = startrow + i - 1;
-    if (band) {
-      const int ii = static_cast<int>(rownum % t) + 1;
-      rownum /= t;
-      const double f = scale < 0 ? work.r[-scale - 1] : 1.0;
-      row[ii - 1] = f * work.r[pos + ii - 2];
-      if (ii > 1) row[ii - 2] = f * work.r[pos + t + ii - 3];
-      if (ii < t) row[ii] = f * work.r[pos + t + ii - 2];
-    } else {
-      int cnt = 0;
-      if (g5vvrw(vals, cols, cnt, rownum, t, lrec, lrow, work, 0, lrow.field(kModel), *src.giv,
-                 src.unit, ifault))
-        return 1;
-      for (int q = 0; q < cnt; ++q) {
-        const int c = cols[q];
-        row[c - 1] = vals[c - 1];
-        vals[c - 1] = 0.0;
-      }
-    }
-    for (int k = src.nsect - 2; k >= 0; --k) {
-      const StrucRow r = src.rows[k];
-      const int ord = r.field(kOrder);
-      const i64* rec = src.second ? src.records[k].second() : src.records[k].first();
-      if (ord < 1 || src.scratch.size() < static_cast<size_t>(ord) ||
-          src.scols.size() < static_cast<size_t>(ord))
-        return g5vflt(ifault, 6);
-      const int want = static_cast<int>(rownum % ord) + 1;
-      int cnt = 0;
-      if (g5vvrw(src.scratch, src.scols, cnt, rownum, ord, rec, r, work, 0, r.field(kModel),
-                 *src.giv, src.unit, ifault))
-        return 1;
-      double v = 0.0;
-      bool diag = true;
-      for (int q = 0; q < cnt; ++q) {
-        const int c = src.scols[q];
-        if (c == want) {
-          v = src.scratch[c - 1];
-        } else {
-          diag = false;
-        }
-        src.scratch[c - 1] = 0.0;
-      }
-      if (!diag || cnt != 1) {
-        g5verror("Invalid Multivariate Error Structure", 3);
-        return g5vflt(ifault, 1000 + r.field(kModel));
-      }
-      for (int j = 0; j < t; ++j) row[j] *= v;
-    }
-  }
-
-  // The inverse of the observed block of Sigma_u is the Schur complement
-  // P_oo - P_om P_mm^-1 P_mo, and |Sigma_u,oo| = |Sigma_u| |P_mm|.
-  int m = 0;
-  for (int i = 0; i < t; ++i)
-    if (!pattern[i]) perm2[m++] = i;  // unobserved traits, 0-based
-  for (size_t k = 0; k < tt; ++k) block[k] = 0.0;
-  if (m > 0) {
-    for (int a = 0; a < m; ++a)
-      for (int b = 0; b <= a; ++b)
-        packed[packed_index(a + 1, b + 1)] = P[static_cast<size_t>(perm2[a]) * t + perm2[b]];
-    // Keep the unobserved positions: g5vsmi uses both integer views.
-    for (int a = 0; a < m; ++a) cols[a] = perm2[a];
-    int mode = 0, rank = m, neg = 0;
-    double ld = 0.0;
-    g5vsmi(span<double>(packed.data(), packed_size(m)), dscr, perm, perm2, mode, rank, ld, neg);
-    const int nonpos = neg >= 0 ? neg : -1 - neg;
-    if (mode != 0 || nonpos != 0) {
-      g5verror(" Residual matrix of the missing traits not positive definite", 3);
-      return g5vflt(ifault, 1000 + lrow.field(kModel));
-    }
-    corr = ld;
-    for (int i = 0; i < t; ++i) {
-      if (!pattern[i]) continue;
-      // dscr = P_mm^-1 P_m,i
-      for (int a = 0; a < m; ++a) {
-        double sum = 0.0;
-        for (int b = 0; b < m; ++b)
-          sum += packed[packed_index(a + 1, b + 1)] * P[static_cast<size_t>(cols[b]) * t + i];
-        dscr[a] = sum;
-      }
-      for (int j = 0; j < t; ++j) {
-        if (!pattern[j]) continue;
-        double sum = P[static_cast<size_t>(i) * t + j];
-        for (int a = 0; a < m; ++a) sum -= P[static_cast<size_t>(j) * t + cols[a]] * dscr[a];
-        block[static_cast<size_t>(i) * t + j] = sum;
-      }
-    }
-  } else {
-    for (size_t k = 0; k < tt; ++k) block[k] = P[k];
-  }
+  for (int i = 1; i <= t; ++i)
+    if (unit_inverse_row(ui, startrow, i, ifault)) return 1;
+  if (observed_inverse(ui, pattern, block, corr, ifault)) return 1;
   if (!roots.empty())
     for (int i = 0; i < t; ++i)
       for (int j = 0; j < t; ++j) block[static_cast<size_t>(i) * t + j] *= roots[i] * roots[j];
   return 0;
 }
-
 int g5vxxg(MmeStore& s, span<const GTerm> terms, span<const double> gammas, SspScratch& w,
            int& nfault) {
   Pool p = s.pool();
