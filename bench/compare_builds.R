@@ -32,7 +32,7 @@ run_one <- function(lib, code) {
   writeLines(c("suppressPackageStartupMessages(library(tarnel))", code,
                "cat(sprintf('RESULT %.3f %.10g %d\\n', t, as.numeric(logLik(fit)), nrow(fit$iterations)))"),
              script)
-  out <- system2("/usr/bin/time", c("-f", "PEAKKB %M", "Rscript", "--no-init-file", script),
+  out <- system2("/usr/bin/time", c("-f", shQuote("PEAKKB %M"), "Rscript", "--no-init-file", script),
                  stdout = TRUE, stderr = TRUE, env = paste0("R_LIBS=", lib))
   res <- strsplit(grep("^RESULT", out, value = TRUE), " ")[[1]]
   peak <- as.numeric(sub("PEAKKB ", "", grep("^PEAKKB", out, value = TRUE)))
