@@ -14,6 +14,7 @@
 #include "host/console.h"
 #include "host/messages.h"
 #include "variance/dense.h"
+#include "variance/spatial.h"
 
 namespace tarnel {
 
@@ -194,6 +195,7 @@ class Former {
   int diag(Section& S);
   int us(Section& S);
   int factor_form(Section& S, bool ante);
+  int distance(Section& S);
 
   // Expands a Toeplitz first row into packed form at `dst`.
   void expand_toeplitz(i64 dst, i64 row, int n) {
@@ -441,7 +443,7 @@ restart:
   } else if (m == 5 && n >= 2 && nc == n * (n - 1) / 2) {
     rc = corb_corg(S, true);
   } else if (m == 6) {
-    return fail(1006, " Distance based structures are not available in this version");
+    rc = distance(S);
   } else if (m == 7) {
     return fail(1007, " Own variance structures are not available in this version");
   } else if (m == 8) {
@@ -1165,6 +1167,34 @@ int Former::corb_corg(Section& S, bool corg) {
       tr(gp) = 2.0 * s;
     }
   }
+  return 0;
+}
+
+// A distance-based section: the correlation of its units from their
+// coordinates.
+int Former::distance(Section& S) {
+  if (S.n < 2) return fail(1006, " A distance based structure needs at least two units");
+  if (S.ncor < 1) return fail(1006, " A distance based structure needs its parameters");
+  const std::size_t g0 = static_cast<std::size_t>(S.gfirst - 1), nc = static_cast<std::size_t>(S.ncor);
+  SpatialSection sec;
+  sec.s = S.s;
+  sec.n = S.n;
+  sec.ncor = S.ncor;
+  sec.par = a_.gammas.subspan(g0, nc);
+  sec.tgamma = a_.tgamma.subspan(g0, nc);
+  sec.rgmstr = a_.rgmstr.subspan(g0, nc);
+  sec.secrec = S.rec;
+  sec.parrec = a_.parform.subspan(g0, nc);
+  sec.trdrri = a_.trdrri.subspan(g0, nc);
+  SpatialContext ctx;
+  ctx.giv = a_.giv;
+  ctx.work = a_.work;
+  ctx.top = &a_.top;
+  ctx.floor = a_.floor;
+  ctx.debug = a_.debug;
+  ctx.unit = a_.unit;
+  if (g5vvdg(sec, ctx, ifault_)) return 1;
+  a_.logdet.at1(S.s) = sec.logdet;
   return 0;
 }
 
