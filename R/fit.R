@@ -204,7 +204,7 @@ summary.tarnel <- function(object, ...) {
   cols <- c("component", "std.error", "z.ratio", "constraint")
   if (object$profiled) {
     vp$ratio <- vp$gamma
-    vp$ratio[object$params$kind[match(rownames(vp), object$params$name)] %in% c("correlation")] <- NA
+    vp$ratio[!object$params$kind[match(rownames(vp), object$params$name)] %in% c("variance", "covariance", "scale")] <- NA
     cols <- c("ratio", cols)
   }
   se <- sqrt(diag(object$vcov))
@@ -215,7 +215,8 @@ summary.tarnel <- function(object, ...) {
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], fixed = fe,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
-                 message = object$message, sigma2 = object$sigma2, profiled = object$profiled),
+                 message = object$message, sigma2 = object$sigma2, profiled = object$profiled,
+                 notes = spatial_notes(object)),
             class = "summary.tarnel")
 }
 
@@ -224,6 +225,7 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   cat("tarnel REML fit\nCall: ", paste(deparse(x$call), collapse = "\n"), "\n\n", sep = "")
   cat("Variance parameters", if (x$profiled) " (ratios to the residual variance, which is profiled)" else "", ":\n", sep = "")
   print(x$varcomp, digits = digits)
+  if (length(x$notes)) cat(paste0("  ", x$notes, "\n"), sep = "")
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",

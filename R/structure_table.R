@@ -31,6 +31,7 @@ build_struc <- function(model, table) {
   secs <- list()
   known <- list()
   gpos <- nfactp
+  words <- 0  # work array words the spatial structures take
   new_section <- function(sp, gfirst, npar, g14) {
     secs[[length(secs) + 1L]] <<- c(sp$order, npar, sp$model, gfirst, 0L, sp$band, 0L, 0L, 0L, 0L, 0L, 0L, 0L, g14, 1L)
     length(secs)
@@ -86,10 +87,14 @@ build_struc <- function(model, table) {
       npar <- length(s$names)
       r <- new_section(s, if (npar) gpos + 1L else 0L, npar, 1L)
       if (isTRUE(s$scalepos)) secs[[r]][13L] <- gpos + npar
+      if (!is.null(s$coords)) {
+        known[[length(known) + 1L]] <- spatial_known(s, r)
+        words <- words + s$words
+      }
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
         add_par(paste0(g$label, "!", if (!is.null(s$factor) && g$kind != "coefs") paste0(s$factor, ":") else "", s$names[k]),
-                s$kind[k], g$label, s$start[k], code_of(s$kind[k]))
+                s$kind[k], g$label, s$start[k], if (k <= length(s$code)) s$code[k] else code_of(s$kind[k]))
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -107,6 +112,20 @@ build_struc <- function(model, table) {
     nrsect <- matrix(c(nrec, 0L, r), 3L, 1L)
   } else if (resid$kind == "identity") {
     nrsect <- matrix(c(nrec, 0L, 0L), 3L, 1L)
+  } else if (resid$kind == "spatial") {
+    # One section over the records, its coordinates read again from the
+    # records as arranged.
+    sp <- spatial_call_spec(resid$spec$call, model$data, resid$spec$env)
+    s <- spatial_section_spec(sp)
+    r <- new_section(s, gpos + 1L, length(s$names), 0L)
+    known[[length(known) + 1L]] <- spatial_known(s, r)
+    for (k in seq_along(s$names)) {
+      gpos <- gpos + 1L
+      add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], s$code[k])
+      pars$gamma[nrow(pars)] <- gpos
+    }
+    nrsect <- matrix(c(nrec, 0L, r), 3L, 1L)
+    words <- words + s$words
   } else if (resid$kind == "het") {
     f <- as.integer(structure_factor(model$data, resid$factor))
     counts <- tabulate(f, length(resid$levels))
@@ -157,7 +176,8 @@ build_struc <- function(model, table) {
   pars$profiled <- profiled
   out <- list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
               printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
-              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known))
+              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known),
+              spatial_words = words)
   apply_constraints(out, NULL, NULL, NULL, NULL)
 }
 
