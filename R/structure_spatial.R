@@ -235,7 +235,7 @@ spatial_section_spec <- function(sp) {
   blk <- as.integer(factor(sp$block))
   coords <- list(size = n, type = NA_integer_, rank = 0L, real = as.double(t(sp$coords)),
                  integer = c(sp$metric, sp$dim, 1L, if (nb > 1L) nb else 1L, as.integer(rbind(blk, 0L))))
-  list(fn = sp$fn, factor = sp$factor, model = 6L, order = n, band = 0L, names = names, kind = kind, start = start,
+  list(fn = sp$fn, model = 6L, order = n, band = 0L, names = names, kind = kind, start = start,
        code = code, key = sp$key, coords = coords, words = (4 + 2 * length(names)) * n * (n + 1) / 2 + n * n)
 }
 
@@ -257,7 +257,7 @@ spatial_notes <- function(object) {
   out <- character()
   for (s in specs) {
     sp <- s$spec
-    v <- function(nm) unname(object$gammas[paste0(s$who, "!", sp$factor, ":", nm)])
+    v <- function(nm) unname(object$gammas[paste0(s$who, "!", if (s$who == "residual") paste0(sp$factor, ":"), nm)])
     f <- function(x) format(signif(x, 4))
     txt <- switch(sp$fn,
       cov_exp = , cov_gauss = , cov_powexp = {
