@@ -114,7 +114,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     fitted = back(lp), fitted_fixed = back(xb), residuals = back(res),
     ai = ai, score = score, iterations = iters, gammas = setNames(value, pars$name),
     constraints = setNames(codes[pars$gamma], pars$name),
-    nobs = sum(present), records = out$records, neq = neq, nonzero = out$nonzero,
+    nobs = sum(present), records = out$records, record_rows = rows, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars)
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
