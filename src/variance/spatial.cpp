@@ -253,6 +253,7 @@ struct Former {
   void distances(span<const int> units);
   void form(span<const int> units, double* C, double* const* dC);
   int invert(int m, double* C, double* Ci, double* scratch, span<int> singlist, double& ld);
+  int blocks(int nb, span<const int> order, span<const int> start, i64 pc, i64 pci, const i64* pd, const i64* pa);
 };
 
 void Former::distances(span<const int> units) {
@@ -345,6 +346,68 @@ void scatter(double* dst, const double* src, span<const int> units) {
     for (int j = 1; j <= i; ++j) dst[packed_index(units[i - 1], units[j - 1])] = src[packed_index(i, j)];
 }
 
+// Forms, inverts and differentiates each block, in the section's own
+// packed matrices when there is one block and in scratch placed into them
+// otherwise; adds up the log determinant and the traces.
+int Former::blocks(int nb, span<const int> order, span<const int> start, i64 pc, i64 pci, const i64* pd,
+                   const i64* pa) {
+  const int n = sec.n;
+  const i64 np = packed_size(n);
+  int mmax = 0;
+  for (int b = 0; b < nb; ++b) mmax = std::max(mmax, start[b + 1] - start[b]);
+  auto units_of = [&](int b) { return span<const int>(order.data() + start[b], start[b + 1] - start[b]); };
+  // Per block: local packed arrays (the section's own when there is one
+  // block), the product scratch, and the inversion scratch.
+  const bool one = nb == 1;
+  const i64 mp = packed_size(mmax);
+  const i64 nloc = one ? 0 : (2 + 2 * static_cast<i64>(nd)) * mp;
+  const i64 pl = take(nloc + static_cast<i64>(mmax) * mmax + 2 * static_cast<i64>(mmax) + mmax / 2 + 1);
+  if (!pl) return 1;
+  double* loc = W(pl);
+  double* w = loc + nloc;
+  double* scr = w + static_cast<i64>(mmax) * mmax;
+  span<int> singlist(reinterpret_cast<int*>(scr + 2 * static_cast<i64>(mmax)), static_cast<std::size_t>(mmax));
+  if (!one) {
+    std::fill(W(pc), W(pc) + np, 0.0);
+    std::fill(W(pci), W(pci) + np, 0.0);
+    for (int k = 0; k < nd; ++k) {
+      std::fill(W(pd[k]), W(pd[k]) + np, 0.0);
+      std::fill(W(pa[k]), W(pa[k]) + np, 0.0);
+    }
+  }
+  for (int b = 0; b < nb; ++b) {
+    const span<const int> u = units_of(b);
+    const int m = static_cast<int>(u.size());
+    const i64 q = packed_size(m);
+    double* C = one ? W(pc) : loc;
+    double* Ci = one ? W(pci) : loc + mp;
+    double* dC[5];
+    double* aa[5];
+    for (int k = 0; k < nd; ++k) {
+      dC[k] = one ? W(pd[k]) : loc + (2 + 2 * k) * mp;
+      aa[k] = one ? W(pa[k]) : loc + (3 + 2 * k) * mp;
+    }
+    form(u, C, dC);
+    double ld = 0.0;
+    if (invert(m, C, Ci, scr, singlist, ld)) return 1;
+    sec.logdet += ld;
+    for (int k = 0; k < nd; ++k) {
+      sec.trdrri[which[k]] += g5vvtr(span<const double>(Ci, q), span<const double>(dC[k], q), m);
+      g5vvaa(span<double>(aa[k], q), span<const double>(dC[k], q), span<const double>(Ci, q),
+             span<double>(w, static_cast<i64>(m) * m), m);
+    }
+    if (!one) {
+      scatter(W(pc), C, u);
+      scatter(W(pci), Ci, u);
+      for (int k = 0; k < nd; ++k) {
+        scatter(W(pd[k]), dC[k], u);
+        scatter(W(pa[k]), aa[k], u);
+      }
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 int g5vvdg(SpatialSection& sec, SpatialContext& ctx, int& ifault) {
@@ -386,8 +449,6 @@ int g5vvdg(SpatialSection& sec, SpatialContext& ctx, int& ifault) {
   span<int> order(ints, n), start(ints + n, n + 1), keyof(ints + 2 * n + 1, n);
   const int nb = assign_blocks(ctx.giv, co, order, start, keyof);
   if (nb < 1) return g5vflt(ifault, kFault);
-  int mmax = 0;
-  for (int b = 0; b < nb; ++b) mmax = std::max(mmax, start[b + 1] - start[b]);
   auto units_of = [&](int b) { return span<const int>(order.data() + start[b], start[b + 1] - start[b]); };
 
   // The range check of the limited-range models.
@@ -407,57 +468,11 @@ int g5vvdg(SpatialSection& sec, SpatialContext& ctx, int& ifault) {
     g5vtme(ctx.unit, "Power Exponential", 17);
   }
 
-  // Per block: local packed arrays (the section's own when there is one
-  // block), the product scratch, and the inversion scratch.
-  const bool one = nb == 1;
-  const i64 mp = packed_size(mmax);
-  const i64 nloc = one ? 0 : (2 + 2 * static_cast<i64>(F.nd)) * mp;
-  const i64 pl = F.take(nloc + static_cast<i64>(mmax) * mmax + 2 * static_cast<i64>(mmax) + mmax / 2 + 1);
-  if (!pl) return 1;
-  double* loc = F.W(pl);
-  double* w = loc + nloc;
-  double* scr = w + static_cast<i64>(mmax) * mmax;
-  span<int> singlist(reinterpret_cast<int*>(scr + 2 * static_cast<i64>(mmax)), static_cast<std::size_t>(mmax));
-  if (!one) {
-    std::fill(F.W(pc), F.W(pc) + np, 0.0);
-    std::fill(F.W(pci), F.W(pci) + np, 0.0);
-    for (int k = 0; k < F.nd; ++k) {
-      std::fill(F.W(pd[k]), F.W(pd[k]) + np, 0.0);
-      std::fill(F.W(pa[k]), F.W(pa[k]) + np, 0.0);
-    }
-  }
   for (int k = 0; k < given; ++k) sec.trdrri[k] = 0.0;
   sec.logdet = 0.0;
-  for (int b = 0; b < nb; ++b) {
-    const span<const int> u = units_of(b);
-    const int m = static_cast<int>(u.size());
-    const i64 q = packed_size(m);
-    double* C = one ? F.W(pc) : loc;
-    double* Ci = one ? F.W(pci) : loc + mp;
-    double* dC[5];
-    double* aa[5];
-    for (int k = 0; k < F.nd; ++k) {
-      dC[k] = one ? F.W(pd[k]) : loc + (2 + 2 * k) * mp;
-      aa[k] = one ? F.W(pa[k]) : loc + (3 + 2 * k) * mp;
-    }
-    F.form(u, C, dC);
-    double ld = 0.0;
-    if (F.invert(m, C, Ci, scr, singlist, ld)) return 1;
-    sec.logdet += ld;
-    for (int k = 0; k < F.nd; ++k) {
-      sec.trdrri[F.which[k]] += g5vvtr(span<const double>(Ci, q), span<const double>(dC[k], q), m);
-      g5vvaa(span<double>(aa[k], q), span<const double>(dC[k], q), span<const double>(Ci, q),
-             span<double>(w, static_cast<i64>(m) * m), m);
-    }
-    if (!one) {
-      scatter(F.W(pc), C, u);
-      scatter(F.W(pci), Ci, u);
-      for (int k = 0; k < F.nd; ++k) {
-        scatter(F.W(pd[k]), dC[k], u);
-        scatter(F.W(pa[k]), aa[k], u);
-      }
-    }
-  }
+  if (F.blocks(nb, span<const int>(order.data(), order.size()), span<const int>(start.data(), start.size()), pc, pci,
+               pd, pa))
+    return 1;
   *ctx.top = saved;
   if (ctx.debug) {
     g5vtme(ctx.unit, " PowerR inverted", 16);
