@@ -103,9 +103,7 @@ grid_variogram <- function(z, x, y, grid) {
 variogram.tarnel <- function(object, x = NULL, y = NULL, ...) {
   data <- object$model$data
   if (is.null(x)) {
-    sp <- if (identical(object$model$resid$kind, "spatial")) object$model$resid$spec else NULL
-    if (is.null(sp)) for (g in object$model$random$groups)
-      if (identical(g$kind, "product") && isTRUE(g$specs[[1L]]$spatial)) { sp <- g$specs[[1L]]; break }
+    sp <- fit_spatial_spec(object)
     if (is.null(sp)) tstop("variogram(): the fit has no distance-based structure; name the coordinate columns in 'x' and 'y'")
     x <- sp$coord_names[1L]
     y <- if (length(sp$coord_names) > 1L) sp$coord_names[2L] else NULL
@@ -148,4 +146,60 @@ plot.tarnel_variogram <- function(x, main = "Sample variogram", ...) {
   graphics::persp(ux, uy, m, theta = 30, phi = 30, xlab = "x lag", ylab = "y lag", zlab = "semivariance",
                   ticktype = "detailed", col = "lightsteelblue", main = main, ...)
   invisible(x)
+}
+
+#' Map of residuals on a grid
+#'
+#' Draws the residuals of a fit at their positions on a regular grid (field
+#' plots in rows and columns), with a colour key: blue below 0, red above.
+#' Positions without a residual are left blank.
+#'
+#' @param object a \code{tarnel} fit.
+#' @param x,y column names of the data with the grid coordinates; by default
+#'   those of the fit's distance-based structure.
+#' @param main a title.
+#' @return The matrix of residuals drawn (rows the distinct \code{x},
+#'   columns the distinct \code{y}), invisibly.
+#' @export
+residual_map <- function(object, x = NULL, y = NULL, main = "Residuals") {
+  if (!inherits(object, "tarnel")) tstop("residual_map(): 'object' must be a tarnel fit")
+  if (is.null(x)) {
+    sp <- fit_spatial_spec(object)
+    if (is.null(sp) || length(sp$coord_names) < 2L)
+      tstop("residual_map(): the fit has no two-coordinate distance-based structure; name the columns in 'x' and 'y'")
+    x <- sp$coord_names[1L]; y <- sp$coord_names[2L]
+  }
+  if (is.null(y)) tstop("residual_map(): 'y' is needed")
+  data <- object$model$data
+  xv <- as_model_numeric(data, x, "a coordinate"); yv <- as_model_numeric(data, y, "a coordinate")
+  rows <- object$record_rows
+  r <- ifelse(is.na(rows), NA_real_, object$residuals[ifelse(is.na(rows), 1L, rows)])
+  ux <- sort(unique(xv)); uy <- sort(unique(yv))
+  if (length(ux) * length(uy) > 1e6) tstop("residual_map(): the grid has too many positions")
+  m <- matrix(NA_real_, length(ux), length(uy), dimnames = list(format(ux), format(uy)))
+  m[cbind(match(xv, ux), match(yv, uy))] <- r
+  lim <- max(abs(m), na.rm = TRUE)
+  if (!is.finite(lim) || lim == 0) lim <- 1
+  cols <- grDevices::hcl.colors(21, "Blue-Red 3")
+  op <- graphics::par(no.readonly = TRUE)
+  on.exit(graphics::par(op))
+  graphics::layout(matrix(1:2, 1), widths = c(5, 1))
+  graphics::par(mar = c(4.5, 4.5, 3, 1))
+  graphics::image(ux, uy, m, col = cols, zlim = c(-lim, lim), xlab = x, ylab = y, main = main)
+  graphics::box()
+  graphics::par(mar = c(4.5, 1, 3, 3.5))
+  key <- seq(-lim, lim, length.out = length(cols) + 1L)
+  graphics::image(1, (key[-1] + key[-length(key)]) / 2, matrix(key[-1], 1), col = cols, axes = FALSE, xlab = "", ylab = "")
+  graphics::axis(4, las = 1)
+  graphics::box()
+  invisible(m)
+}
+
+# The distance-based structure of a fit: its residual one, else that of its
+# first spatial random term; NULL when there is none.
+fit_spatial_spec <- function(object) {
+  if (identical(object$model$resid$kind, "spatial")) return(object$model$resid$spec)
+  for (g in object$model$random$groups)
+    if (identical(g$kind, "product") && isTRUE(g$specs[[1L]]$spatial)) return(g$specs[[1L]])
+  NULL
 }
