@@ -121,3 +121,15 @@ test_that("spatial structures reject unusable input with clear errors", {
   expect_error(fit(~ cov_exp(latitude, longitude), d2), "missing values")
   expect_error(tarnel(yield ~ 1, random = ~ cov_exp(latitude, longitude):Block, data = d), "stands alone")
 })
+
+test_that("a separable exponential residual agrees with dense REML", {
+  f <- quiet(tarnel(yield ~ variety, residual = ~ cov_exp(latitude, longitude, separable = TRUE), data = wheat))
+  ax <- abs(outer(wheat$latitude, wheat$latitude, `-`)); ay <- abs(outer(wheat$longitude, wheat$longitude, `-`))
+  X <- model.matrix(~ variety, wheat)
+  got <- c(par_of(f, ":rho_x"), par_of(f, ":rho_y"))
+  o <- optim(qlogis(got) + 0.3, function(p) -reml_C(plogis(p[1])^ax * plogis(p[2])^ay, X, wheat$yield)$ll,
+             control = list(reltol = 1e-12))
+  expect_lt(max(abs(got - plogis(o$par))), 0.005)
+  expect_lt(abs(f$loglik_standard + o$value), 0.05)
+  expect_match(summary(f)$notes, "in each direction", fixed = TRUE)
+})
