@@ -141,6 +141,7 @@ warn_fit <- function(fit) {
   bnd <- rownames(fit$varcomp)[fit$varcomp$constraint == "boundary"]
   if (length(bnd))
     warning(sprintf("tarnel: parameter(s) held at a boundary: %s", paste(bnd, collapse = ", ")), call. = FALSE)
+  for (w in spatial_warnings(fit)) warning(w, call. = FALSE)
   invisible(fit)
 }
 

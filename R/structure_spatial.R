@@ -247,17 +247,42 @@ spatial_known <- function(s, section) {
   k
 }
 
-# What the parameters of each spatial structure of a fit mean, in words,
-# with the estimates.
-spatial_notes <- function(object) {
+# The spatial structures of a fit with the name their parameters carry.
+fit_spatial_specs <- function(object) {
   specs <- list()
   if (identical(object$model$resid$kind, "spatial")) specs <- list(list(spec = object$model$resid$spec, who = "residual"))
   for (g in object$model$random$groups)
     if (identical(g$kind, "product") && isTRUE(g$specs[[1L]]$spatial)) specs[[length(specs) + 1L]] <- list(spec = g$specs[[1L]], who = g$label)
+  specs
+}
+spatial_value <- function(object, s, nm)
+  unname(object$gammas[paste0(s$who, "!", if (s$who == "residual") paste0(s$spec$factor, ":"), nm)])
+
+# A limited-range correlation whose range fell short of the largest
+# distance in a block was held at three times the smallest distance: the
+# fit of such a model says so.
+spatial_warnings <- function(object) {
+  out <- character()
+  for (s in fit_spatial_specs(object)) {
+    sp <- s$spec
+    if (!sp$fn %in% c("cov_spher", "cov_circ", "cov_linear", "cov_linvar")) next
+    dd <- spatial_distances(sp$coords, sp$block)
+    r <- spatial_value(object, s, "range")
+    if (isTRUE(r < dd$far))
+      out <- c(out, sprintf("tarnel: %s %s: the range %s is shorter than the largest distance between units (%s), which this correlation cannot fit; it was held at three times the smallest distance",
+                            s$who, sp$key, format(signif(r, 4)), format(signif(dd$far, 4))))
+  }
+  out
+}
+
+# What the parameters of each spatial structure of a fit mean, in words,
+# with the estimates.
+spatial_notes <- function(object) {
+  specs <- fit_spatial_specs(object)
   out <- character()
   for (s in specs) {
     sp <- s$spec
-    v <- function(nm) unname(object$gammas[paste0(s$who, "!", if (s$who == "residual") paste0(sp$factor, ":"), nm)])
+    v <- function(nm) spatial_value(object, s, nm)
     f <- function(x) format(signif(x, 4))
     txt <- switch(sp$fn,
       cov_exp = , cov_gauss = , cov_powexp = {

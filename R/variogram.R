@@ -198,8 +198,6 @@ residual_map <- function(object, x = NULL, y = NULL, main = "Residuals") {
 # The distance-based structure of a fit: its residual one, else that of its
 # first spatial random term; NULL when there is none.
 fit_spatial_spec <- function(object) {
-  if (identical(object$model$resid$kind, "spatial")) return(object$model$resid$spec)
-  for (g in object$model$random$groups)
-    if (identical(g$kind, "product") && isTRUE(g$specs[[1L]]$spatial)) return(g$specs[[1L]])
-  NULL
+  s <- fit_spatial_specs(object)
+  if (length(s)) s[[1L]]$spec else NULL
 }

@@ -133,3 +133,17 @@ test_that("a separable exponential residual agrees with dense REML", {
   expect_lt(abs(f$loglik_standard + o$value), 0.05)
   expect_match(summary(f)$notes, "in each direction", fixed = TRUE)
 })
+
+test_that("a limited range that falls short of the field is held and the fit says so", {
+  set.seed(4)
+  d <- data.frame(pos = sort(runif(80, 0, 40)), g = factor(sample(1:2, 80, TRUE)))
+  d$y <- 3 + as.integer(d$g) + drop(t(chol(exp(-as.matrix(dist(d$pos)) / 4))) %*% rnorm(80))
+  expect_warning(f <- quiet(tarnel(y ~ g, residual = ~ cov_spher(pos), data = d)), "shorter than the largest distance")
+  expect_lt(par_of(f, ":range"), 10 * min(diff(d$pos)))
+  # The exponential of the same data reaches the dense REML optimum.
+  f <- quiet(tarnel(y ~ g, residual = ~ cov_exp(pos), data = d))
+  D <- as.matrix(dist(d$pos)); X <- model.matrix(~ g, d)
+  o <- optimize(function(r) -reml_C(r^D, X, d$y)$ll, c(0.01, 0.99), tol = 1e-10)
+  expect_lt(abs(par_of(f, ":rho") - o$minimum), 0.005)
+  expect_lt(abs(f$loglik_standard + o$objective), 0.05)
+})
