@@ -475,8 +475,14 @@ int g5vvdg(SpatialSection& sec, SpatialContext& ctx, int& ifault) {
     return 1;
   *ctx.top = saved;
   if (ctx.debug) {
+    if (n > 800) g5vtme(ctx.unit, " PowerR formed", 14);
+    g5vtme(ctx.unit, " POWER", 6);
     g5vtme(ctx.unit, " PowerR inverted", 16);
     g5vtme(ctx.unit, " POWinv", 7);
+    if (F.nd > 0) {
+      g5vtme(ctx.unit, " PowerVAA2", 10);
+      g5vtme(ctx.unit, " POWd1", 6);
+    }
   }
   sec.secrec->kind = 9;
   sec.secrec->pos = pc;
