@@ -147,3 +147,23 @@ test_that("a limited range that falls short of the field is held and the fit say
   expect_lt(abs(par_of(f, ":rho") - o$minimum), 0.005)
   expect_lt(abs(f$loglik_standard + o$objective), 0.05)
 })
+
+test_that("a geometrically anisotropic Matern agrees with dense REML", {
+  aniso_D <- function(x, y, a, th) {
+    dx <- outer(x, x, `-`); dy <- outer(y, y, `-`)
+    sqrt(a * (dx * cos(th) + dy * sin(th))^2 + (dy * cos(th) - dx * sin(th))^2 / a)
+  }
+  set.seed(8)
+  n <- 100
+  d <- data.frame(x = runif(n, 0, 10), y = runif(n, 0, 10))
+  d$z <- 2 + drop(t(chol(matern_C(aniso_D(d$x, d$y, 3, 0.6), 2, 1) + diag(1e-8, n))) %*% rnorm(n))
+  f <- quiet(tarnel(z ~ 1, residual = ~ cov_matern(x, y, nu = 1, anisotropy = TRUE), data = d))
+  got <- c(par_of(f, ":range"), par_of(f, ":anisotropy_ratio"), par_of(f, ":anisotropy_angle"))
+  o <- optim(c(log(got[1:2]), got[3]) + c(0.2, 0.2, 0.1),
+             function(p) -reml_C(matern_C(aniso_D(d$x, d$y, exp(p[2]), p[3]), exp(p[1]), 1), matrix(1, n, 1), d$z)$ll,
+             control = list(reltol = 1e-12, maxit = 2000))
+  expect_lt(max(rel(got[1:2], exp(o$par[1:2]))), 0.01)
+  expect_lt(abs(got[3] - o$par[3]), 0.005)
+  expect_lt(abs(f$loglik_standard + o$value), 0.05)
+  expect_match(summary(f)$notes, "anisotropy ratio", fixed = TRUE)
+})
