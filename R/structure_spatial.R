@@ -239,11 +239,17 @@ spatial_section_spec <- function(sp) {
        code = code, key = sp$key, coords = coords, words = (4 + 2 * length(names)) * n * (n + 1) / 2 + n * n)
 }
 
+# A distance-based residual as the one structure of the residual sections,
+# its coordinates read again from the records as arranged (the records
+# without a response may have been left out).
+spatial_residual_specs <- function(resid, model) list(spatial_call_spec(resid$spec$call, model$data, resid$spec$env))
+
 # The table row of a section's coordinates: its type is 6000 plus the
 # section number.
 spatial_known <- function(s, section) {
   k <- s$coords
   k$type <- 6000L + as.integer(section)
+  k$words <- s$words
   k
 }
 

@@ -31,9 +31,9 @@ build_struc <- function(model, table) {
   secs <- list()
   known <- list()
   gpos <- nfactp
-  words <- 0  # work array words the spatial structures take
   new_section <- function(sp, gfirst, npar, g14) {
     secs[[length(secs) + 1L]] <<- c(sp$order, npar, sp$model, gfirst, 0L, sp$band, 0L, 0L, 0L, 0L, 0L, 0L, 0L, g14, 1L)
+    if (!is.null(sp$coords)) known[[length(known) + 1L]] <<- spatial_known(sp, length(secs))
     length(secs)
   }
   # Random terms.
@@ -87,14 +87,10 @@ build_struc <- function(model, table) {
       npar <- length(s$names)
       r <- new_section(s, if (npar) gpos + 1L else 0L, npar, 1L)
       if (isTRUE(s$scalepos)) secs[[r]][13L] <- gpos + npar
-      if (!is.null(s$coords)) {
-        known[[length(known) + 1L]] <- spatial_known(s, r)
-        words <- words + s$words
-      }
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
         add_par(paste0(g$label, "!", if (!is.null(s$factor) && g$kind != "coefs") paste0(s$factor, ":") else "", s$names[k]),
-                s$kind[k], g$label, s$start[k], if (k <= length(s$code)) s$code[k] else code_of(s$kind[k]))
+                s$kind[k], g$label, s$start[k], section_code(s, k, code_of(s$kind[k])))
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -112,20 +108,6 @@ build_struc <- function(model, table) {
     nrsect <- matrix(c(nrec, 0L, r), 3L, 1L)
   } else if (resid$kind == "identity") {
     nrsect <- matrix(c(nrec, 0L, 0L), 3L, 1L)
-  } else if (resid$kind == "spatial") {
-    # One section over the records, its coordinates read again from the
-    # records as arranged.
-    sp <- spatial_call_spec(resid$spec$call, model$data, resid$spec$env)
-    s <- spatial_section_spec(sp)
-    r <- new_section(s, gpos + 1L, length(s$names), 0L)
-    known[[length(known) + 1L]] <- spatial_known(s, r)
-    for (k in seq_along(s$names)) {
-      gpos <- gpos + 1L
-      add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], s$code[k])
-      pars$gamma[nrow(pars)] <- gpos
-    }
-    nrsect <- matrix(c(nrec, 0L, r), 3L, 1L)
-    words <- words + s$words
   } else if (resid$kind == "het") {
     f <- as.integer(structure_factor(model$data, resid$factor))
     counts <- tabulate(f, length(resid$levels))
@@ -141,6 +123,7 @@ build_struc <- function(model, table) {
       nrsect[, s] <- c(counts[s], 0L, r)
     }
   } else {
+    if (resid$kind == "spatial") resid$specs <- spatial_residual_specs(resid, model)
     first <- length(secs) + 1L
     for (sp in resid$specs) {
       s <- section_spec(sp, sp$levels, 1, 1)
@@ -148,7 +131,7 @@ build_struc <- function(model, table) {
       new_section(s, if (npar) gpos + 1L else 0L, npar, 0L)
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
-        add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], code_of(s$kind[k]))
+        add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], section_code(s, k, code_of(s$kind[k])))
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -176,10 +159,13 @@ build_struc <- function(model, table) {
   pars$profiled <- profiled
   out <- list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
               printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
-              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known),
-              spatial_words = words)
+              params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known))
   apply_constraints(out, NULL, NULL, NULL, NULL)
 }
+
+# The constraint code of parameter k of a section: its own when it gives
+# one, else the default of its kind.
+section_code <- function(s, k, default) if (k <= length(s$code)) s$code[k] else default
 
 # A start for the variance of a random factor (or interaction of factors)
 # from the spread of the response's means over its levels: the between-level
@@ -280,7 +266,7 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
 # start in the real store, index in the integer store, rank) and the two
 # stores, one matrix after the other.
 known_table <- function(known) {
-  if (!length(known)) return(list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0))
+  if (!length(known)) return(list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0, words = 0))
   tab <- integer(); real <- double(); int <- integer()
   for (k in known) {
     tab <- c(tab, k$size, k$type, length(real) + 1L, length(int) + 1L, k$rank)
@@ -288,5 +274,8 @@ known_table <- function(known) {
     int <- c(int, k$integer)
   }
   if (length(real) > 2^31 - 1 || length(int) > 2^31 - 1) tstop("the known matrices are too large")
-  list(nainv = length(known), lcainv = as.integer(tab), llainv = as.integer(int), ainv = as.double(real))
+  # Work array words the distance-based sections take in the engine.
+  words <- sum(vapply(known, function(k) if (is.null(k$words)) 0 else k$words, 0))
+  list(nainv = length(known), lcainv = as.integer(tab), llainv = as.integer(int), ainv = as.double(real),
+       words = words)
 }
