@@ -104,6 +104,12 @@ test_that("a spatial random effect in blocks beside a nugget agrees with gls(cor
   expect_lt(abs(vc[1] - exp(-1 / cs[["range"]])), 0.005)
   expect_lt(abs(f$loglik_standard - as.numeric(logLik(gl))), 0.05)
   expect_length(f$ranef, 240L)  # one effect a position and site
+  # The same model with the spatial part in the residual and the nugget as a
+  # random effect of each plot.
+  g$plot <- factor(seq_len(nrow(g)))
+  f2 <- quiet(tarnel(yield ~ trt, random = ~ plot, residual = ~ cov_exp(x, y, block = site), data = g))
+  expect_lt(abs(f2$loglik - f$loglik), 1e-3)
+  expect_lt(max(rel(f2$varcomp$component[c(2, 3, 1)], vc)), 0.01)
 })
 
 test_that("spatial structures reject unusable input with clear errors", {
