@@ -114,7 +114,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     fitted = back(lp), fitted_fixed = back(xb), residuals = back(res),
     ai = ai, score = score, iterations = iters, gammas = setNames(value, pars$name),
     constraints = setNames(codes[pars$gamma], pars$name),
-    nobs = sum(present), records = out$records, neq = neq, nonzero = out$nonzero,
+    nobs = sum(present), records = out$records, record_rows = rows, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars)
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
@@ -141,6 +141,7 @@ warn_fit <- function(fit) {
   bnd <- rownames(fit$varcomp)[fit$varcomp$constraint == "boundary"]
   if (length(bnd))
     warning(sprintf("tarnel: parameter(s) held at a boundary: %s", paste(bnd, collapse = ", ")), call. = FALSE)
+  for (w in spatial_warnings(fit)) warning(w, call. = FALSE)
   invisible(fit)
 }
 
@@ -204,7 +205,7 @@ summary.tarnel <- function(object, ...) {
   cols <- c("component", "std.error", "z.ratio", "constraint")
   if (object$profiled) {
     vp$ratio <- vp$gamma
-    vp$ratio[object$params$kind[match(rownames(vp), object$params$name)] %in% c("correlation")] <- NA
+    vp$ratio[!object$params$kind[match(rownames(vp), object$params$name)] %in% c("variance", "covariance", "scale")] <- NA
     cols <- c("ratio", cols)
   }
   se <- sqrt(diag(object$vcov))
@@ -215,7 +216,8 @@ summary.tarnel <- function(object, ...) {
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], fixed = fe,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
-                 message = object$message, sigma2 = object$sigma2, profiled = object$profiled),
+                 message = object$message, sigma2 = object$sigma2, profiled = object$profiled,
+                 notes = spatial_notes(object)),
             class = "summary.tarnel")
 }
 
@@ -224,6 +226,7 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   cat("tarnel REML fit\nCall: ", paste(deparse(x$call), collapse = "\n"), "\n\n", sep = "")
   cat("Variance parameters", if (x$profiled) " (ratios to the residual variance, which is profiled)" else "", ":\n", sep = "")
   print(x$varcomp, digits = digits)
+  if (length(x$notes)) cat(paste0("  ", x$notes, "\n"), sep = "")
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",

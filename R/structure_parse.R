@@ -183,6 +183,7 @@ structure_factor <- function(data, name) {
 # variance parameters are ratios to the residual variance.
 section_spec <- function(spec, levels, ratio_start, comp_start) {
   n <- length(levels)
+  if (isTRUE(spec$spatial)) return(spatial_section_spec(spec))
   if (identical(spec$fn, "cov_known"))
     # The model code (minus the row of the table of known matrices) is set
     # when the table is built.
@@ -273,6 +274,16 @@ parse_random <- function(random, data, env, store) {
       groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = list(sp))
       next
     }
+    if (any(vapply(exprs, is_spatial_call, TRUE))) {
+      if (length(exprs) > 1L)
+        tstop("'%s': a distance-based structure stands alone in its term (independent fields come from its 'block' argument)", labels[j])
+      sp <- spatial_units(spatial_call_spec(exprs[[1L]], data, env))
+      b <- add_columns(store, paste0("spatial:", sp$key), sp$unit)
+      terms[[length(terms) + 1L]] <- list(label = labels[j], vars = list(leaf(sp$key, 0L, b, length(sp$levels), 1L, sp$levels)))
+      sp$unit <- NULL
+      groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = list(sp))
+      next
+    }
     iscov <- vapply(exprs, is_cov_call, TRUE)
     if (any(iscov)) {
       specs <- vector("list", length(exprs))
@@ -360,6 +371,7 @@ parse_residual <- function(residual, data, env) {
     if (nlevels(f) < 2L) tstop("het(): '%s' needs at least two levels", name)
     return(list(kind = "het", factor = name, levels = levels(f)))
   }
+  if (is_spatial_call(rhs)) return(list(kind = "spatial", spec = spatial_call_spec(rhs, data, env)))
   tf <- stats::terms(residual, keep.order = TRUE)
   labels <- attr(tf, "term.labels")
   if (length(labels) != 1L) tstop("the residual formula must be one term: ~ 1, ~ het(f), or a product such as ~ cov_ar1(col):cov_ar1(row)")
@@ -367,6 +379,7 @@ parse_residual <- function(residual, data, env) {
   exprs <- lapply(which(attr(tf, "factors")[, 1L] > 0), function(i) vars[[i + 1L]])
   specs <- lapply(exprs, function(e) {
     if (is_known_call(e)) tstop("cov_known() belongs in the random formula, not the residual formula")
+    if (is_spatial_call(e)) tstop("a distance-based residual structure stands alone in the residual formula (independent fields come from its 'block' argument)")
     if (is_cov_call(e)) return(cov_call_spec(e, env))
     if (is.name(e)) return(list(fn = "cov_id", factor = as.character(e), het = FALSE, key = as.character(e)))
     tstop("the residual term '%s' is not a factor or a structure", deparse(e))

@@ -33,6 +33,7 @@ build_struc <- function(model, table) {
   gpos <- nfactp
   new_section <- function(sp, gfirst, npar, g14) {
     secs[[length(secs) + 1L]] <<- c(sp$order, npar, sp$model, gfirst, 0L, sp$band, 0L, 0L, 0L, 0L, 0L, 0L, 0L, g14, 1L)
+    if (!is.null(sp$coords)) known[[length(known) + 1L]] <<- spatial_known(sp, length(secs))
     length(secs)
   }
   # Random terms.
@@ -89,7 +90,7 @@ build_struc <- function(model, table) {
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
         add_par(paste0(g$label, "!", if (!is.null(s$factor) && g$kind != "coefs") paste0(s$factor, ":") else "", s$names[k]),
-                s$kind[k], g$label, s$start[k], code_of(s$kind[k]))
+                s$kind[k], g$label, s$start[k], section_code(s, k, code_of(s$kind[k])))
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -122,6 +123,7 @@ build_struc <- function(model, table) {
       nrsect[, s] <- c(counts[s], 0L, r)
     }
   } else {
+    if (resid$kind == "spatial") resid$specs <- spatial_residual_specs(resid, model)
     first <- length(secs) + 1L
     for (sp in resid$specs) {
       s <- section_spec(sp, sp$levels, 1, 1)
@@ -129,7 +131,7 @@ build_struc <- function(model, table) {
       new_section(s, if (npar) gpos + 1L else 0L, npar, 0L)
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
-        add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], code_of(s$kind[k]))
+        add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], section_code(s, k, code_of(s$kind[k])))
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -160,6 +162,10 @@ build_struc <- function(model, table) {
               params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known))
   apply_constraints(out, NULL, NULL, NULL, NULL)
 }
+
+# The constraint code of parameter k of a section: its own when it gives
+# one, else the default of its kind.
+section_code <- function(s, k, default) if (k <= length(s$code)) s$code[k] else default
 
 # A start for the variance of a random factor (or interaction of factors)
 # from the spread of the response's means over its levels: the between-level
@@ -260,7 +266,7 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
 # start in the real store, index in the integer store, rank) and the two
 # stores, one matrix after the other.
 known_table <- function(known) {
-  if (!length(known)) return(list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0))
+  if (!length(known)) return(list(nainv = 0L, lcainv = 0L, llainv = 0L, ainv = 0, words = 0))
   tab <- integer(); real <- double(); int <- integer()
   for (k in known) {
     tab <- c(tab, k$size, k$type, length(real) + 1L, length(int) + 1L, k$rank)
@@ -268,5 +274,8 @@ known_table <- function(known) {
     int <- c(int, k$integer)
   }
   if (length(real) > 2^31 - 1 || length(int) > 2^31 - 1) tstop("the known matrices are too large")
-  list(nainv = length(known), lcainv = as.integer(tab), llainv = as.integer(int), ainv = as.double(real))
+  # Work array words the distance-based sections take in the engine.
+  words <- sum(vapply(known, function(k) if (is.null(k$words)) 0 else k$words, 0))
+  list(nainv = length(known), lcainv = as.integer(tab), llainv = as.integer(int), ainv = as.double(real),
+       words = words)
 }

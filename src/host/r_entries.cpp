@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/variogram.h"
 #include "host/r_sexp.h"
 #include "host/utils.h"
 
@@ -188,6 +189,49 @@ SEXP Shelp(SEXP cmd, SEXP html) {
     if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
       throw ArgError("no help file at '" + path + "'");
     return Rf_mkString(path.c_str());
+  });
+}
+
+// The sample semivariogram; every result vector is R's, written in place.
+SEXP variogram(SEXP n, SEXP x, SEXP y, SEXP z, SEXP distX, SEXP distY, SEXP gam, SEXP u, SEXP dist, SEXP np,
+               SEXP grid, SEXP nang, SEXP angle, SEXP angTol, SEXP direction, SEXP maxdist, SEXP nlag, SEXP xlag,
+               SEXP lagtol, SEXP nout) {
+  return guarded("variogram", [&] {
+    VariogramArgs a;
+    a.n = one_int(n, "n");
+    a.grid = one_int(grid, "grid");
+    a.nang = one_int(nang, "nang");
+    a.nlag = one_int(nlag, "nlag");
+    if (a.n < 1 || a.grid < 0 || a.grid > 2) throw ArgError("'n' must be positive and 'grid' 0, 1 or 2");
+    if (a.grid == 0 && (a.nang < 1 || a.nlag < 1)) throw ArgError("'nang' and 'nlag' must be positive");
+    const std::size_t nn = static_cast<std::size_t>(a.n);
+    a.x = arg_real(x, "x", nn);
+    a.y = arg_real(y, "y", nn);
+    a.z = arg_real(z, "z", nn);
+    const std::size_t rows = static_cast<std::size_t>(variogram_rows(a.grid, a.n, a.nlag, a.nang));
+    a.gam = arg_real(gam, "gam", rows);
+    a.np = arg_int(np, "np", rows);
+    a.maxdist = arg_real(maxdist, "maxdist", 1)[0];
+    std::vector<double> work;
+    if (a.grid == 0) {
+      a.u = arg_real(u, "u", nn * (nn + 1) / 2);
+      a.dist = arg_real(dist, "dist", rows);
+      a.direction = arg_real(direction, "direction", rows);
+      a.angle = arg_real(angle, "angle", static_cast<std::size_t>(a.nang));
+      a.angTol = arg_real(angTol, "angTol", static_cast<std::size_t>(a.nang));
+      a.xlag = arg_real(xlag, "xlag", 1)[0];
+      a.lagtol = arg_real(lagtol, "lagtol", 1)[0];
+      if (!(a.xlag > 0.0)) throw ArgError("'xlag' must be positive");
+      work.assign(static_cast<std::size_t>(variogram_work(a.n, a.nlag, a.nang)), 0.0);
+      a.work = span<double>(work.data(), work.size());
+    } else {
+      a.distX = arg_real(distX, "distX", rows);
+      a.distY = arg_real(distY, "distY", rows);
+    }
+    span<int> out = arg_int(nout, "nout", 1);
+    tarnel::variogram(a);
+    out[0] = a.grid == 0 ? a.nout : static_cast<int>(rows);
+    return Rf_ScalarInteger(0);
   });
 }
 

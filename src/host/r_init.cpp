@@ -19,6 +19,8 @@ SEXP pdsort(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP sortpedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP pmat(SEXP, SEXP, SEXP);
 SEXP pedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP variogram(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP,
+               SEXP, SEXP, SEXP);
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -36,6 +38,7 @@ static const R_CallMethodDef call_entries[] = {
     {"sortpedigree", (DL_FUNC)&sortpedigree, 6},
     {"pmat", (DL_FUNC)&pmat, 3},
     {"pedigree", (DL_FUNC)&pedigree, 6},
+    {"variogram", (DL_FUNC)&variogram, 20},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {

@@ -14,6 +14,7 @@
 #include "host/console.h"
 #include "host/messages.h"
 #include "variance/dense.h"
+#include "variance/spatial.h"
 
 namespace tarnel {
 
@@ -187,6 +188,7 @@ class Former {
 
   int model0(Section& S);
   int linked(Section& S);
+  int ar_coefficients(Section& S, int which, double phi[3], double dphi[2][3]);
   int time_series(Section& S, int p, int which);
   int moving_average(Section& S, int which);
   int coru(Section& S);
@@ -194,6 +196,9 @@ class Former {
   int diag(Section& S);
   int us(Section& S);
   int factor_form(Section& S, bool ante);
+  int factor_parameters(Section& S, bool ante, int bw, i64 pf_, i64 pscr, span<int> perm, span<int> perm2);
+  int factor_derivatives(Section& S, bool ante, i64 pf_, i64 pg, i64 pgi);
+  int distance(Section& S);
 
   // Expands a Toeplitz first row into packed form at `dst`.
   void expand_toeplitz(i64 dst, i64 row, int n) {
@@ -441,7 +446,7 @@ restart:
   } else if (m == 5 && n >= 2 && nc == n * (n - 1) / 2) {
     rc = corb_corg(S, true);
   } else if (m == 6) {
-    return fail(1006, " Distance based structures are not available in this version");
+    rc = distance(S);
   } else if (m == 7) {
     return fail(1007, " Own variance structures are not available in this version");
   } else if (m == 8) {
@@ -733,15 +738,13 @@ Dual add_run(const Model& M, const Dual* rho, Dual s2, int s, int m, Dual* band)
 
 }  // namespace ar
 
-int Former::time_series(Section& S, int p, int which) {
-  const int n = S.n;
+// The autoregressive coefficients of a time-series section in terms of its
+// parameters, after moving the parameters into range, and their
+// derivatives (dphi[q][j]: of coefficient j with respect to parameter q;
+// AR3 takes its coefficients as the parameters).  Returns the number of
+// parameters.
+int Former::ar_coefficients(Section& S, int which, double phi[3], double dphi[2][3]) {
   const int g = S.gfirst;
-  const bool process = S.row.field(kBand) != 1;
-  char buf[128];
-
-  // Bounds and the coefficients in terms of the parameters.
-  double phi[3] = {0, 0, 0};
-  double dphi[2][3] = {{0, 0, 0}, {0, 0, 0}};
   int nparam = 1;
   if (which == 1) {
     double& r = gam(g);
@@ -790,6 +793,20 @@ int Former::time_series(Section& S, int p, int which) {
     dphi[1][2] = 2.0 * av * bv;
     nparam = 2;
   }
+
+  return nparam;
+}
+
+int Former::time_series(Section& S, int p, int which) {
+  const int n = S.n;
+  const int g = S.gfirst;
+  const bool process = S.row.field(kBand) != 1;
+  char buf[128];
+
+  // Bounds and the coefficients in terms of the parameters.
+  double phi[3] = {0, 0, 0};
+  double dphi[2][3] = {{0, 0, 0}, {0, 0, 0}};
+  const int nparam = ar_coefficients(S, which, phi, dphi);
 
   // Runs of rows: blocks of a blocked AR1, else one run.
   const int blockrow = S.row.field(kBlockrow);
@@ -1168,6 +1185,34 @@ int Former::corb_corg(Section& S, bool corg) {
   return 0;
 }
 
+// A distance-based section: the correlation of its units from their
+// coordinates.
+int Former::distance(Section& S) {
+  if (S.n < 2) return fail(1006, " A distance based structure needs at least two units");
+  if (S.ncor < 1) return fail(1006, " A distance based structure needs its parameters");
+  const std::size_t g0 = static_cast<std::size_t>(S.gfirst - 1), nc = static_cast<std::size_t>(S.ncor);
+  SpatialSection sec;
+  sec.s = S.s;
+  sec.n = S.n;
+  sec.ncor = S.ncor;
+  sec.par = a_.gammas.subspan(g0, nc);
+  sec.tgamma = a_.tgamma.subspan(g0, nc);
+  sec.rgmstr = a_.rgmstr.subspan(g0, nc);
+  sec.secrec = S.rec;
+  sec.parrec = a_.parform.subspan(g0, nc);
+  sec.trdrri = a_.trdrri.subspan(g0, nc);
+  SpatialContext ctx;
+  ctx.giv = a_.giv;
+  ctx.work = a_.work;
+  ctx.top = &a_.top;
+  ctx.floor = a_.floor;
+  ctx.debug = a_.debug;
+  ctx.unit = a_.unit;
+  if (g5vvdg(sec, ctx, ifault_)) return 1;
+  a_.logdet.at1(S.s) = sec.logdet;
+  return 0;
+}
+
 // ------------------------------------------------------- variance matrices
 
 int Former::diag(Section& S) {
@@ -1314,38 +1359,16 @@ int Former::us(Section& S) {
 // factor form, with the factor limited to a band.  The parameters are the
 // packed factor: D on the diagonal, L(i,j) (CHOL) or U(j,i) (ANTE) at
 // packed (i,j), j < i.
-int Former::factor_form(Section& S, bool ante) {
+// The factor parameters of a CHOL or ANTE section made ready: on the first
+// formation a general matrix G in the parameters is factorised (and the
+// factor cut to the band), later the ANTE diagonals are held below their
+// limit; elements held at zero are zeroed and CHOL zeros moved off 0.
+int Former::factor_parameters(Section& S, bool ante, int bw, i64 pf_, i64 pscr, span<int> perm, span<int> perm2) {
   const int n = S.n;
   const int g = S.gfirst;
   const i64 np = packed_size(n);
-  const int base = ante ? 120 : 110;
-  char buf[160];
-  if (S.ncor != np) {
-    std::snprintf(buf, sizeof buf, " %s section %d has %d parameters for order %d", ante ? "ANTE" : "CHOL", S.s,
-                  S.ncor, n);
-    return fail(1000 + base, buf);
-  }
-  if (np > 1000) return fail(1000 + base, " Factor structure too large for its derivative codes");
-  int bw = S.row.field(kBand);
-  if (bw < 1 || bw > n - 1) bw = n - 1;
   auto gi = [&](int i, int j) -> double& { return gam(g + static_cast<int>(packed_index(i, j))); };
   auto ri = [&](int i, int j) -> int& { return rg(g + static_cast<int>(packed_index(i, j))); };
-  for (i64 k = 0; k < np; ++k) a_.tgamma.at1(g + static_cast<int>(k)) = 7;
-
-  const i64 pf_ = take(np);  // the factor
-  if (!pf_) return 1;
-  const i64 pg = take(np);   // G
-  if (!pg) return 1;
-  const i64 pgi = take(np);  // G^-1
-  if (!pgi) return 1;
-  const i64 saved = a_.top;
-  const i64 psc = take(2 * static_cast<i64>(n));
-  if (!psc) return 1;
-  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
-  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
-  const i64 pscr = take(n);
-  if (!pscr) return 1;
-
   if (S.row.field(kInited) == 0) {
     // The parameters are still G itself: factorise it.
     for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
@@ -1382,35 +1405,16 @@ int Former::factor_form(Section& S, bool ante) {
       if (ri(i, j) == 2) gi(i, j) = 0.0;
       else if (!ante && gi(i, j) == 0.0) gi(i, j) = f32(1e-4);
     }
-  for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
-  double ld = 0.0;
-  if (ante) {
-    for (i64 k = 0; k < np; ++k) W(pgi + k) = W(pf_ + k);
-    g5vudu(WS(pgi, np), n);
-    if (a_.debug) g5vtme(a_.unit, " GIV UDU", 8);
-    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k);
-    int mode = 0, rank = n, neg = 0;
-    g5vsmi(WS(pg, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
-    if (mode != 0) return fail(1120, " ANTE structure is singular");
-    ld = -ld;
-  } else {
-    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k) = W(pf_ + k);
-    g5vldl(WS(pg, np), n);
-    if (a_.debug) g5vtme(a_.unit, " GV LDL", 7);
-    int nsing = 0;
-    g5vldi(WS(pgi, np), n, ld, nsing);
-    if (a_.debug) g5vtme(a_.unit, " GV LDL inv", 11);
-    if (nsing != 0) return fail(1110, " CHOL structure is singular");
-  }
-  a_.top = saved;
-  a_.logdet.at1(S.s) = ld;
-  S.rec->kind = 9;
-  S.rec->pos = pg;
-  S.rec->kindi = 9;
-  S.rec->posi = pgi;
+  return 0;
+}
 
-  // Per parameter: the derivative of the factor product (packed, scratch),
-  // its trace against the other matrix, and the dense other side.
+// Per parameter of a CHOL or ANTE section: the derivative of the factor
+// product, its trace against the other matrix, and the dense other side.
+// pf_: the factor; pg, pgi: G and its inverse (packed).
+int Former::factor_derivatives(Section& S, bool ante, i64 pf_, i64 pg, i64 pgi) {
+  const int n = S.n;
+  const int g = S.gfirst;
+  const i64 np = packed_size(n);
   for (int r = 1; r <= n; ++r)
     for (int c = 1; c <= r; ++c) {
       const i64 t = packed_index(r, c) + 1;
@@ -1464,6 +1468,67 @@ int Former::factor_form(Section& S, bool ante) {
       a_.top = keep;
     }
   return 0;
+}
+
+int Former::factor_form(Section& S, bool ante) {
+  const int n = S.n;
+  const int g = S.gfirst;
+  const i64 np = packed_size(n);
+  const int base = ante ? 120 : 110;
+  char buf[160];
+  if (S.ncor != np) {
+    std::snprintf(buf, sizeof buf, " %s section %d has %d parameters for order %d", ante ? "ANTE" : "CHOL", S.s,
+                  S.ncor, n);
+    return fail(1000 + base, buf);
+  }
+  if (np > 1000) return fail(1000 + base, " Factor structure too large for its derivative codes");
+  int bw = S.row.field(kBand);
+  if (bw < 1 || bw > n - 1) bw = n - 1;
+  for (i64 k = 0; k < np; ++k) a_.tgamma.at1(g + static_cast<int>(k)) = 7;
+
+  const i64 pf_ = take(np);  // the factor
+  if (!pf_) return 1;
+  const i64 pg = take(np);   // G
+  if (!pg) return 1;
+  const i64 pgi = take(np);  // G^-1
+  if (!pgi) return 1;
+  const i64 saved = a_.top;
+  const i64 psc = take(2 * static_cast<i64>(n));
+  if (!psc) return 1;
+  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
+  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
+  const i64 pscr = take(n);
+  if (!pscr) return 1;
+
+  if (factor_parameters(S, ante, bw, pf_, pscr, perm, perm2)) return 1;
+  for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
+  double ld = 0.0;
+  if (ante) {
+    for (i64 k = 0; k < np; ++k) W(pgi + k) = W(pf_ + k);
+    g5vudu(WS(pgi, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GIV UDU", 8);
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k);
+    int mode = 0, rank = n, neg = 0;
+    g5vsmi(WS(pg, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
+    if (mode != 0) return fail(1120, " ANTE structure is singular");
+    ld = -ld;
+  } else {
+    for (i64 k = 0; k < np; ++k) W(pg + k) = W(pgi + k) = W(pf_ + k);
+    g5vldl(WS(pg, np), n);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL", 7);
+    int nsing = 0;
+    g5vldi(WS(pgi, np), n, ld, nsing);
+    if (a_.debug) g5vtme(a_.unit, " GV LDL inv", 11);
+    if (nsing != 0) return fail(1110, " CHOL structure is singular");
+  }
+  a_.top = saved;
+  a_.logdet.at1(S.s) = ld;
+  S.rec->kind = 9;
+  S.rec->pos = pg;
+  S.rec->kindi = 9;
+  S.rec->posi = pgi;
+
+  return factor_derivatives(S, ante, pf_, pg, pgi);
 }
 
 }  // namespace

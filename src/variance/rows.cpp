@@ -1,7 +1,9 @@
 // One row of a structure matrix, its inverse or a derivative, rebuilt from
 // a form record.  The callers multiply rows of several sections to build
 // the rows of a direct product, which is never formed.
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 #include "host/messages.h"
 #include "variance/dense.h"
@@ -208,6 +210,217 @@ int factor_derivative_row(span<double> values, span<int> columns, int& count, in
   return 0;
 }
 
+namespace {
+
+// One row of a section's matrix, as g5vvrw delivers it before scaling.
+struct RowJob {
+  span<double> values;
+  span<int> columns;
+  int& count;
+  int i, n;                 // row (1-based) and order
+  i64 kind, scale, pos;
+  int gform;
+  StrucRow strucrow;
+  const WorkArray& work;
+  const GivTable& giv;
+  int& ifault;
+  void put(int c, double v) { tarnel::put(values, columns, count, c, v); }
+  double P(i64 r, i64 c) const { return PW(work, pos, r, c); }
+};
+
+// kind 0: a single value, times the row of a linked known matrix.
+int linked_row(RowJob& J, int link) {
+  const double v = W(J.work, J.pos);
+  if (link >= 0) {
+    J.put(J.i, v);
+    return 0;
+  }
+  const GivTable& giv = J.giv;
+  const GivLayout L = giv_layout(giv, -link);
+  if (!L.ok || L.size != J.n) return undefined(J.count, J.ifault);
+  auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
+  if (L.type == 7) {
+    SparseTranspose tr;
+    if (L.tstart != 0) {
+      auto ints = [&](i64 from, i64 len) {
+        return span<const int>(giv.integer.data() + from - 1, static_cast<std::size_t>(len));
+      };
+      tr.tstart = ints(L.tstart, L.size + 1);
+      tr.trow = ints(L.trow, L.ntrans);
+      tr.tpos = ints(L.tpos, L.ntrans);
+    }
+    g5vvar(J.values, J.columns, J.count, J.i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,
+           giv.integer.subspan(static_cast<std::size_t>(L.rowstart - 1), L.size + 1),
+           giv.integer.subspan(static_cast<std::size_t>(L.colindex - 1)), 0,
+           giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size), tr);
+  } else if (L.type == 8) {
+    J.put(J.i, v * val(J.i));
+  } else if (L.type == 9) {
+    for (int j = 1; j <= L.size; ++j) J.put(j, v * val(packed_index(J.i, j) + 1));
+  } else {
+    return undefined(J.count, J.ifault);
+  }
+  return 0;
+}
+
+// kind 2: a Toeplitz row, within its block when the section has blocks.
+int toeplitz_row(RowJob& J) {
+  const int blockrow = J.strucrow.p ? J.strucrow.field(kBlockrow) : 0;
+  if (blockrow > 0) {
+    if (!block_levels_valid(J.giv, blockrow, J.n)) return undefined(J.count, J.ifault);
+    const int lev = block_level(J.giv, blockrow, J.i);
+    for (int j = 1; j <= J.n; ++j)
+      if (block_level(J.giv, blockrow, j) == lev) J.put(j, W(J.work, J.pos + std::abs(J.i - j)));
+  } else {
+    for (int j = 1; j <= J.n; ++j) J.put(j, W(J.work, J.pos + std::abs(J.i - j)));
+  }
+  return 0;
+}
+
+// kinds 3 to 5: a band of half-width w = kind - 2; vector d holds the
+// elements (m, m+d) at position pos + d*n + m - 1.
+void band_row(RowJob& J) {
+  const int w = static_cast<int>(J.kind) - 2;
+  for (int j = std::max(1, J.i - w); j <= std::min(J.n, J.i + w); ++j) {
+    const int d = std::abs(J.i - j);
+    const int m = std::min(J.i, j);
+    J.put(j, W(J.work, J.pos + static_cast<i64>(d) * J.n + m - 1));
+  }
+}
+
+// kinds 8 and 9: diagonal or dense, or the doubled form [0 I; I -G] of a
+// G carried uninverted.
+void dense_row(RowJob& J) {
+  const int i = J.i, n = J.n;
+  if (J.gform == 2) {
+    const int h = n / 2;
+    if (i <= h) {
+      J.put(h + i, 1.0);
+      return;
+    }
+    const int r = i - h;
+    J.put(r, 1.0);
+    if (J.kind == 8) {
+      J.put(i, -W(J.work, J.pos + r - 1));
+    } else {
+      for (int j = 1; j <= h; ++j) J.put(h + j, -J.P(r, j));
+    }
+  } else if (J.kind == 8) {
+    J.put(i, W(J.work, J.pos + i - 1));
+  } else {
+    for (int j = 1; j <= n; ++j) J.put(j, J.P(i, j));
+  }
+}
+
+// kinds 101 to 1000: the derivative with respect to one diagonal element.
+int diagonal_derivative_row(RowJob& J) {
+  const int k = static_cast<int>(J.kind) - 100;
+  if (J.i != k) return 0;
+  if (J.pos != 0) {
+    if (J.scale < 1) {
+      const double v = W(J.work, J.pos + k - 1);
+      J.put(J.i, v * v);
+    } else if (J.scale + k == J.i) {
+      J.put(J.i, -1.0);
+    }
+    return 0;
+  }
+  if (J.gform > 1) {
+    g5verror(" G5VVRW DERIV DIAG SING G", 4);
+    return g5vflt(J.ifault, 108);
+  }
+  J.put(J.i, 1.0);
+  return 0;
+}
+
+// kinds 1001 to 5000 and 5101 to 6000: the derivative with respect to one
+// packed element (r, c) of a symmetric matrix, or row i of M (E_rc + E_cr) M.
+int element_derivative_row(RowJob& J) {
+  int r = 0, c = 0;
+  if (J.kind <= 5000) {
+    unpack_element(J.kind - 1000, r, c);
+  } else {
+    unpack_element(J.kind - 5100, r, c);
+    r += 1;
+  }
+  if (r > J.n || c < 1) return undefined(J.count, J.ifault);
+  const int i = J.i;
+  if (J.pos == 0) {
+    if (i == r) J.put(c, 1.0);
+    if (i == c && r != c) J.put(r, 1.0);
+    return 0;
+  }
+  const double mic = J.P(i, c), mir = J.P(i, r);
+  for (int j = 1; j <= J.n; ++j) {
+    const double v = r == c ? mir * J.P(r, j) : mic * J.P(r, j) + mir * J.P(c, j);
+    J.put(j, v);
+  }
+  return 0;
+}
+
+// kinds 5001 to 5100: the derivative with respect to band k of a banded
+// correlation, or row i of M B M with B the indicator of the band.
+void band_derivative_row(RowJob& J) {
+  const int k = static_cast<int>(J.kind) - 5000;
+  const int i = J.i, n = J.n;
+  if (J.pos == 0) {
+    if (i - k >= 1) J.put(i - k, 1.0);
+    if (i + k <= n) J.put(i + k, 1.0);
+    return;
+  }
+  for (int j = 1; j <= n; ++j) {
+    double v = 0.0;
+    for (int l = 1; l <= n; ++l) {
+      double u = 0.0;
+      if (l - k >= 1) u += J.P(i, l - k);
+      if (l + k <= n) u += J.P(i, l + k);
+      if (u != 0.0) v += u * J.P(l, j);
+    }
+    J.put(j, v);
+  }
+}
+
+// The scale stage: an overall scale (scale below 0) or a vector of square
+// roots of variances (above 1000), and their derivatives by selector.
+void scale_stage(RowJob& J, int selector) {
+  span<double> values = J.values;
+  const int n = J.n, i = J.i;
+  if (J.scale < 0) {
+    const double s = W(J.work, -J.scale);
+    double f = 0.0;
+    if (selector == 0 || (n > 2 && selector == n - 1)) {
+      f = s;
+    } else if (selector < 0) {
+      f = s * s;
+    }
+    if (f != 0.0)
+      for (int q = 0; q < J.count; ++q) values[J.columns[q] - 1] *= f;
+    return;
+  }
+  if (J.scale <= 1000) return;
+  auto d = [&](int k) { return W(J.work, J.scale + k - 1); };
+  const double di = d(i);
+  for (int q = 0; q < J.count; ++q) {
+    const int j = J.columns[q];
+    double& v = values[j - 1];
+    if (selector == 0) {
+      v *= di * d(j);
+    } else if (selector == -i) {
+      v *= j == i ? di * di * di * di : 0.5 * di * di * di * d(j);
+    } else if (selector < 0) {
+      const int k = -selector;
+      v = j == k ? v * 0.5 * di * d(k) * d(k) * d(k) : 0.0;
+    } else if (selector == i) {
+      if (j != i) v *= 0.5 * d(j) / di;
+    } else {
+      const int k = selector;
+      v = j == k ? v * 0.5 * di / d(k) : 0.0;
+    }
+  }
+}
+
+}  // namespace
+
 int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int order,
            const i64* record, StrucRow strucrow, const WorkArray& work, int selector, int link,
            const GivTable& giv, int unit, int& ifault) {
@@ -218,180 +431,38 @@ int g5vvrw(span<double> values, span<int> columns, int& count, i64& rownum, int 
     return undefined(count, ifault);
   const int i = static_cast<int>(rownum % order) + 1;
   rownum /= order;
-  const i64 kind = record[0], scale = record[1], pos = record[2];
-  const int n = order;
-  const int gform = strucrow.p ? strucrow.field(kGform) : 1;
-
-  if (pos == 0 && kind < 100) {
-    put(values, columns, count, i, 1.0);
+  RowJob J{values, columns, count, i, order, record[0], record[1], record[2],
+           strucrow.p ? strucrow.field(kGform) : 1, strucrow, work, giv, ifault};
+  const i64 kind = J.kind;
+  int rc = 0;
+  if (J.pos == 0 && kind < 100) {
+    J.put(i, 1.0);
   } else if (kind == -1) {
-    put(values, columns, count, i, 0.0);
+    J.put(i, 0.0);
   } else if (kind == 0) {
-    const double v = W(work, pos);
-    if (link < 0) {
-      const GivLayout L = giv_layout(giv, -link);
-      if (!L.ok || L.size != n) return undefined(count, ifault);
-      auto val = [&](i64 k) { return giv.real.at1(static_cast<std::size_t>(L.first + k - 1)); };
-      if (L.type == 7) {
-        SparseTranspose tr;
-        if (L.tstart != 0) {
-          auto ints = [&](i64 from, i64 len) {
-            return span<const int>(giv.integer.data() + from - 1, static_cast<std::size_t>(len));
-          };
-          tr.tstart = ints(L.tstart, L.size + 1);
-          tr.trow = ints(L.trow, L.ntrans);
-          tr.tpos = ints(L.tpos, L.ntrans);
-        }
-        g5vvar(values, columns, count, i, L.size, giv.real.subspan(static_cast<std::size_t>(L.first - 1)), v,
-               giv.integer.subspan(static_cast<std::size_t>(L.rowstart - 1), L.size + 1),
-               giv.integer.subspan(static_cast<std::size_t>(L.colindex - 1)), 0,
-               giv.integer.subspan(static_cast<std::size_t>(L.cursor - 1), L.size), tr);
-      } else if (L.type == 8) {
-        put(values, columns, count, i, v * val(i));
-      } else if (L.type == 9) {
-        for (int j = 1; j <= L.size; ++j) put(values, columns, count, j, v * val(packed_index(i, j) + 1));
-      } else {
-        return undefined(count, ifault);
-      }
-    } else {
-      put(values, columns, count, i, v);
-    }
+    rc = linked_row(J, link);
   } else if (kind == 2) {
-    const int blockrow = strucrow.p ? strucrow.field(kBlockrow) : 0;
-    if (blockrow > 0) {
-      if (!block_levels_valid(giv, blockrow, n)) return undefined(count, ifault);
-      const int lev = block_level(giv, blockrow, i);
-      for (int j = 1; j <= n; ++j)
-        if (block_level(giv, blockrow, j) == lev) put(values, columns, count, j, W(work, pos + std::abs(i - j)));
-    } else {
-      for (int j = 1; j <= n; ++j) put(values, columns, count, j, W(work, pos + std::abs(i - j)));
-    }
+    rc = toeplitz_row(J);
   } else if (kind >= 3 && kind <= 5) {
-    // Band of half-width w = kind - 2: vector d holds the elements
-    // (m, m+d) at position pos + d*n + m - 1.
-    const int w = static_cast<int>(kind) - 2;
-    for (int j = std::max(1, i - w); j <= std::min(n, i + w); ++j) {
-      const int d = std::abs(i - j);
-      const int m = std::min(i, j);
-      put(values, columns, count, j, W(work, pos + static_cast<i64>(d) * n + m - 1));
-    }
+    band_row(J);
   } else if (kind == 8 || kind == 9) {
-    if (gform == 2) {
-      const int h = n / 2;
-      if (i <= h) {
-        put(values, columns, count, h + i, 1.0);
-      } else {
-        const int r = i - h;
-        put(values, columns, count, r, 1.0);
-        if (kind == 8) {
-          put(values, columns, count, i, -W(work, pos + r - 1));
-        } else {
-          for (int j = 1; j <= h; ++j) put(values, columns, count, h + j, -PW(work, pos, r, j));
-        }
-      }
-    } else if (kind == 8) {
-      put(values, columns, count, i, W(work, pos + i - 1));
-    } else {
-      for (int j = 1; j <= n; ++j) put(values, columns, count, j, PW(work, pos, i, j));
-    }
+    dense_row(J);
   } else if (kind >= 101 && kind <= 1000) {
-    const int k = static_cast<int>(kind) - 100;
-    if (i == k) {
-      if (pos != 0) {
-        if (scale < 1) {
-          const double v = W(work, pos + k - 1);
-          put(values, columns, count, i, v * v);
-        } else if (scale + k == i) {
-          put(values, columns, count, i, -1.0);
-        }
-      } else {
-        if (gform > 1) {
-          g5verror(" G5VVRW DERIV DIAG SING G", 4);
-          return g5vflt(ifault, 108);
-        }
-        put(values, columns, count, i, 1.0);
-      }
-    }
+    rc = diagonal_derivative_row(J);
   } else if ((kind >= 1001 && kind <= 5000) || (kind >= 5101 && kind <= 6000)) {
-    int r = 0, c = 0;
-    if (kind <= 5000) {
-      unpack_element(kind - 1000, r, c);
-    } else {
-      unpack_element(kind - 5100, r, c);
-      r += 1;
-    }
-    if (r > n || c < 1) return undefined(count, ifault);
-    if (pos == 0) {
-      if (i == r) put(values, columns, count, c, 1.0);
-      if (i == c && r != c) put(values, columns, count, r, 1.0);
-    } else {
-      // Row i of M (E_rc + E_cr) M.
-      const double mic = PW(work, pos, i, c), mir = PW(work, pos, i, r);
-      for (int j = 1; j <= n; ++j) {
-        const double v = r == c ? mir * PW(work, pos, r, j)
-                                : mic * PW(work, pos, r, j) + mir * PW(work, pos, c, j);
-        put(values, columns, count, j, v);
-      }
-    }
+    rc = element_derivative_row(J);
   } else if (kind >= 5001 && kind <= 5100) {
-    const int k = static_cast<int>(kind) - 5000;
-    if (pos == 0) {
-      if (i - k >= 1) put(values, columns, count, i - k, 1.0);
-      if (i + k <= n) put(values, columns, count, i + k, 1.0);
-    } else {
-      // Row i of M B M, B the indicator of band k.
-      for (int j = 1; j <= n; ++j) {
-        double v = 0.0;
-        for (int l = 1; l <= n; ++l) {
-          double u = 0.0;
-          if (l - k >= 1) u += PW(work, pos, i, l - k);
-          if (l + k <= n) u += PW(work, pos, i, l + k);
-          if (u != 0.0) v += u * PW(work, pos, l, j);
-        }
-        put(values, columns, count, j, v);
-      }
-    }
+    band_derivative_row(J);
   } else if (kind >= 6001 && kind <= 10000) {
-    if (int rc = factor_derivative_row(values, columns, count, i, n, record, work, ifault)) return rc;
+    rc = factor_derivative_row(values, columns, count, i, order, record, work, ifault);
   } else if (kind >= 10001) {
     g5verror(" G5VVRW factor analytic rows not available in this version", 4);
     return g5vflt(ifault, kFaultUndefinedStructure);
   } else {
     return undefined(count, ifault);
   }
-
-  // Scale stage.
-  if (scale < 0) {
-    const double s = W(work, -scale);
-    double f = 0.0;
-    if (selector == 0 || (n > 2 && selector == n - 1)) {
-      f = s;
-    } else if (selector < 0) {
-      f = s * s;
-    }
-    if (f != 0.0)
-      for (int q = 0; q < count; ++q) values[columns[q] - 1] *= f;
-  } else if (scale > 1000) {
-    auto d = [&](int k) { return W(work, scale + k - 1); };
-    const double di = d(i);
-    for (int q = 0; q < count; ++q) {
-      const int j = columns[q];
-      double& v = values[j - 1];
-      if (selector == 0) {
-        v *= di * d(j);
-      } else if (selector == -i) {
-        v *= j == i ? di * di * di * di : 0.5 * di * di * di * d(j);
-      } else if (selector < 0) {
-        const int k = -selector;
-        v = j == k ? v * 0.5 * di * d(k) * d(k) * d(k) : 0.0;
-      } else if (selector == i) {
-        if (j != i) v *= 0.5 * d(j) / di;
-      } else {
-        const int k = selector;
-        v = j == k ? v * 0.5 * di / d(k) : 0.0;
-      }
-    }
-  }
+  if (rc) return rc;
+  scale_stage(J, selector);
   return 0;
 }
 

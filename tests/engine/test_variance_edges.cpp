@@ -166,7 +166,7 @@ TEST(VarianceFormation, SectionsThatCannotBeFormedFault) {
     const char* msg;
   };
   const F cases[] = {
-      {6, 3, {0.5}, 1006, " Distance based structures are not available in this version"},
+      {6, 3, {0.5}, 1006, " Spatial section 1 has no coordinates of its order"},
       {7, 3, {0.5}, 1007, " Own variance structures are not available in this version"},
       {10, 3, {0.5}, 1010, " Factor analytic structures are not available in this version"},
       {13, 3, {0.5}, 1013, " Factor analytic structures are not available in this version"},
