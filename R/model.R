@@ -85,16 +85,17 @@ num_arg <- function(e, env, what) {
 # equation), maxent (most entries it adds to a row), and tables for the
 # integer and real stores.
 leaf <- function(key, code, b, flev, nlev, labels, a = 0L, c = 0L, faconst = 0,
-                 maxent = 1L, itable = NULL, jtable = NULL) {
+                 maxent = 1L, itable = NULL, jtable = NULL, levels = labels) {
   list(kind = "leaf", key = key, code = as.integer(code), a = as.integer(a), b = as.integer(b),
        c = as.integer(c), flev = as.integer(flev), nlev = as.integer(nlev), faconst = as.double(faconst),
-       labels = labels, maxent = as.integer(maxent), itable = itable, jtable = jtable)
+       labels = labels, levels = as.character(levels), maxent = as.integer(maxent), itable = itable,
+       jtable = jtable)
 }
 
 factor_leaf <- function(data, name, store) {
   f <- as_model_factor(data, name)
   b <- add_columns(store, paste0("factor:", name), as.integer(f))
-  leaf(name, 0L, b, nlevels(f), 1L, paste0(name, levels(f)))
+  leaf(name, 0L, b, nlevels(f), 1L, paste0(name, levels(f)), levels = levels(f))
 }
 
 # Parses one variable of a term: a column or a call of a term function.

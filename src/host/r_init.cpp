@@ -19,6 +19,8 @@ SEXP pdsort(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP sortpedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP pmat(SEXP, SEXP, SEXP);
 SEXP pedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP console_begin(SEXP, SEXP, SEXP, SEXP);
+SEXP console_end();
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -36,6 +38,8 @@ static const R_CallMethodDef call_entries[] = {
     {"sortpedigree", (DL_FUNC)&sortpedigree, 6},
     {"pmat", (DL_FUNC)&pmat, 3},
     {"pedigree", (DL_FUNC)&pedigree, 6},
+    {"console_begin", (DL_FUNC)&console_begin, 4},
+    {"console_end", (DL_FUNC)&console_end, 0},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {
