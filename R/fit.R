@@ -271,16 +271,3 @@ logLik.tarnel <- function(object, convention = c("standard", "engine"), ...) {
 
 #' @export
 nobs.tarnel <- function(object, ...) object$nobs
-
-#' @export
-update.tarnel <- function(object, ..., evaluate = TRUE) {
-  call <- object$call
-  extras <- match.call(expand.dots = FALSE)$...
-  same_model <- !any(names(extras) %in% c("fixed", "random", "residual", "data"))
-  for (n in names(extras)) call[[n]] <- extras[[n]]
-  if (same_model && is.null(extras$start)) {
-    g <- object$gammas
-    call$start <- g[!names(g) %in% names(which(object$constraints == 4L))]
-  }
-  if (evaluate) eval(call, parent.frame()) else call
-}

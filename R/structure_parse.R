@@ -303,6 +303,8 @@ parse_random <- function(random, data, env, store) {
       groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = specs)
       next
     }
+    if (length(exprs) == 1L && is.name(exprs[[1L]]) && is.numeric(data[[as.character(exprs[[1L]])]]))
+      tstop("the random term '%s' is a numeric column: alone it would be one random covariate, not effects for its levels; write factor(%s) in the formula, or make the column a factor", labels[j], labels[j])
     terms[[length(terms) + 1L]] <- list(label = labels[j], vars = lapply(exprs, parse_variable, data = data, env = env, store = store))
     groups[[j]] <- list(label = labels[j], kind = "identity", terms = length(terms))
   }

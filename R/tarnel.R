@@ -34,7 +34,7 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 #' Fits a linear mixed model by residual maximum likelihood (REML) with the
 #' average information algorithm.  See the Rd page for the details.
 #' @export
-tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, start = NULL,
+tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, subset = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
                    keep_design = FALSE, control = tarnel_control()) {
@@ -45,15 +45,25 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (nrow(data) < 1L) tstop("'data' has no records")
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
+  formulae <- list(fixed = fixed, random = random, residual = residual)
+  prep <- prepare_data(fixed, random, data, substitute(weights), substitute(subset), env)
+  fixed <- prep$fixed
+  random <- prep$random
+  data <- prep$data
   yname <- var_name(fixed[[2L]], "the response")
   data_column(data, yname)
   resid <- parse_residual(residual, data, env)
+  if (!is.null(prep$weights) && resid$kind != "identity")
+    tstop("weights together with a het() or grid residual structure are not available yet")
   arranged <- arrange_records(data, resid, yname, drop_missing = na_response == "drop")
-  arranged$n0 <- nrow(data)
+  arranged$n0 <- prep$n_user
   # On a grid every missing response gets an equation of its own, which
   # takes it out of the likelihood while the record keeps its place.
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
-  model <- parse_model(fixed, random, resid, arranged$data, weights, na_response, na_design, env)
+  model <- parse_model(fixed, random, resid, arranged$data, prep$weights, na_response, na_design, env)
+  # Records in the rows of the user's data (after any subset).
+  arranged$rows <- prep$kept[arranged$rows]
+  check_missing_design(model, arranged, na_design)
   table <- build_term_table(model)
   struc <- build_struc(model, table)
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
@@ -74,6 +84,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   }
   fit$call <- match.call()
   fit$log <- log
+  fit <- finish_fit(fit, out, arranged, prep, formulae)
   if (isTRUE(control$trace))
     message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
                     fit$loglik_standard, fit$loglik))

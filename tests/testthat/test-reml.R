@@ -101,7 +101,7 @@ ref_cases <- list(
                         p[2] * kronecker(ar1(length(unique(d$col)), p[3]), ar1(length(unique(d$row)), p[4])),
                       y = "yield"),
   animal = list(fit = function(d) tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d),
-                par = c("cov_known(animal, animal_ainv)!animal:variance", "residual"),
+                par = c("cov_known(animal, animal_ainv): variance", "residual"),
                 X = function(d) model.matrix(~ sex, d),
                 D = function(d) { Z <- animal_Z(d); list(Z %*% tabular_A(animal_ped) %*% t(Z), diag(nrow(d))) },
                 y = "y")
