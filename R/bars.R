@@ -9,7 +9,8 @@
 #   (x || g)        coefs(g, ~ x, cov = "diag")  intercept and slope, uncorrelated
 #
 # The grouping variables are factors: a numeric or character grouping
-# column is turned into a factor of its values, as lme4 does.
+# column is turned into a factor of its values, and levels that do not
+# occur are dropped, as lme4 does.
 
 is_bar <- function(e) is.call(e) && as.character(e[[1L]])[1L] %in% c("|", "||")
 
@@ -85,8 +86,8 @@ translate_bars <- function(fixed, random, data, env) {
   for (b in bars) {
     tr <- translate_bar(b, env)
     for (col in tr$columns) {
-      x <- data_column(data, col)
-      if (!is.factor(x)) data[[col]] <- factor(x)
+      # As lme4 does: the grouping is a factor of the levels that occur.
+      data[[col]] <- droplevels(factor(data_column(data, col)))
     }
     terms <- c(terms, tr$terms)
   }
