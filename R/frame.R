@@ -99,7 +99,7 @@ check_missing_design <- function(model, arranged, na_design) {
     miss <- miss[real[miss]]
     if (!length(miss)) next
     col <- sub("^(factor|num|known):", "", key)
-    tstop("the model term '%s' has %d missing value(s), first in record %d of the data; drop those records or use na_design = \"zero\"",
+    tstop("Missing values in design variables/factors: the model term '%s' has %d missing value(s), first in record %d of the data; drop those records or use na_design = \"zero\"",
           col, length(miss), arranged$rows[miss[1]])
   }
   invisible()
