@@ -16,8 +16,14 @@ random_groups <- function(fit) {
     pos <- unlist(tab$random_positions[g$terms])
     name <- if (identical(g$kind, "coefs")) g$factor else g$label
     coefs <- if (identical(g$kind, "coefs")) g$coef_names else "(Intercept)"
+    # A structure over one factor crossed with another (cov_us(site):genotype)
+    # is shown as a table: a row for each level of the second factor, a
+    # column for each level of the first.
+    grid <- NULL
+    if (identical(g$kind, "product") && length(g$specs) == 2L && length(pos) == 1L)
+      grid <- list(cols = g$specs[[1L]]$levels, rows = g$specs[[2L]]$levels)
     list(name = name, positions = pos, coefs = coefs, start = rstart[pos], levels = lev[pos],
-         level_names = tab$level_names[pos], kind = g$kind)
+         level_names = tab$level_names[pos], kind = g$kind, grid = grid)
   })
   nm <- make.unique(vapply(out, `[[`, "", "name"))
   for (k in seq_along(out)) out[[k]]$name <- nm[k]
@@ -37,6 +43,10 @@ ranef.tarnel <- function(object, condVar = TRUE, ...) {
       idx <- vapply(seq_along(g$positions), function(k) g$start[k] + seq_len(n), numeric(n))
       idx <- matrix(idx, n)
       rn <- g$level_names[[1]]
+    } else if (!is.null(g$grid) && length(g$grid$rows) * length(g$grid$cols) == g$levels[1]) {
+      idx <- matrix(g$start[1] + seq_len(g$levels[1]), length(g$grid$rows))
+      rn <- g$grid$rows
+      g$coefs <- g$grid$cols
     } else {
       idx <- matrix(unlist(lapply(seq_along(g$positions), function(k) g$start[k] + seq_len(g$levels[k]))), ncol = 1L)
       rn <- unlist(g$level_names)

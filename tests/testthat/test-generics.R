@@ -184,3 +184,21 @@ test_that("plot() draws residuals against fitted values and a normal QQ plot", {
   grDevices::dev.off()
   expect_gt(file.size(f), 5000)
 })
+
+test_that("a retry after a shortage is silent; a structure's random effects come as a table", {
+  set.seed(2)
+  d <- expand.grid(g = factor(1:12), site = factor(c("A", "B", "C")), rep = 1:2)
+  d$y <- 10 + rnorm(36, sd = 2)[(as.integer(d$site) - 1) * 12 + as.integer(d$g)] + rnorm(nrow(d))
+  out <- utils::capture.output(msg <- utils::capture.output(
+    f <- tarnel(y ~ site, random = ~ cov_us(site):g, data = d, control = tarnel_control(workspace = 2e4)),
+    type = "message"))
+  expect_identical(c(out, msg), character())
+  expect_match(f$log, "Current workspace")
+  expect_gt(f$workspace, 2e4)
+  re <- ranef(f)[["cov_us(site):g"]]
+  expect_equal(dim(re), c(12L, 3L))
+  expect_equal(re["5", "B"], unname(f$ranef["siteB:g5"]))
+  vc <- VarCorr(f)
+  k <- "cov_us(site):g: site cov(A, B)"
+  expect_equal(vc[k, "sd_cor"], vc[k, "variance"] / sqrt(vc["cov_us(site):g: site A", "variance"] * vc["cov_us(site):g: site B", "variance"]))
+})
