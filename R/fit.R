@@ -212,7 +212,8 @@ summary.tarnel <- function(object, ...) {
   fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
   fe[names(se), "std.error"] <- se
   fe$z.ratio <- fe$estimate / fe$std.error
-  structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], fixed = fe,
+  structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], correlations = covariance_correlations(object),
+                 fixed = fe,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
                  message = object$message, sigma2 = object$sigma2, profiled = object$profiled),
@@ -224,6 +225,10 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   cat("tarnel REML fit\nCall: ", paste(deparse(x$call), collapse = "\n"), "\n\n", sep = "")
   cat("Variance parameters", if (x$profiled) " (ratios to the residual variance, which is profiled)" else "", ":\n", sep = "")
   print(x$varcomp, digits = digits)
+  if (length(x$correlations)) {
+    cat("\nCorrelations from the covariances:\n")
+    print(x$correlations, digits = digits)
+  }
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",

@@ -112,3 +112,12 @@ print.VarCorr.tarnel <- function(x, digits = max(3L, getOption("digits") - 3L), 
   print(d, right = FALSE, row.names = FALSE)
   invisible(x)
 }
+
+# The correlations that the covariance parameters imply, named as the
+# covariances with cor() for cov(): "Subject: cor((Intercept), Days)".
+covariance_correlations <- function(fit) {
+  vc <- VarCorr(fit)
+  k <- vc$kind == "covariance"
+  if (!any(k)) return(NULL)
+  stats::setNames(vc$sd_cor[k], sub("cov(", "cor(", rownames(vc)[k], fixed = TRUE))
+}

@@ -115,6 +115,10 @@ test_that("lme4's bar terms give the fits of the package's own terms", {
   m <- suppressMessages(lme4::lmer(yield ~ nitro * Variety + (1 | Block/Variety), oats))
   expect_equal(as.numeric(logLik(pairs[[3]][[1]])), as.numeric(logLik(m)), tolerance = 1e-6)
   expect_error(tarnel(Reaction ~ Days, random = ~ (Days | Subject/Days), data = sleep), "one grouping factor")
+  # the readable names serve start and constrain
+  fx <- tarnel(Reaction ~ Days, random = ~ (Days | Subject), data = sleep,
+               start = c("Subject: Days" = 0.05), constrain = c("Subject: Days" = "fixed"))
+  expect_equal(fx$varcomp["Subject: Days", c("gamma", "constraint")], data.frame(gamma = 0.05, constraint = "fixed", row.names = "Subject: Days"))
 })
 
 test_that("the formula is read as lm() reads it: functions of variables, weights, subset, offset", {
