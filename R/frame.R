@@ -128,6 +128,7 @@ finish_fit <- function(fit, out, arranged, prep, formulae) {
     fit$fitted_fixed <- fit$fitted_fixed + off
   }
   fit$formulae <- formulae
+  fit$records_rows <- arranged$rows
   used <- !is.na(fit$residuals)
   vars <- unique(c(all.vars(formulae$fixed), all.vars(formulae$random), all.vars(formulae$residual)))
   vars <- intersect(vars, names(data_used))

@@ -206,3 +206,24 @@ test_that("a retry after a shortage is silent; a structure's random effects come
   k <- "cov_us(site):g: site cov(A, B)"
   expect_equal(vc[k, "sd_cor"], vc[k, "variance"] / sqrt(vc["cov_us(site):g: site A", "variance"] * vc["cov_us(site):g: site B", "variance"]))
 })
+
+test_that("simulate() draws from the fitted variances", {
+  sims <- simulate(fit_sleep, nsim = 3000, seed = 7)
+  expect_equal(dim(sims), c(180L, 3000L))
+  vc <- VarCorr(fit_sleep)$variance
+  t <- sleep$Days
+  want <- vc[1] + 2 * t * vc[2] + t^2 * vc[3] + vc[4]
+  got <- apply(sims, 1, var)
+  expect_lt(max(abs(got / want - 1)), 0.12)
+  expect_lt(max(abs(rowMeans(sims) - fitted(fit_sleep, "fixed")) / sqrt(want / 3000)), 4.5)
+  # records of one subject share their random effects
+  expect_gt(cor(unlist(sims[1, ]), unlist(sims[2, ])), 0.3)
+  # (an unstructured fit to noise: the engine's notice, printed three
+  # times in the log, reaches the user once)
+  set.seed(3)
+  d <- transform(expand.grid(g = factor(1:8), site = factor(1:3)), y = rnorm(24))
+  w <- testthat::capture_warnings(f <- tarnel(y ~ site, random = ~ cov_us(site):g, data = d))
+  expect_equal(lengths(regmatches(f$log, gregexpr("NonPosDef US matrix modified", f$log))), 3L)
+  expect_equal(sum(w == "tarnel engine: Notice: NonPosDef US matrix modified"), 1L)
+  expect_error(simulate(f), "not available yet")
+})
