@@ -60,12 +60,12 @@ simulate.tarnel <- function(object, nsim = 1, seed = NULL, ...) {
   base <- object$fitted_fixed
   out <- matrix(NA_real_, length(base), nsim)
   for (s in seq_len(nsim)) {
-    y <- rnorm(model$nrow, sd = sqrt(s2 / w))
+    y <- stats::rnorm(model$nrow, sd = sqrt(s2 / w))
     for (p in parts) {
       nlev <- max(vapply(p$inc, function(i) max(i$index), 1))
       R <- chol(p$G + diag(1e-12 * max(diag(p$G), 1), nrow(p$G)), pivot = TRUE)
       R <- R[, order(attr(R, "pivot")), drop = FALSE]
-      u <- matrix(rnorm(nlev * nrow(p$G)), nlev) %*% R
+      u <- matrix(stats::rnorm(nlev * nrow(p$G)), nlev) %*% R
       for (k in seq_along(p$inc)) y <- y + p$inc[[k]]$value * u[p$inc[[k]]$index, k]
     }
     ok <- present & !is.na(rows)
