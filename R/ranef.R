@@ -63,6 +63,7 @@ ranef.tarnel <- function(object, condVar = TRUE, ...) {
 
 #' @export
 print.ranef.tarnel <- function(x, ...) {
+  if (!length(x)) cat("No random terms in the model\n")
   for (g in names(x)) {
     cat("$", g, "\n", sep = "")
     print(as.data.frame(unclass(x[[g]]), check.names = FALSE), ...)
