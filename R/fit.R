@@ -213,7 +213,8 @@ summary.tarnel <- function(object, ...) {
   fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
   fe[names(se), "std.error"] <- se
   fe$z.ratio <- fe$estimate / fe$std.error
-  structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], fixed = fe,
+  structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], correlations = covariance_correlations(object),
+                 fixed = fe,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
                  message = object$message, sigma2 = object$sigma2, profiled = object$profiled,
@@ -227,6 +228,10 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   cat("Variance parameters", if (x$profiled) " (ratios to the residual variance, which is profiled)" else "", ":\n", sep = "")
   print(x$varcomp, digits = digits)
   if (length(x$notes)) cat(paste0("  ", x$notes, "\n"), sep = "")
+  if (length(x$correlations)) {
+    cat("\nCorrelations from the covariances:\n")
+    print(x$correlations, digits = digits)
+  }
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",
@@ -274,16 +279,3 @@ logLik.tarnel <- function(object, convention = c("standard", "engine"), ...) {
 
 #' @export
 nobs.tarnel <- function(object, ...) object$nobs
-
-#' @export
-update.tarnel <- function(object, ..., evaluate = TRUE) {
-  call <- object$call
-  extras <- match.call(expand.dots = FALSE)$...
-  same_model <- !any(names(extras) %in% c("fixed", "random", "residual", "data"))
-  for (n in names(extras)) call[[n]] <- extras[[n]]
-  if (same_model && is.null(extras$start)) {
-    g <- object$gammas
-    call$start <- g[!names(g) %in% names(which(object$constraints == 4L))]
-  }
-  if (evaluate) eval(call, parent.frame()) else call
-}

@@ -15,6 +15,7 @@ new_columns <- function(nrow) {
   env <- new.env(parent = emptyenv())
   env$values <- list()
   env$keys <- character()
+  env$missing <- list()
   env$nrow <- nrow
   env
 }
@@ -24,6 +25,8 @@ add_columns <- function(store, key, values) {
   hit <- match(key, store$keys)
   if (!is.na(hit)) return(attr(store$values[[hit]], "first"))
   first <- 1L + sum(vapply(store$values, ncol, 1L))
+  # Records with a missing value, for an error that names the column.
+  store$missing[[key]] <- which(rowSums(is.na(values)) > 0)
   values[is.na(values)] <- tarnel_missing
   attr(values, "first") <- first
   store$values[[length(store$values) + 1L]] <- values
@@ -85,16 +88,17 @@ num_arg <- function(e, env, what) {
 # equation), maxent (most entries it adds to a row), and tables for the
 # integer and real stores.
 leaf <- function(key, code, b, flev, nlev, labels, a = 0L, c = 0L, faconst = 0,
-                 maxent = 1L, itable = NULL, jtable = NULL) {
+                 maxent = 1L, itable = NULL, jtable = NULL, levels = labels) {
   list(kind = "leaf", key = key, code = as.integer(code), a = as.integer(a), b = as.integer(b),
        c = as.integer(c), flev = as.integer(flev), nlev = as.integer(nlev), faconst = as.double(faconst),
-       labels = labels, maxent = as.integer(maxent), itable = itable, jtable = jtable)
+       labels = labels, levels = as.character(levels), maxent = as.integer(maxent), itable = itable,
+       jtable = jtable)
 }
 
 factor_leaf <- function(data, name, store) {
   f <- as_model_factor(data, name)
   b <- add_columns(store, paste0("factor:", name), as.integer(f))
-  leaf(name, 0L, b, nlevels(f), 1L, paste0(name, levels(f)))
+  leaf(name, 0L, b, nlevels(f), 1L, paste0(name, levels(f)), levels = levels(f))
 }
 
 # Parses one variable of a term: a column or a call of a term function.
@@ -109,7 +113,7 @@ parse_variable <- function(e, data, env, store) {
     return(leaf(name, 0L, b, 1L, 1L, name))
   }
   if (!is.call(e)) tstop("cannot read the model term '%s'", key)
-  fn <- as.character(e[[1L]])
+  fn <- as.character(e[[1L]])[1L]
   args <- as.list(e)[-1L]
   arg <- function(name, pos, default = NULL) {
     nm <- names(args)
@@ -228,8 +232,44 @@ parse_variable <- function(e, data, env, store) {
       b <- add_columns(store, paste0("factor:", name), as.integer(f))
       leaf(key, -38L, b, 1L, 1L, key, c = as.integer(k), itable = as.integer(tab))
     },
-    tstop("unknown term function '%s' in '%s'", fn, key)
+    evaluated_variable(e, key, fn, data, env, store)
   )
+}
+
+# Structure functions belong in the random and residual formulae only.
+structure_function_names <- c("cov_id", "cov_diag", "cov_us", "cov_ar1", "cov_ar2", "cov_ar3", "cov_ma1", "cov_ma2",
+                              "cov_arma", "cov_sar", "cov_sar2", "cov_cor", "cov_corb", "cov_corg", "cov_known",
+                              "het", "coefs")
+
+# Any other call is a function of the data, evaluated the way lm() does it
+# (factor(x), I(x^2), log(x), poly(x, 2)): a factor, a numeric vector, or a
+# numeric matrix whose columns become covariates of their own.
+evaluated_variable <- function(e, key, fn, data, env, store) {
+  if (fn %in% structure_function_names)
+    tstop("'%s' describes a variance structure: it belongs in the random or residual formula", key)
+  if (fn == "offset") tstop("'%s': an offset belongs in the fixed formula", key)
+  x <- tryCatch(eval(e, data, env), error = function(err)
+    tstop("cannot evaluate the model term '%s': %s", key, conditionMessage(err)))
+  n <- store$nrow
+  if (is.character(x) || is.logical(x)) x <- factor(x)
+  if (is.factor(x)) {
+    if (length(x) != n) tstop("the model term '%s' has %d values for %d records", key, length(x), n)
+    x <- droplevels(x)
+    if (nlevels(x) < 1L) tstop("the model term '%s' holds only missing values", key)
+    b <- add_columns(store, paste0("factor:", key), as.integer(x))
+    return(leaf(key, 0L, b, nlevels(x), 1L, paste0(key, levels(x)), levels = levels(x)))
+  }
+  if (!is.numeric(x)) tstop("the model term '%s' must give a factor or numeric values, not %s", key, class(x)[1])
+  m <- as.matrix(x)
+  if (nrow(m) != n) tstop("the model term '%s' has %d values for %d records", key, nrow(m), n)
+  if (any(is.infinite(m))) tstop("the model term '%s' holds infinite values", key)
+  if (all(is.na(m))) tstop("the model term '%s' holds only missing values", key)
+  d <- ncol(m)
+  b <- add_columns(store, paste0("num:", key), m)
+  if (d == 1L) return(leaf(key, 0L, b, 1L, 1L, key))
+  cn <- colnames(m)
+  if (is.null(cn)) cn <- seq_len(d)
+  leaf(key, 0L, b, d, d, paste0(key, cn), maxent = d)
 }
 
 # Parses the right-hand side of a formula into terms: each a list of

@@ -193,28 +193,35 @@ section_spec <- function(spec, levels, ratio_start, comp_start) {
   if (n < cat_$least) tstop("%s: '%s' has %d level(s); the structure needs at least %d", spec$key, spec$factor, n, cat_$least)
   ncor <- as.integer(cat_$ncor(n))
   v0 <- ratio_start
-  names <- character(); kind <- character(); start <- double()
+  # lev1 and lev2 name the levels a parameter belongs to: one for a
+  # variance, two for a covariance or correlation between levels.
+  names <- character(); kind <- character(); start <- double(); lev1 <- character(); lev2 <- character()
   if (spec$fn == "cov_diag") {
-    names <- levels; kind <- rep("variance", n); start <- rep(v0, n)
+    names <- levels; kind <- rep("variance", n); start <- rep(v0, n); lev1 <- levels; lev2 <- rep(NA, n)
   } else if (spec$fn == "cov_us") {
     for (i in seq_len(n)) for (j in seq_len(i)) {
-      names <- c(names, if (i == j) levels[i] else paste0(levels[i], ":", levels[j]))
+      names <- c(names, if (i == j) levels[i] else sprintf("cov(%s, %s)", levels[j], levels[i]))
       kind <- c(kind, if (i == j) "variance" else "covariance")
       start <- c(start, if (i == j) v0 else 0)
+      lev1 <- c(lev1, levels[j]); lev2 <- c(lev2, if (i == j) NA else levels[i])
     }
   } else if (spec$fn == "cov_corg") {
-    for (i in seq_len(n)) for (j in seq_len(i - 1L)) names <- c(names, paste0("cor(", levels[i], ":", levels[j], ")"))
+    for (i in seq_len(n)) for (j in seq_len(i - 1L)) {
+      names <- c(names, sprintf("cor(%s, %s)", levels[j], levels[i]))
+      lev1 <- c(lev1, levels[j]); lev2 <- c(lev2, levels[i])
+    }
     kind <- rep("correlation", ncor); start <- rep(0.1, ncor)
   } else if (ncor > 0L) {
     names <- if (is.function(cat_$names)) cat_$names(n) else cat_$names
     start <- if (is.function(cat_$start)) cat_$start(n) else cat_$start
-    kind <- rep("correlation", ncor)
+    kind <- rep("correlation", ncor); lev1 <- rep(NA, ncor); lev2 <- rep(NA, ncor)
   }
   if (isTRUE(spec$het)) {
     names <- c(names, levels); kind <- c(kind, rep("variance", n)); start <- c(start, rep(v0, n))
+    lev1 <- c(lev1, levels); lev2 <- c(lev2, rep(NA, n))
   }
   list(fn = spec$fn, factor = spec$factor, model = cat_$model, order = n, band = if (is.null(cat_$band)) 0L else cat_$band,
-       names = names, kind = kind, start = start, key = spec$key)
+       names = names, kind = kind, start = start, key = spec$key, lev1 = as.character(lev1), lev2 = as.character(lev2))
 }
 
 # Reads the random formula.  Each random term becomes a group of one or more
@@ -270,7 +277,7 @@ parse_random <- function(random, data, env, store) {
       b <- add_columns(store, paste0("known:", sp$key), as.integer(sp$fvalues))
       sp$fvalues <- NULL
       terms[[length(terms) + 1L]] <- list(label = labels[j], vars = list(leaf(sp$key, 0L, b, length(sp$levels), 1L,
-                                                                                paste0(sp$factor, sp$levels))))
+                                                                                paste0(sp$factor, sp$levels), levels = sp$levels)))
       groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = list(sp))
       next
     }
@@ -300,13 +307,15 @@ parse_random <- function(random, data, env, store) {
         fname <- specs[[k]]$factor
         key <- if (is.numeric(data[[fname]])) sprintf("factor(%s)", fname) else fname
         b <- add_columns(store, paste0("factor:", key), as.integer(f))
-        leaves[[k]] <- leaf(key, 0L, b, nlevels(f), 1L, paste0(fname, levels(f)))
+        leaves[[k]] <- leaf(key, 0L, b, nlevels(f), 1L, paste0(fname, levels(f)), levels = levels(f))
         specs[[k]]$levels <- levels(f)
       }
       terms[[length(terms) + 1L]] <- list(label = labels[j], vars = leaves)
       groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = specs)
       next
     }
+    if (length(exprs) == 1L && is.name(exprs[[1L]]) && is.numeric(data[[as.character(exprs[[1L]])]]))
+      tstop("the random term '%s' is a numeric column: alone it would be one random covariate, not effects for its levels; write factor(%s) in the formula, or make the column a factor", labels[j], labels[j])
     terms[[length(terms) + 1L]] <- list(label = labels[j], vars = lapply(exprs, parse_variable, data = data, env = env, store = store))
     groups[[j]] <- list(label = labels[j], kind = "identity", terms = length(terms))
   }

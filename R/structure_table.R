@@ -20,10 +20,15 @@ build_struc <- function(model, table) {
   vy <- stats::var(y, na.rm = TRUE)
   if (!is.finite(vy) || vy <= 0) vy <- 1
   v0 <- if (profiled) 0.1 else 0.1 * vy
+  # vgroup, lev1 and lev2 place a parameter in the table of VarCorr():
+  # the grouping it belongs to and the one or two levels (or random
+  # coefficients) it joins.
   pars <- data.frame(name = character(), gamma = integer(), kind = character(), group = character(),
-                     start = double(), code = integer(), stringsAsFactors = FALSE)
-  add_par <- function(name, kind, group, start, code) {
-    pars[nrow(pars) + 1L, ] <<- list(name, 0L, kind, group, start, code)
+                     start = double(), code = integer(), vgroup = character(), lev1 = character(),
+                     lev2 = character(), stringsAsFactors = FALSE)
+  add_par <- function(name, kind, group, start, code, vgroup = group, lev1 = NA_character_, lev2 = NA_character_) {
+    one <- function(v) if (length(v)) as.character(v[1L]) else NA_character_
+    pars[nrow(pars) + 1L, ] <<- list(name, 0L, kind, group, start, code, vgroup, one(lev1), one(lev2))
   }
   gam <- double(nfactp)
   code_of <- function(kind) if (kind %in% c("variance", "scale")) 1L else 3L
@@ -51,7 +56,7 @@ build_struc <- function(model, table) {
       for (p in pos) {
         gam[p] <- starts[g$terms[1]]
         tyfact[p] <- p
-        add_par(table$position_names[p], "variance", g$label, gam[p], 1L)
+        add_par(table$position_names[p], "variance", g$label, gam[p], 1L, lev1 = "(Intercept)")
         pars$gamma[nrow(pars)] <- p
       }
       next
@@ -89,8 +94,8 @@ build_struc <- function(model, table) {
       if (isTRUE(s$scalepos)) secs[[r]][13L] <- gpos + npar
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
-        add_par(paste0(g$label, "!", if (!is.null(s$factor) && g$kind != "coefs") paste0(s$factor, ":") else "", s$names[k]),
-                s$kind[k], g$label, s$start[k], section_code(s, k, code_of(s$kind[k])))
+        nm <- structure_param_name(g, s, k)
+        add_par(nm$name, s$kind[k], g$label, s$start[k], section_code(s, k, code_of(s$kind[k])), nm$vgroup, s$lev1[k], s$lev2[k])
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -118,7 +123,8 @@ build_struc <- function(model, table) {
       gpos <- gpos + 1L
       start <- stats::var(model$y[f == s], na.rm = TRUE) / 2
       if (!is.finite(start) || start <= 0) start <- vy / 2
-      add_par(paste0("residual!", resid$factor, ":", resid$levels[s]), "variance", "residual", start, 1L)
+      add_par(sprintf("residual: %s %s", resid$factor, resid$levels[s]), "variance", "residual", start, 1L,
+              "Residual", resid$levels[s])
       pars$gamma[nrow(pars)] <- gpos
       nrsect[, s] <- c(counts[s], 0L, r)
     }
@@ -131,7 +137,8 @@ build_struc <- function(model, table) {
       new_section(s, if (npar) gpos + 1L else 0L, npar, 0L)
       for (k in seq_len(npar)) {
         gpos <- gpos + 1L
-        add_par(paste0("residual!", sp$factor, ":", s$names[k]), s$kind[k], "residual", s$start[k], section_code(s, k, code_of(s$kind[k])))
+        add_par(sprintf("residual: %s %s", sp$factor, s$names[k]), s$kind[k], "residual", s$start[k],
+                section_code(s, k, code_of(s$kind[k])), "Residual", s$lev1[k], s$lev2[k])
         pars$gamma[nrow(pars)] <- gpos
       }
     }
@@ -141,7 +148,7 @@ build_struc <- function(model, table) {
   # The residual scale, last.
   gpos <- gpos + 1L
   nrsect[2L, ] <- gpos
-  add_par("residual", "scale", "residual", 1, if (profiled) 1L else 4L)
+  add_par("residual", "scale", "residual", 1, if (profiled) 1L else 4L, "Residual")
   pars$gamma[nrow(pars)] <- gpos
   ngamma <- gpos
   gammas <- double(ngamma + 1L)

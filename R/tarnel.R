@@ -9,6 +9,9 @@
 #'   may ask for, in 8-byte words.
 #' @param maxiter iteration limit of the fit.
 #' @param trace print the engine's start and finish lines and the iteration log.
+#' @param progress show a live line of progress during fits that take more
+#'   than a couple of seconds; \code{NULL} takes \code{getOption("tarnel.progress")},
+#'   which defaults to \code{interactive()}.
 #' @param keep_order for models of more than 5,000 equations: keep the order
 #'   of the equations in the file \code{EQNORD.BIN} of the working directory
 #'   and use it again in a later fit of the same model and work array, which
@@ -16,14 +19,14 @@
 #' @return A list of options.
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE,
-                           keep_order = FALSE) {
+                           keep_order = FALSE, progress = NULL) {
   if (!is.null(workspace) && (!is.numeric(workspace) || length(workspace) != 1L || !(workspace > 0)))
     stop("'workspace' must be a positive number of words", call. = FALSE)
   if (!is.numeric(max_workspace) || length(max_workspace) != 1L || !(max_workspace > 0))
     stop("'max_workspace' must be a positive number of words", call. = FALSE)
   list(workspace = workspace, max_workspace = max_workspace, maxiter = as.integer(maxiter),
        keep_order = isTRUE(keep_order),
-       trace = isTRUE(trace))
+       trace = isTRUE(trace), progress = if (is.null(progress)) NULL else isTRUE(progress))
 }
 
 #' Linear mixed models by REML with tarnel
@@ -31,7 +34,7 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 #' Fits a linear mixed model by residual maximum likelihood (REML) with the
 #' average information algorithm.  See the Rd page for the details.
 #' @export
-tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, start = NULL,
+tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, subset = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
                    keep_design = FALSE, control = tarnel_control()) {
@@ -42,19 +45,30 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (nrow(data) < 1L) tstop("'data' has no records")
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
+  formulae <- list(fixed = fixed, random = random, residual = residual)
+  prep <- prepare_data(fixed, random, data, substitute(weights), substitute(subset), env)
+  fixed <- prep$fixed
+  random <- prep$random
+  data <- prep$data
   yname <- var_name(fixed[[2L]], "the response")
   data_column(data, yname)
   resid <- parse_residual(residual, data, env)
+  if (!is.null(prep$weights) && resid$kind != "identity")
+    tstop("weights together with a het() or grid residual structure are not available yet")
   arranged <- arrange_records(data, resid, yname, drop_missing = na_response == "drop")
-  arranged$n0 <- nrow(data)
+  arranged$n0 <- prep$n_user
   # On a grid every missing response gets an equation of its own, which
   # takes it out of the likelihood while the record keeps its place.
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
-  model <- parse_model(fixed, random, resid, arranged$data, weights, na_response, na_design, env)
+  model <- parse_model(fixed, random, resid, arranged$data, prep$weights, na_response, na_design, env)
+  # Records in the rows of the user's data (after any subset).
+  arranged$rows <- prep$kept[arranged$rows]
+  check_missing_design(model, arranged, na_design)
   table <- build_term_table(model)
   struc <- build_struc(model, table)
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
+  log <- out$log
   fit <- assemble_fit(out, model, table, struc, arranged, control)
   if (needs_polish(fit)) {
     # Stopped while the log-likelihood still moved: go on from the
@@ -62,12 +76,19 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     first <- fit$iterations
     struc <- apply_constraints(build_struc(model, table), fit$gammas, constrain, equal, lincon)
     out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
+    log <- paste0(log, out$log)
     fit <- assemble_fit(out, model, table, struc, arranged, control)
     it <- fit$iterations
     if (nrow(it)) it$iteration <- it$iteration + nrow(first)
     fit$iterations <- rbind(first, it)
   }
   fit$call <- match.call()
+  fit$log <- log
+  fit <- finish_fit(fit, out, arranged, prep, formulae)
+  if (isTRUE(control$trace))
+    message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
+                    fit$loglik_standard, fit$loglik))
+  warn_engine_notices(log)
   warn_fit(fit)
   fit
 }
@@ -106,29 +127,39 @@ shortage <- function(status, text) {
 run_ctrn <- function(model, table, struc, keep_design, control) {
   nrow <- model$nrow
   ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) + struc$ainv$words else control$workspace
+  log <- character()
+  progress <- progress_wanted(control)
   repeat {
     args <- ctrn_args(model, table, struc, keep_design, control, ws)
-    status <- .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
-                    args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
-                    args$trn, args$design)
+    status <- with_engine_console(
+      .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+            args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+            args$trn, args$design),
+      trace = control$trace, progress = progress, trn = args$trn, stride = struc$ngamma + 3L)
+    log <- c(log, attr(status, "log"))
+    attr(status, "log") <- NULL
     text <- engine_error_text(args$trn$errtxt)
     if (status != 0L && shortage(status, text)) {
+      # A shortage is retried with more room, silently unless tracing.
       if (ws * 4 > control$max_workspace)
         stop(sprintf("tarnel: %s: a work array of %.0f words was not enough, and 4 times that exceeds the limit of %.0f words (tarnel_control(max_workspace =))",
                      if (nzchar(text)) text else "Insufficient workspace", ws, control$max_workspace), call. = FALSE)
       ws <- ws * 4
+      if (isTRUE(control$trace)) message(sprintf("tarnel: retrying with a work array of %.0f words", ws))
       next
     }
-    if (status != 0L)
-      stop(sprintf("tarnel: %s (engine status %d)", if (nzchar(text)) text else "the engine failed", status),
-           call. = FALSE)
+    if (status != 0L) {
+      notes <- engine_notices(log)
+      stop(sprintf("tarnel: %s (engine status %d)%s", if (nzchar(text)) text else "the engine failed", status,
+                   if (length(notes)) paste0("\n", paste(notes, collapse = "\n")) else ""), call. = FALSE)
+    }
     break
   }
   records <- args$aiopt[63L]
   if (records > 0L && records != nrow)
     stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, nrow), call. = FALSE)
   list(args = args, status = status, text = text, workspace = ws, records = records, keep_design = isTRUE(keep_design),
-       nonzero = args$aiopt[64L], neq = args$inter$neq[1])
+       nonzero = args$aiopt[64L], neq = args$inter$neq[1], log = paste(log, collapse = ""))
 }
 
 fresh_int <- function(n) integer(n)

@@ -12,13 +12,13 @@ new_table <- function() {
 }
 
 # Adds a term (once for a given key) and returns its number.
-table_add <- function(tab, key, code, a, b, c, flev, nlev, faconst, labels, maxent) {
+table_add <- function(tab, key, code, a, b, c, flev, nlev, faconst, labels, maxent, levels = labels) {
   hit <- match(key, tab$keys)
   if (!is.na(hit)) return(hit)
   tab$rows[[length(tab$rows) + 1L]] <- list(code = as.integer(code), a = as.integer(a), b = as.integer(b),
                                             c = as.integer(c), flev = as.integer(flev), nlev = as.integer(nlev),
                                             faconst = as.double(faconst), name = key, labels = labels,
-                                            maxent = as.integer(maxent))
+                                            levels = as.character(levels), maxent = as.integer(maxent))
   tab$keys <- c(tab$keys, key)
   length(tab$rows)
 }
@@ -35,7 +35,8 @@ table_leaf <- function(tab, lf) {
     a <- length(tab$JBV) + 1L
     tab$JBV <- c(tab$JBV, lf$jtable)
   }
-  table_add(tab, lf$key, lf$code, a, lf$b, lf$c, lf$flev, lf$nlev, lf$faconst, lf$labels, lf$maxent)
+  table_add(tab, lf$key, lf$code, a, lf$b, lf$c, lf$flev, lf$nlev, lf$faconst, lf$labels, lf$maxent,
+            if (is.null(lf$levels)) lf$labels else lf$levels)
 }
 
 # An interaction of terms x and y: y's levels run fastest.
@@ -43,8 +44,9 @@ table_cross <- function(tab, x, y) {
   rx <- tab$rows[[x]]
   ry <- tab$rows[[y]]
   labels <- as.vector(outer(ry$labels, rx$labels, function(b, a) paste(a, b, sep = ":")))
+  levels <- as.vector(outer(ry$levels, rx$levels, function(b, a) paste(a, b, sep = ":")))
   table_add(tab, paste(rx$name, ry$name, sep = ":"), x, y, 0L, 0L, rx$flev * ry$flev, 0L, 0,
-            labels, rx$maxent * ry$maxent)
+            labels, rx$maxent * ry$maxent, levels)
 }
 
 # The model positions of one parsed term: usually one, one a level for a
@@ -132,6 +134,9 @@ build_term_table <- function(model) {
     random_positions = random_positions,
     position_names = tab$keys[positions],
     position_levels = pflev,
+    # The level names of each model position (factor levels, "a:b" for
+    # interactions), for the tables of random effects.
+    level_names = lapply(rows[positions], `[[`, "levels"),
     missing_term = if (mvact > 0L) mvact else 0L,
     nrecords = model$nrow,
     maxent = vapply(rows, `[[`, 1L, "maxent")[positions],

@@ -21,6 +21,8 @@ SEXP pmat(SEXP, SEXP, SEXP);
 SEXP pedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP variogram(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP,
                SEXP, SEXP, SEXP);
+SEXP console_begin(SEXP, SEXP, SEXP, SEXP);
+SEXP console_end();
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
@@ -39,6 +41,8 @@ static const R_CallMethodDef call_entries[] = {
     {"pmat", (DL_FUNC)&pmat, 3},
     {"pedigree", (DL_FUNC)&pedigree, 6},
     {"variogram", (DL_FUNC)&variogram, 20},
+    {"console_begin", (DL_FUNC)&console_begin, 4},
+    {"console_end", (DL_FUNC)&console_end, 0},
     {nullptr, nullptr, 0}};
 
 void R_init_tarnel(DllInfo* dll) {

@@ -169,7 +169,7 @@ test_that("bad input gives clear R errors before the engine runs", {
   d2$na <- NA_real_
   expect_error(tarnel(y ~ na, data = d2), "only missing values")
   expect_error(tarnel(y ~ at(A, "q"), data = d), "not a level")
-  expect_error(tarnel(y ~ foo(x), data = d), "unknown term function")
+  expect_error(tarnel(y ~ foo(x), data = d), "cannot evaluate the model term .foo\\(x\\).: could not find function")
   expect_error(tr_log(1), "only be used inside a tarnel")
 })
 

@@ -81,27 +81,27 @@ ref_cases <- list(
               D = function(d) list(tcrossprod(zmat(d$Block)), tcrossprod(zmat(interaction(d$Block, d$Variety))), diag(nrow(d))),
               y = "yield"),
   orthodont_rr = list(fit = function(d) tarnel(distance ~ age + Sex, random = ~ coefs(Subject, ~ age), data = d),
-                      par = c("coefs(Subject, ~age)!(Intercept)", "coefs(Subject, ~age)!age:(Intercept)",
-                              "coefs(Subject, ~age)!age", "residual"),
+                      par = c("Subject: (Intercept)", "Subject: cov((Intercept), age)",
+                              "Subject: age", "residual"),
                       X = function(d) model.matrix(~ age + Sex, d),
                       D = function(d) { Z <- zmat(d$Subject); Za <- Z * d$age
                         list(tcrossprod(Z), Z %*% t(Za) + Za %*% t(Z), tcrossprod(Za), diag(nrow(d))) },
                       y = "distance"),
   hetres = list(fit = function(d) tarnel(y ~ group, random = ~ block, residual = ~ het(group), data = d),
                 prep = function(d) transform(d, block = factor(block)),
-                par = c("block", "residual!group:a", "residual!group:b", "residual!group:c"),
+                par = c("block", "residual: group a", "residual: group b", "residual: group c"),
                 X = function(d) model.matrix(~ group, d),
                 D = function(d) c(list(tcrossprod(zmat(d$block))), lapply(levels(d$group), function(l) diag(as.numeric(d$group == l)))),
                 y = "y"),
   field_ar1ar1 = list(fit = function(d) tarnel(yield ~ variety, random = ~ rep, residual = ~ cov_ar1(col):cov_ar1(row), data = d),
                       prep = function(d) transform(d, variety = factor(variety), rep = factor(rep)),
-                      par = c("rep", "residual", "residual!col:ar1", "residual!row:ar1"),
+                      par = c("rep", "residual", "residual: col ar1", "residual: row ar1"),
                       X = function(d) model.matrix(~ variety, d),
                       V = function(d, p) p[1] * tcrossprod(zmat(d$rep)) +
                         p[2] * kronecker(ar1(length(unique(d$col)), p[3]), ar1(length(unique(d$row)), p[4])),
                       y = "yield"),
   animal = list(fit = function(d) tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv), data = d),
-                par = c("cov_known(animal, animal_ainv)!animal:variance", "residual"),
+                par = c("cov_known(animal, animal_ainv): variance", "residual"),
                 X = function(d) model.matrix(~ sex, d),
                 D = function(d) { Z <- animal_Z(d); list(Z %*% tabular_A(animal_ped) %*% t(Z), diag(nrow(d))) },
                 y = "y")
@@ -248,12 +248,12 @@ test_that("agreement with lme4 on data sets that lme4 and nlme ship", {
   cases <- list(
     list(tfit(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ Days), data = sleep)),
          lme4::lmer(Reaction ~ Days + (Days | Subject), sleep, REML = TRUE),
-         c("coefs(Subject, ~Days)!(Intercept)" = "Subject (Intercept)", "coefs(Subject, ~Days)!Days" = "Subject Days",
-           "coefs(Subject, ~Days)!Days:(Intercept)" = "Subject (Intercept) Days", residual = "Residual NA")),
+         c("Subject: (Intercept)" = "Subject (Intercept)", "Subject: Days" = "Subject Days",
+           "Subject: cov((Intercept), Days)" = "Subject (Intercept) Days", residual = "Residual NA")),
     list(tfit(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ Days, cov = "diag"), data = sleep)),
          lme4::lmer(Reaction ~ Days + (Days || Subject), sleep, REML = TRUE),
-         c("coefs(Subject, ~Days, cov = \"diag\")!(Intercept)" = "Subject (Intercept)",
-           "coefs(Subject, ~Days, cov = \"diag\")!Days" = "Subject.1 Days",
+         c("Subject: (Intercept)" = "Subject (Intercept)",
+           "Subject: Days" = "Subject.1 Days",
            residual = "Residual NA")),
     list(tfit(tarnel(strength ~ 1, random = ~ batch + batch:cask, data = pastes)),
          lme4::lmer(strength ~ 1 + (1 | batch) + (1 | batch:cask), pastes, REML = TRUE),
@@ -326,8 +326,8 @@ test_that("direct products in random terms: DIAG x I and AR1 x I against dense R
   o <- optim(c(log(4), atanh(0.5), 0), obj, method = "BFGS")
   if (!is.null(fit)) {
     vc <- fit$varcomp
-    expect_close(vc[c("cov_ar1(time):unit!time:variance", "residual"), "component"], exp(o$par[c(1, 3)]), what = "AR1 x I")
-    expect_abs(vc["cov_ar1(time):unit!time:ar1", "component"], tanh(o$par[2]), 0.005)
+    expect_close(vc[c("cov_ar1(time):unit: variance", "residual"), "component"], exp(o$par[c(1, 3)]), what = "AR1 x I")
+    expect_abs(vc["cov_ar1(time):unit: time ar1", "component"], tanh(o$par[2]), 0.005)
     expect_abs(as.numeric(logLik(fit)), -o$value, 0.05)
   }
 })
