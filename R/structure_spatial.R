@@ -261,8 +261,12 @@ fit_spatial_specs <- function(object) {
     if (identical(g$kind, "product") && isTRUE(g$specs[[1L]]$spatial)) specs[[length(specs) + 1L]] <- list(spec = g$specs[[1L]], who = g$label)
   specs
 }
-spatial_value <- function(object, s, nm)
-  unname(object$gammas[paste0(s$who, "!", if (s$who == "residual") paste0(s$spec$factor, ":"), nm)])
+spatial_value <- function(object, s, nm) {
+  g <- object$gammas
+  hit <- startsWith(names(g), paste0(s$who, ": ")) & endsWith(names(g), paste0(" ", nm))
+  if (!any(hit)) return(NA_real_)
+  unname(g[hit][1L])
+}
 
 # A limited-range correlation whose range fell short of the largest
 # distance in a block was held at three times the smallest distance: the

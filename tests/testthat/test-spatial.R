@@ -28,7 +28,11 @@ reml_C <- function(C, X, y) {
        s2 = s2)
 }
 rel <- function(got, want) abs(got - want) / abs(want)
-par_of <- function(fit, pattern) unname(fit$gammas[grep(pattern, names(fit$gammas), fixed = TRUE)])
+# A parameter by the last word of its name ("...: cov_exp(x, y) rho").
+par_of <- function(fit, pattern) {
+  key <- sub("^:", "", pattern)
+  unname(fit$gammas[endsWith(names(fit$gammas), paste0(" ", key))])
+}
 
 test_that("an exponential residual on Wheat2 reproduces the reference REML fit", {
   ex <- wheat_expected()
