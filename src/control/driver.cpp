@@ -110,7 +110,6 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     *a.predict.npred = 0;
   }
   if (o.ddf) *o.ddf = 0;
-  if (o.typeiii) *o.typeiii = 0;
 
   // The driver's blocks: the parameter history, then the iteration's own.
   IterationState it;
@@ -145,6 +144,8 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     }
     return;
   }
+  // The fixed part of the equations for the Wald tests; none when short of room.
+  wald_reserve(a.work.x.r, it.vtop, it.floor, a.terms, it.wald);
   int hk = 1, hflag = 0;
   {
     // Column 1 of the history holds the starting values.
@@ -328,6 +329,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
         s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
     airhat(a, it, hs);
+    wald_after_fit(a, it.wald, it.profiled ? a.results.sigma2[0] : 1.0);
   }
   if (aborted && nofit > 0) {
     st.ifault = nofit;

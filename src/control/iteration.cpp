@@ -480,6 +480,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   ab.status = span<i32>(status, 8);
   ab.err = &err;
   ab.tail = st.tail;
+  ab.dense_copy = st.wald.tri;
   if (a.results.soln.size() < static_cast<std::size_t>(neq)) return g5vflt(nfault, 4);
   if (g5vxxa(ms, ab, nfault)) {
     if (nfault == 0) nfault = err > 0 ? err : 6;
@@ -487,6 +488,7 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   }
   aiopt_set(o, 48, ab.negpiv);
   st.off = pool;
+  st.wald.captured = !st.wald.tri.empty();
   st.dd = span<double>(dd, neq);
   st.nsing = ab.nsing;
   st.logdet_c = ab.logdet;

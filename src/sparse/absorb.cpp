@@ -802,6 +802,8 @@ int g5vxxa(MmeStore& st, AbsorbArgs& a, int& nfault) {
       continue;
     }
     // Dense position.
+    if (p == nd && !a.dense_copy.empty())
+      std::copy(st.x.begin(), st.x.begin() + std::min<i64>(st.lssp, a.dense_copy.size()), a.dense_copy.begin());
     if (iw1(a.iw, e) < 0) {
       singular(p, e, 0.0);
       --p;
