@@ -272,7 +272,9 @@ vcov.tarnel <- function(object, parameters = c("fixed", "variance"), ...) {
 #' @export
 logLik.tarnel <- function(object, convention = c("standard", "engine"), ...) {
   convention <- match.arg(convention)
-  v <- if (convention == "standard") object$loglik_standard else object$loglik
+  # The standard value is the one for R's model matrix of the fixed formula.
+  shift <- if (is.null(object$fixed_r$loglik_shift)) 0 else object$fixed_r$loglik_shift
+  v <- if (convention == "standard") object$loglik_standard + shift else object$loglik
   # Parameters: the estimable fixed effects, and the variance parameters
   # not held fixed (one at a boundary was still estimated).
   est <- sum(object$constraints != 4L)

@@ -96,8 +96,13 @@ fixed_effects_r <- function(fit) {
   } else {
     labels <- fit$fixed_engine$term_labels
   }
+  # The REML log-likelihood depends on the basis of X through
+  # log|X'V^-1X|: in this basis it differs from the engine's by log|det T|
+  # over the engine's estimable columns.
+  ek <- which(diag(CE) > 0)
+  shift <- if (length(ek) == nrow(Tm) && length(ek)) as.numeric(determinant(Tm[, ek, drop = FALSE])$modulus) else 0
   list(coefficients = b, vcov = V, X = Xk, assign = a, term_labels = labels,
-       aliased = setdiff(nm, nm[keep]), transform = Tm, basis = basis, present = present)
+       aliased = setdiff(nm, nm[keep]), transform = Tm, basis = basis, present = present, loglik_shift = shift)
 }
 
 #' @importFrom nlme fixef

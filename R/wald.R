@@ -236,6 +236,7 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   ddf <- match.arg(ddf)
   tab <- object$wald_table
   fr <- object$fixed_r
+  if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
   if (is.null(tab) || is.null(fr)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
   if (!length(fr$coefficients) || !nrow(tab)) tstop("the model has no fixed terms to test")
   if (!is.null(terms)) {
