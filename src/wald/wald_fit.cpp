@@ -24,6 +24,9 @@ inline i64 tri_size(i64 m) { return m * (m + 1) / 2; }
 // zero: the equation depends on those swept before it.
 constexpr double kAliasTol = 1e-8;
 
+// The term code of the equations that estimate missing responses.
+constexpr int kMissingTerm = -4;
+
 int term_code(span<const int> inter, int k) {
   const std::size_t at = 4 * static_cast<std::size_t>(k - 1);
   return k >= 1 && at < inter.size() ? inter[at] : 0;
@@ -178,6 +181,14 @@ void wald_after_fit(AiControlArgs& a, WaldBlock& wb, double divisor) {
     ++nfix;
   }
   if (row != m + 1) return;
+  // The equations of records whose response is missing come first: swept
+  // out, they take those records out of every test.
+  span<const int> inter(t.inter.data(), t.inter.size());
+  row = 2;
+  for (int i = 0; i < nfix; ++i) {
+    if (term_code(inter, t.neword[i]) == kMissingTerm) g5vkdr(wb.tri, n, m, row, row + sizes[i] - 1);
+    row += sizes[i];
+  }
 
   // Degrees of freedom in model order: sweep the rows in turn; a row whose
   // pivot has vanished depends on the rows before it.

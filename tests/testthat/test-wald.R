@@ -173,6 +173,15 @@ test_that("aliased columns are named, and bad requests get clear errors", {
   f0 <- quiet(tarnel(diameter ~ 0, random = ~ plate, data = pen_data()))
   expect_error(wald(f0), "no fixed terms")
   expect_error(anova(fit, fit), "one fit")
+  # records whose missing response is estimated take no part in the tests
+  om <- oats
+  om$yield[c(5, 30, 61)] <- NA
+  wd <- wald(quiet(tarnel(yield ~ Variety * nitro, random = ~ Block + Block:Variety, data = om)), ddf = "none")
+  we <- wald(quiet(tarnel(yield ~ Variety * nitro, random = ~ Block + Block:Variety, data = om,
+                          na_response = "estimate")), ddf = "none")
+  expect_equal(rownames(we), rownames(wd))
+  expect_lt(rel(we$F.inc, wd$F.inc), 1e-4)
+  expect_lt(rel(we$F.con, wd$F.con), 1e-4)
   # containment df of the split plot, and a table that prints
   fit <- quiet(tarnel(yield ~ Variety * nitro, random = ~ Block + Block:Variety, data = oats))
   expect_equal(wald(fit, ddf = "containment")$denDF.inc, c(45, 10, 45, 45))
