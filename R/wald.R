@@ -237,8 +237,10 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   tab <- object$wald_table
   fr <- object$fixed_r
   if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
-  if (is.null(tab) || is.null(fr)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
-  if (!length(fr$coefficients) || !nrow(tab)) tstop("the model has no fixed terms to test")
+  if (is.null(tab)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
+  if (!nrow(tab))
+    tstop("the engine formed no Wald table for this fit: the work array had no room to keep the fixed equations (raise tarnel_control(workspace =)), or the fit was aborted")
+  if (is.null(fr) || !length(fr$coefficients)) tstop("the fixed effects of this fit could not be put in R's coding")
   if (!is.null(terms)) {
     if (!is.character(terms)) tstop("'terms' must be a character vector of fixed term labels")
     bad <- setdiff(terms, tab$term)
