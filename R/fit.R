@@ -108,6 +108,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   fixed_engine$present <- present
   fixed_design <- X[, keep_fe, drop = FALSE]
   colnames(fixed_design) <- lab[fe_eq][keep_fe]
+  fixed_design <- Matrix::Matrix(fixed_design, sparse = TRUE)
   back <- function(v) {
     o <- rep(NA_real_, n0)
     ok <- !is.na(rows)
@@ -224,7 +225,7 @@ summary.tarnel <- function(object, ...) {
   fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
   fe[names(se), "std.error"] <- se
   fe$z.ratio <- fe$estimate / fe$std.error
-  aliased <- if (is.null(object$fixed_r)) character() else object$fixed_r$aliased
+  aliased <- if (is.null(object$fixed_info)) character() else object$fixed_info$aliased
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], fixed = fe, aliased = aliased,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
@@ -273,7 +274,7 @@ vcov.tarnel <- function(object, parameters = c("fixed", "variance"), ...) {
 logLik.tarnel <- function(object, convention = c("standard", "engine"), ...) {
   convention <- match.arg(convention)
   # The standard value is the one for R's model matrix of the fixed formula.
-  shift <- if (is.null(object$fixed_r$loglik_shift)) 0 else object$fixed_r$loglik_shift
+  shift <- if (is.null(object$fixed_info$loglik_shift)) 0 else object$fixed_info$loglik_shift
   v <- if (convention == "standard") object$loglik_standard + shift else object$loglik
   # Parameters: the estimable fixed effects, and the variance parameters
   # not held fixed (one at a boundary was still estimated).

@@ -49,8 +49,7 @@ independent_columns <- function(X, tol = 1e-7) {
 # `basis` ("R", or "engine" when the formula uses terms R's model matrix
 # cannot form: then the engine's own columns, aliased ones dropped).
 fixed_effects_r <- function(fit) {
-  if (!is.null(fit$fixed_r)) return(fit$fixed_r)
-  XE <- engine_fixed_design(fit)
+  XE <- as.matrix(engine_fixed_design(fit))
   bE <- fit$fixed_engine$coefficients
   CE <- fit$fixed_engine$vcov
   present <- fit$fixed_engine$present
@@ -110,15 +109,15 @@ fixed_effects_r <- function(fit) {
 fixef.tarnel <- function(object, ...) fixed_effects_r(object)$coefficients
 
 # Called once a fit is assembled: the fixed formula is kept, and the
-# coefficients and their covariance are put in R's convention.
+# coefficients and their covariance are put in R's convention.  The model
+# matrices are not kept: fixed_effects_r() forms them again when asked.
 finish_fixed <- function(fit, fixed) {
   fit$fixed_formula <- fixed
-  fit$fixed_r <- NULL
   fr <- tryCatch(fixed_effects_r(fit), error = function(e) NULL)
   if (!is.null(fr)) {
-    fit$fixed_r <- fr
     fit$coefficients <- fr$coefficients
     fit$vcov <- fr$vcov
+    fit$fixed_info <- fr[c("aliased", "loglik_shift", "basis", "assign", "term_labels")]
   }
   fit
 }

@@ -235,7 +235,8 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   ddf <- match.arg(ddf)
   tab <- object$wald_table
-  fr <- object$fixed_r
+  fr <- if (is.null(object$fixed_design) || !ncol(object$fixed_design)) NULL
+        else tryCatch(fixed_effects_r(object), error = function(e) NULL)
   if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
   if (is.null(tab)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
   if (!nrow(tab))
