@@ -76,6 +76,14 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   keep_fe <- !miss_eq
   fixef <- b[keep_fe]
   vc <- C[keep_fe & !aliased, keep_fe & !aliased, drop = FALSE]
+  # The solution in the engine's basis (aliased columns at 0) with the fixed
+  # block of the inverse: R's convention is formed from these (fixed.R).
+  bE <- b
+  bE[aliased] <- 0
+  fpos <- table$fixed_positions[table$position_names[table$fixed_positions] != "(missing)"]
+  fixed_engine <- list(coefficients = bE[keep_fe], vcov = C[keep_fe, keep_fe, drop = FALSE],
+                       assign = rep(seq_along(table$fixed_positions), table$position_levels[table$fixed_positions])[keep_fe],
+                       term_labels = table$position_names[fpos])
 
   # Random effects, with their prediction error variances.
   re_eq <- if (neq - 1L > nfe) (nfe + 1L):(neq - 1L) else integer()
@@ -97,6 +105,10 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
   xb <- drop(X %*% bx)
+  fixed_engine$present <- present
+  fixed_design <- X[, keep_fe, drop = FALSE]
+  colnames(fixed_design) <- lab[fe_eq][keep_fe]
+  fixed_design <- Matrix::Matrix(fixed_design, sparse = TRUE)
   back <- function(v) {
     o <- rep(NA_real_, n0)
     ok <- !is.na(rows)
@@ -115,7 +127,8 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     ai = ai, score = score, iterations = iters, gammas = setNames(value, pars$name),
     constraints = setNames(codes[pars$gamma], pars$name),
     nobs = sum(present), records = out$records, record_rows = rows, neq = neq, nonzero = out$nonzero,
-    workspace = out$workspace, status = out$status, model = model, table = table, params = pars)
+    workspace = out$workspace, status = out$status, model = model, table = table, params = pars,
+    fixed_engine = fixed_engine, fixed_design = fixed_design, wald_table = engine_wald_table(trn, table))
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
@@ -213,8 +226,9 @@ summary.tarnel <- function(object, ...) {
   fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
   fe[names(se), "std.error"] <- se
   fe$z.ratio <- fe$estimate / fe$std.error
+  aliased <- if (is.null(object$fixed_info)) character() else object$fixed_info$aliased
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], correlations = covariance_correlations(object),
-                 fixed = fe,
+                 fixed = fe, aliased = aliased,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
                  message = object$message, sigma2 = object$sigma2, profiled = object$profiled,
@@ -234,17 +248,12 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   }
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
+  if (length(x$aliased))
+    cat(sprintf("Not estimable (aliased with earlier columns): %s\n", paste(x$aliased, collapse = ", ")))
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",
               x$loglik, x$loglik_engine, x$nedf))
   cat(sprintf("%d iterations: %s\n", x$iterations, if (nzchar(x$message)) x$message else if (x$converged) "converged" else "not converged"))
   invisible(x)
-}
-
-#' @export
-coef.tarnel <- function(object, which = c("fixed", "random", "all"), ...) {
-  which <- match.arg(which)
-  switch(which, fixed = object$coefficients, random = object$ranef,
-         all = list(fixed = object$coefficients, random = object$ranef))
 }
 
 #' @export
@@ -272,8 +281,12 @@ vcov.tarnel <- function(object, parameters = c("fixed", "variance"), ...) {
 #' @export
 logLik.tarnel <- function(object, convention = c("standard", "engine"), ...) {
   convention <- match.arg(convention)
-  v <- if (convention == "standard") object$loglik_standard else object$loglik
-  est <- sum(!object$constraints %in% c(4L, 7L))
+  # The standard value is the one for R's model matrix of the fixed formula.
+  shift <- if (is.null(object$fixed_info$loglik_shift)) 0 else object$fixed_info$loglik_shift
+  v <- if (convention == "standard") object$loglik_standard + shift else object$loglik
+  # Parameters: the estimable fixed effects, and the variance parameters
+  # not held fixed (one at a boundary was still estimated).
+  est <- sum(object$constraints != 4L)
   structure(v, df = length(object$coefficients) + est, nobs = object$nobs, class = "logLik")
 }
 

@@ -88,6 +88,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (isTRUE(control$trace))
     message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
                     fit$loglik_standard, fit$loglik))
+  fit <- finish_fixed(fit, fixed)
   warn_engine_notices(log)
   warn_fit(fit)
   fit
@@ -111,7 +112,7 @@ fit_workspace <- function(nrow, table, ngamma) {
   nnz <- nrow * (1 + sum(as.double(table$maxent)))
   neq <- as.double(table$inter$neq)
   neqd <- as.double(table$inter$neqd)
-  ceiling(design_workspace(nrow, table) + 6 * nnz + 40 * neq + 2 * neqd * neqd +
+  ceiling(design_workspace(nrow, table) + 6 * nnz + 40 * neq + 3 * neqd * neqd +
             4 * ngamma * (ngamma + neq) + 2e5)
 }
 
@@ -178,7 +179,8 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   ngamma <- length(struc$gammas) - 1L
   nfactp <- length(table$inter$neword)
   iarg <- fresh_int(16L)
-  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L, 0L)
+  # Conditional (marginal) tests of the fixed terms are always asked for.
+  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, 0L, 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
   if (isTRUE(control$keep_order)) {
@@ -238,7 +240,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
                deviance = double(1), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
                nsing = fresh_int(1L), ai = double(max(1, ngamma * (ngamma + 1) / 2)), yssqu = double(max(1L, nfactp)),
                Cfixed = Cfixed, Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),
-               aovTbl = double(1), apstvar = double(1), converge = fresh_int(1L),
+               aovTbl = double(7L * max(1L, nfactp)), apstvar = double(1), converge = fresh_int(1L),
                trArray = double((control$maxiter + 2L) * (ngamma + 3L)), errtxt = raw(80),
                license = "", where = ""),
     design = design

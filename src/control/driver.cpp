@@ -133,7 +133,6 @@ bool prepare_run(FitRun& run, const DesignLayout& layout) {
     *a.predict.npred = 0;
   }
   if (o.ddf) *o.ddf = 0;
-  if (o.typeiii) *o.typeiii = 0;
   return true;
 }
 
@@ -168,6 +167,8 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
     }
     return false;
   }
+  // The fixed part of the equations for the Wald tests; none when short of room.
+  wald_reserve(a.work.x.r, run.it.vtop, run.it.floor, a.terms, run.it.wald);
   // Column 1 of the history holds the starting values.
   for (int k = 0; k < ngamma; ++k) run.history[k] = s.gammas[k];
   return true;
@@ -377,6 +378,7 @@ void results_after_fit(FitRun& run) {
     if (a.data.ntrt == 1 && s.nsect == 1 && s.rgmstr[it.scalepos - 1] == 4 && s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
     airhat(a, it, hs);
+    wald_after_fit(a, it.wald, it.profiled ? a.results.sigma2[0] : 1.0);
   }
 }
 

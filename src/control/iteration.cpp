@@ -588,6 +588,7 @@ StepResult absorb_equations(IterationWork& w) {
   ab.status = span<i32>(w.status, 8);
   ab.err = &w.err;
   ab.tail = st.tail;
+  ab.dense_copy = st.wald.tri;
   if (a.results.soln.size() < static_cast<std::size_t>(neq)) return fault(w.nfault, 4);
   if (g5vxxa(ms, ab, w.nfault)) {
     if (w.nfault == 0) w.nfault = w.err > 0 ? w.err : 6;
@@ -595,6 +596,7 @@ StepResult absorb_equations(IterationWork& w) {
   }
   aiopt_set(o, kAioptNegPivots, ab.negpiv);
   st.off = w.pool;
+  st.wald.captured = !st.wald.tri.empty();
   st.dd = span<double>(w.dd, neq);
   st.nsing = ab.nsing;
   st.logdet_c = ab.logdet;

@@ -22,6 +22,7 @@
 #include "control/update.h"
 #include "sparse/mme.h"
 #include "variance/formation.h"
+#include "wald/wald.h"
 
 namespace tarnel {
 
@@ -62,6 +63,7 @@ struct IterationState {
   MmeStore store;          // the equations of the last iteration
   i64 off = 0;
   span<double> dd;
+  WaldBlock wald;          // the fixed part kept for the Wald tests
 };
 
 // Carves the driver's blocks for the iterations.  Returns 1 with ifault 6

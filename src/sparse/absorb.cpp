@@ -920,6 +920,10 @@ Next absorb_sparse(Absorption& x, i32 e) {
 // negligible multiplier skipped), and the results do not depend on THREADS.
 void absorb_dense(Absorption& x, i32 e) {
   const i32 p = x.p;
+  // The dense triangle before its first pivot: the fixed equations with
+  // every other absorbed, kept for the tests of fixed terms.
+  if (p == x.nd && !x.a.dense_copy.empty())
+    std::copy(x.st.x.begin(), x.st.x.begin() + std::min<i64>(x.st.lssp, x.a.dense_copy.size()), x.a.dense_copy.begin());
   if (iw1(x.a.iw, e) < 0) {
     x.singular(p, e, 0.0);
     return;

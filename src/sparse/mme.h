@@ -298,6 +298,9 @@ struct AbsorbArgs {
   int* err = nullptr;         // error word
   bool trace = false;
   int unit = 6;
+  span<double> dense_copy;    // when not empty: receives the dense triangle
+                              // as it stands before its first pivot (the
+                              // fixed equations with the others absorbed)
   i32 moves = 0;              // out: equations moved by the pivot search
   i64 peaklx = 0;             // out: highest slot used by the pool
 };
