@@ -66,15 +66,18 @@ opoly_columns <- function(fit, lf, x) {
   out
 }
 
+# Values of the term functions as the engine forms them (its sine and
+# cosine take pi in single precision).
 transform_values <- function(code, x, fc, power) {
   v <- x + fc
+  pi32 <- 3.1415927410125732
   switch(as.character(code),
     "-21" = ifelse(v > 0, log(pmax(v, 1e-300)), NA_real_),
     "-19" = ifelse(abs(v) > 35, NA_real_, exp(pmin(v, 35))),
     "-18" = ifelse(v < 0, NA_real_, sqrt(pmax(v, 0))),
     "-20" = ifelse(v == 0, NA_real_, 1 / v),
-    "-16" = sin(2 * pi * x / fc),
-    "-17" = cos(2 * pi * x / fc),
+    "-16" = sin(2 * pi32 * x / fc),
+    "-17" = cos(2 * pi32 * x / fc),
     "-22" = as.numeric(x > fc),
     "-23" = as.numeric(x < fc),
     "-30" = if (power %in% c(1, 2, 3)) v^power else ifelse(v < 1e-9, 0, pmax(v, 1e-9)^power))
