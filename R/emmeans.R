@@ -3,13 +3,26 @@
 # emmeans is loaded, so emmeans stays optional.
 
 # The fixed formula as the model read it (the call may hold only the name
-# of a formula).
+# of a formula).  emmeans evaluates the terms on a few records to see which
+# variables a term turns from factor to covariate or back; the formula's
+# environment gives the term functions stand-ins for that: a factor for
+# those of a factor, a number for those of a covariate.
 fixed_formula <- function(fit) {
   labels <- vapply(fit$model$fixed$terms, `[[`, "", "label")
   f <- if (length(labels)) stats::reformulate(labels, response = fit$model$response, intercept = fit$model$fixed$intercept)
        else stats::as.formula(paste(fit$model$response, if (fit$model$fixed$intercept) "~ 1" else "~ 0"))
-  environment(f) <- baseenv()
+  environment(f) <- term_standins()
   f
+}
+
+term_standins <- function() {
+  env <- new.env(parent = baseenv())
+  as_factor <- function(f, ...) factor(f)
+  as_number <- function(x, ...) as.numeric(x)
+  for (fn in c("at", "grp", "helmert", "marker")) assign(fn, as_factor, envir = env)
+  for (fn in c(names(transform_codes), "opoly")) assign(fn, as_number, envir = env)
+  assign("rec", function(...) 1, envir = env)
+  env
 }
 
 # The records the fit used, with the columns of the fixed formula.

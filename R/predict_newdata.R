@@ -213,7 +213,7 @@ fixed_null_basis <- function(fit) {
   X <- engine_fixed_matrix(fit, data)
   if (fit$model$na_design == "zero") X[is.na(X)] <- 0 else X <- X[stats::complete.cases(X), , drop = FALSE]
   if (!anyNA(fit$coefficients)) return(estimability::all.estble)
-  estimability::nonest.basis(X)
+  estimability::nonest.basis(unique(X))  # the same null space from the distinct rows
 }
 
 # The fixed part x' b of the design rows X with their variances x' V_b x;
