@@ -30,9 +30,17 @@ recover_data.tarnel <- function(object, data = NULL, params = "pi", ...) {
   trms <- stats::delete.response(stats::terms(fixed_formula(object), keep.order = TRUE))
   if (is.null(data)) data <- object$model$data[!is.na(object$model$y), , drop = FALSE]
   # Names in the formula that are not data columns (a vector of levels in
-  # at(), a matrix of scores) are parameters, not predictors.
-  params <- union(params, setdiff(all.vars(trms), names(data)))
+  # at(), a matrix of scores) are parameters, not predictors; so are quoted
+  # levels, which emmeans reads as names.
+  strs <- string_constants(attr(trms, "variables"))
+  params <- union(params, c(setdiff(all.vars(trms), names(data)), paste0("\"", strs, "\""), paste0("'", strs, "'")))
   emmeans::recover_data(object$call, trms, na.action = NULL, data = data, params = params, ...)
+}
+
+string_constants <- function(e) {
+  if (is.character(e)) return(e)
+  if (is.call(e)) return(unlist(lapply(as.list(e)[-1L], string_constants)))
+  character()
 }
 
 # The reference grid in the engine's coding of the fixed effects, with the

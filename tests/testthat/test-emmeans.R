@@ -64,6 +64,20 @@ test_that("emmeans on tarnel fits agrees with emmeans on lmer: means and standar
   fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
                   yield ~ variety * nitrogen, random = ~ block + wholeplot, data = sp)
   expect_same_emmeans(fit, m, ~ variety, at = list(nitrogen = c(0, 100)))
+  # term functions on the grid: orthonormal polynomials, a slope within one level
+  m <- suppressMessages(lme4::lmer(yield ~ variety * poly(nitrogen, 2) + (1 | block) + (1 | wholeplot), sp))
+  fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
+                  yield ~ variety * opoly(nitrogen, 2), random = ~ block + wholeplot, data = sp)
+  expect_same_emmeans(fit, m, ~ variety | nitrogen, at = list(nitrogen = c(0, 55, 120)))
+  sp$gn <- sp$nitrogen * (sp$variety == "Gold")
+  m <- suppressMessages(lme4::lmer(yield ~ variety + nitrogen + gn + (1 | block) + (1 | wholeplot), sp))
+  fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
+                  yield ~ variety + nitrogen + at(variety, "Gold"):nitrogen, random = ~ block + wholeplot, data = sp)
+  a <- suppressMessages(summary(emmeans::emmeans(fit, ~ variety, at = list(nitrogen = 100))))
+  g <- data.frame(variety = a$variety, nitrogen = 100, gn = 100 * (a$variety == "Gold"))
+  X <- model.matrix(~ variety + nitrogen + gn, g)
+  expect_rel(a$emmean, drop(X %*% lme4::fixef(m)), what = "at() means")
+  expect_rel(a$SE, sqrt(diag(X %*% as.matrix(vcov(m)) %*% t(X))), what = "at() SE")
   # unbalanced with an empty cell: the margins through it are not estimable
   m <- suppressMessages(lme4::lmer(y ~ A * B + (1 | block), ub))
   fit <- held_fit(m, c(block = "block (Intercept)"), y ~ A * B, random = ~ block, data = ub)
