@@ -148,3 +148,22 @@ test_that("the design of new data repeats the engine's, term functions included"
   Z <- fit$design[, names(fit$ranef)]
   expect_equal(ns$random_part(fit, d, "error"), drop(Z %*% fit$ranef), tolerance = 1e-10)
 })
+
+test_that("predictions for the fit's own records are its fitted values, for structured random terms too", {
+  ref <- function(case) utils::read.csv(file.path(system.file("extdata", "reference", case, package = "tarnel"), "data.csv"),
+                                        stringsAsFactors = TRUE)
+  ped <- utils::read.csv(file.path(system.file("extdata", "reference", "animal", package = "tarnel"), "pedigree.csv"))
+  ainv <- pedigree_inverse(ped)
+  oats <- transform(ref("oats"), nitro = factor(nitro))
+  field <- transform(ref("field_ar1ar1"), variety = factor(variety), rep = factor(rep))
+  fits <- list(
+    list(quiet(tarnel(y ~ sex, random = ~ cov_known(animal, ainv), data = ref("animal"))), ref("animal")),
+    list(quiet(tarnel(yield ~ nitro, random = ~ cov_diag(Variety):Block, data = oats)), oats),
+    list(quiet(tarnel(yield ~ variety, random = ~ rep, residual = ~ cov_ar1(col):cov_ar1(row), data = field)), field),
+    list(quiet(tarnel(distance ~ age + Sex, random = ~ coefs(Subject, ~ age), data = ref("orthodont_rr"))), ref("orthodont_rr")))
+  for (f in fits) {
+    expect_equal(ns$predict_newdata(f[[1]], f[[2]]), fitted(f[[1]]), tolerance = 1e-10, ignore_attr = TRUE)
+    expect_equal(ns$predict_newdata(f[[1]], f[[2]], re.form = NA), fitted(f[[1]], "fixed"), tolerance = 1e-10,
+                 ignore_attr = TRUE)
+  }
+})
