@@ -29,6 +29,9 @@ term_standins <- function() {
 recover_data.tarnel <- function(object, data = NULL, params = "pi", ...) {
   trms <- stats::delete.response(stats::terms(fixed_formula(object), keep.order = TRUE))
   if (is.null(data)) data <- object$model$data[!is.na(object$model$y), , drop = FALSE]
+  # The model reads character and logical columns as factors; so must the grid.
+  chr <- vapply(data, function(x) is.character(x) || is.logical(x), TRUE)
+  data[chr] <- lapply(data[chr], factor)
   # Names in the formula that are not data columns (a vector of levels in
   # at(), a matrix of scores) are parameters, not predictors; so are quoted
   # levels, which emmeans reads as names.

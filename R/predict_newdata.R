@@ -207,13 +207,37 @@ random_part <- function(fit, newdata, new_levels) {
 }
 
 # The null space of the fitted fixed design: the directions of the engine's
-# full coding that the data do not determine.
+# full coding that the data do not determine.  It is that of X' W X (W the
+# weights), summed over blocks of records with sparse products, so that a
+# long data set never needs its dense design at once.  Its dimension is the
+# number of coefficients the engine found aliased; those directions are the
+# eigenvectors of the smallest eigenvalues of X' W X scaled to a unit
+# diagonal.
 fixed_null_basis <- function(fit) {
-  data <- fit$model$data[!is.na(fit$model$y), , drop = FALSE]
-  X <- engine_fixed_matrix(fit, data)
-  if (fit$model$na_design == "zero") X[is.na(X)] <- 0 else X <- X[stats::complete.cases(X), , drop = FALSE]
-  if (!anyNA(fit$coefficients)) return(estimability::all.estble)
-  estimability::nonest.basis(unique(X))  # the same null space from the distinct rows
+  k <- sum(is.na(fit$coefficients))
+  if (k == 0L) return(estimability::all.estble)
+  present <- which(!is.na(fit$model$y))
+  data <- fit$model$data
+  store <- fit$model$store
+  w <- if ("weights" %in% store$keys) store$values[[match("weights", store$keys)]][, 1L] else rep(1, nrow(data))
+  p <- length(fit$coefficients)
+  XtX <- matrix(0, p, p)
+  block <- max(1000L, as.integer(4e6 %/% max(p, 1L)))
+  for (start in seq(1L, length(present), by = block)) {
+    rows <- present[start:min(length(present), start + block - 1L)]
+    X <- engine_fixed_matrix(fit, data[rows, , drop = FALSE])
+    X[is.na(X)] <- 0  # a record the engine kept had no missing design value, or it counted as 0
+    Xs <- Matrix::Matrix(X * sqrt(w[rows]), sparse = TRUE)
+    XtX <- XtX + as.matrix(Matrix::crossprod(Xs))
+  }
+  d <- sqrt(diag(XtX))
+  d[d == 0] <- 1
+  e <- eigen(XtX / outer(d, d), symmetric = TRUE)
+  small <- e$values[p - k + 1L] / max(e$values[1L], 1)
+  if (small > 1e-8 || (k < p && e$values[p - k] / max(e$values[1L], 1) < 1e-12))
+    warning(sprintf("tarnel: the %d aliased fixed effects of the fit do not match the null space of its design; estimability checks may be wrong",
+                    k), call. = FALSE)
+  qr.Q(qr(e$vectors[, p - k + seq_len(k), drop = FALSE] / d))
 }
 
 # The fixed part x' b of the design rows X with their variances x' V_b x;
@@ -245,6 +269,8 @@ fixed_part <- function(fit, X, se) {
 predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, allow.new.levels = FALSE, ...) {
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
+  extra <- names(list(...))
+  if (length(list(...))) tstop("unknown argument(s) for predictions from new data: %s", paste(extra, collapse = ", "))
   random <- if (is.null(re.form)) TRUE
             else if (identical(re.form, NA) || (inherits(re.form, "formula") && identical(re.form[[length(re.form)]], 0)))
               FALSE
