@@ -269,8 +269,11 @@ fixed_part <- function(fit, X, se) {
 predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, allow.new.levels = FALSE, ...) {
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
-  extra <- names(list(...))
-  if (length(list(...))) tstop("unknown argument(s) for predictions from new data: %s", paste(extra, collapse = ", "))
+  if (...length()) {
+    nm <- names(list(...))
+    tstop("unknown argument(s) for predictions from new data: %s",
+          if (is.null(nm)) "unnamed" else paste(ifelse(nzchar(nm), nm, "unnamed"), collapse = ", "))
+  }
   random <- if (is.null(re.form)) TRUE
             else if (identical(re.form, NA) || (inherits(re.form, "formula") && identical(re.form[[length(re.form)]], 0)))
               FALSE

@@ -90,12 +90,7 @@ test_that("emmeans on tarnel fits agrees with emmeans on lmer: means and standar
   expect_same_emmeans(fit, m, ~ C | A)
   expect_same_emmeans(fit, m, ~ A * C, nesting = NULL)  # every cell, most of them not estimable
   expect_same_emmeans(fit, m, ~ A)
-  # contrasts and tests go through emmeans' own machinery
-  pa <- suppressMessages(summary(emmeans::contrast(emmeans::emmeans(fit, ~ A), "pairwise")))
-  pb <- suppressMessages(summary(emmeans::contrast(emmeans::emmeans(m, ~ A, lmer.df = "asymptotic"), "pairwise")))
-  expect_rel(pa$estimate, pb$estimate)
-  expect_rel(pa$SE, pb$SE)
-  expect_true(all(is.infinite(pa$df)))
+  expect_true(all(is.infinite(suppressMessages(summary(emmeans::emmeans(fit, ~ A)))$df)))  # asymptotic
 })
 
 test_that("new data: predictions with and without random effects against lme4", {
