@@ -21,6 +21,12 @@ newdata_column <- function(newdata, name) {
   newdata[[name]]
 }
 
+# A covariate of new data (a column of missing values only may be logical).
+new_numeric <- function(x, name) {
+  if (!is.numeric(x) && !(is.logical(x) && all(is.na(x)))) tstop("column '%s' of 'newdata' must be numeric", name)
+  as.double(x)
+}
+
 # Level numbers of new values among the fit's levels: NA for a missing
 # value, 0 for a value the fit never saw.
 level_numbers <- function(x, levels, known = FALSE) {
@@ -93,8 +99,7 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
   name <- leaf_column(lf)
   x <- newdata_column(newdata, name)
   if (code %in% unlist(transform_codes)) {
-    if (!is.numeric(x)) tstop("column '%s' of 'newdata' must be numeric", name)
-    return(matrix(transform_values(code, as.double(x), lf$faconst, lf$c / 1000), n, 1L))
+    return(matrix(transform_values(code, new_numeric(x, name), lf$faconst, lf$c / 1000), n, 1L))
   }
   if (code == -37L) {
     k <- level_numbers(x, fit_levels(fit, name))
@@ -103,8 +108,7 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
     return(indicators(as.integer(g), lf$flev))
   }
   if (startsWith(lf$key, "opoly(")) {
-    if (!is.numeric(x)) tstop("column '%s' of 'newdata' must be numeric", name)
-    return(opoly_columns(fit, lf, as.double(x)))
+    return(opoly_columns(fit, lf, new_numeric(x, name)))
   }
   if (lf$c == -29L) {
     lev <- fit_levels(fit, name)
@@ -116,8 +120,7 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
     return(unname(m))
   }
   if (lf$flev == 1L && identical(lf$labels, lf$key) && is.numeric(fit$model$data[[lf$key]])) {
-    if (!is.numeric(x)) tstop("column '%s' of 'newdata' must be numeric", name)
-    return(matrix(as.double(x), n, 1L))
+    return(matrix(new_numeric(x, name), n, 1L))
   }
   # A factor: its levels are the leaf's labels less the column name.
   if (!all(startsWith(lf$labels, name))) tstop("cannot read the levels of the model term '%s'", lf$key)
