@@ -1,0 +1,296 @@
+# Linear predictors for new records: the fixed-effect design rebuilt in R
+# for new data, in the engine's own coding (an indicator column for every
+# level of every factor and every interaction cell, in the order of the
+# fixed equations), and the random-effect design of the fitted terms.
+
+# The data column a leaf of the term table reads.
+leaf_column <- function(lf) {
+  e <- str2lang(lf$key)
+  if (is.name(e)) return(as.character(e))
+  args <- call_args(e)
+  nm <- names(args)
+  hit <- which(nm %in% c("f", "x", "id"))
+  first <- if (length(hit)) args[[hit[1L]]] else if (any(nm == "")) args[[which(nm == "")[1L]]] else NULL
+  if (!is.name(first)) tstop("cannot find the data column of the model term '%s'", lf$key)
+  as.character(first)
+}
+
+# The values of a column of new data, with a clear error when it is absent.
+newdata_column <- function(newdata, name) {
+  if (!name %in% names(newdata)) tstop("'newdata' has no column '%s', which the model uses", name)
+  newdata[[name]]
+}
+
+# A covariate of new data (a column of missing values only may be logical).
+new_numeric <- function(x, name) {
+  if (!is.numeric(x) && !(is.logical(x) && all(is.na(x)))) tstop("column '%s' of 'newdata' must be numeric", name)
+  as.double(x)
+}
+
+# Level numbers of new values among the fit's levels: NA for a missing
+# value, 0 for a value the fit never saw.
+level_numbers <- function(x, levels, known = FALSE) {
+  miss <- is.na(x)
+  if (is.numeric(x)) {
+    x <- if (known) ifelse(is.finite(x) & x == round(x), sprintf("%.0f", x), as.character(x)) else as.character(x)
+  } else {
+    x <- as.character(x)
+  }
+  k <- match(x, levels)
+  k[is.na(k)] <- 0L
+  k[miss] <- NA_integer_
+  k
+}
+
+# An indicator matrix of level numbers (0 gives a row of zeros, NA a row of
+# NA).
+indicators <- function(k, nlev) {
+  m <- matrix(0, length(k), nlev)
+  ok <- !is.na(k) & k > 0L
+  m[cbind(which(ok), k[ok])] <- 1
+  m[is.na(k), ] <- NA
+  m
+}
+
+# The fit's levels of a factor column, as the model read them.
+fit_levels <- function(fit, name) levels(as_model_factor(fit$model$data, name))
+
+# Orthonormal polynomial scores at new values: the fitted scores are
+# polynomials of the stated degree in x, so they are an exact linear map of
+# any other polynomial basis of that degree, found on the fitted records.
+opoly_columns <- function(fit, lf, x) {
+  name <- leaf_column(lf)
+  x0 <- fit$model$data[[name]]
+  S <- fit$model$store$values[[match(lf$key, fit$model$store$keys)]]
+  ok <- !is.na(x0)
+  S <- S[ok, , drop = FALSE]
+  basis <- stats::poly(x0[ok], degree = lf$flev)
+  A <- qr.solve(cbind(1, basis), S)
+  out <- matrix(NA_real_, length(x), lf$flev)
+  ok <- !is.na(x)
+  out[ok, ] <- cbind(1, stats::predict(basis, x[ok])) %*% A
+  out
+}
+
+# Values of the term functions as the engine forms them (its sine and
+# cosine take pi in single precision).
+transform_values <- function(code, x, fc, power) {
+  v <- x + fc
+  pi32 <- 3.1415927410125732
+  switch(as.character(code),
+    "-21" = ifelse(v > 0, log(pmax(v, 1e-300)), NA_real_),
+    "-19" = ifelse(abs(v) > 35, NA_real_, exp(pmin(v, 35))),
+    "-18" = ifelse(v < 0, NA_real_, sqrt(pmax(v, 0))),
+    "-20" = ifelse(v == 0, NA_real_, 1 / v),
+    "-16" = sin(2 * pi32 * x / fc),
+    "-17" = cos(2 * pi32 * x / fc),
+    "-22" = as.numeric(x > fc),
+    "-23" = as.numeric(x < fc),
+    "-30" = if (power %in% c(1, 2, 3)) v^power else ifelse(v < 1e-9, 0, pmax(v, 1e-9)^power))
+}
+
+# The columns of one leaf for new data.  `new_levels` says what an unseen
+# level of a factor gives: "error" or "zero".
+leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
+  n <- nrow(newdata)
+  code <- lf$code
+  if (code == -9L) tstop("rec() terms cannot be formed for new data")
+  if (code == -38L) tstop("predictions for new data with marker() terms are not available yet")
+  name <- leaf_column(lf)
+  x <- newdata_column(newdata, name)
+  if (code %in% unlist(transform_codes)) {
+    return(matrix(transform_values(code, new_numeric(x, name), lf$faconst, lf$c / 1000), n, 1L))
+  }
+  if (code == -37L) {
+    k <- level_numbers(x, fit_levels(fit, name))
+    unseen_levels(k, x, name, what, new_levels)
+    g <- c(0, lf$jtable)[ifelse(is.na(k), NA, k + 1L)]
+    return(indicators(as.integer(g), lf$flev))
+  }
+  if (startsWith(lf$key, "opoly(")) {
+    return(opoly_columns(fit, lf, new_numeric(x, name)))
+  }
+  if (lf$c == -29L) {
+    lev <- fit_levels(fit, name)
+    k <- level_numbers(x, lev)
+    unseen_levels(k, x, name, what, new_levels)
+    H <- rbind(0, stats::contr.helmert(length(lev)))
+    m <- H[ifelse(is.na(k), 1L, k + 1L), , drop = FALSE]
+    m[is.na(k), ] <- NA
+    return(unname(m))
+  }
+  if (lf$flev == 1L && identical(lf$labels, lf$key) && is.numeric(fit$model$data[[lf$key]])) {
+    return(matrix(new_numeric(x, name), n, 1L))
+  }
+  # A factor: its levels are the leaf's labels less the column name.
+  if (!all(startsWith(lf$labels, name))) tstop("cannot read the levels of the model term '%s'", lf$key)
+  lev <- substring(lf$labels, nchar(name) + 1L)
+  k <- level_numbers(x, lev, known = startsWith(lf$key, "cov_known("))
+  unseen_levels(k, x, name, what, new_levels)
+  indicators(k, lf$flev)
+}
+
+unseen_levels <- function(k, x, name, what, new_levels) {
+  bad <- !is.na(k) & k == 0L
+  if (any(bad) && new_levels == "error") {
+    v <- unique(as.character(x[bad]))
+    tstop("'newdata' has level(s) of '%s' that the fit did not see (%s)%s: %s", name, what,
+          if (what == "random") "; allow.new.levels = TRUE predicts them at 0" else "",
+          paste(utils::head(v, 5L), collapse = ", "))
+  }
+  invisible(bad)
+}
+
+# Row-wise direct product, the columns of b running fastest (the order of
+# the engine's interaction equations).
+row_kronecker <- function(a, b) {
+  a[, rep(seq_len(ncol(a)), each = ncol(b)), drop = FALSE] * b[, rep(seq_len(ncol(b)), ncol(a)), drop = FALSE]
+}
+
+# The design columns of one parsed term for new data: a list of matrices,
+# one a model position (a term with at() has one a level).
+term_matrices <- function(fit, term, newdata, new_levels, what) {
+  isat <- vapply(term$vars, function(v) identical(v$kind, "at"), TRUE)
+  rest <- NULL
+  for (v in term$vars[!isat]) {
+    m <- leaf_matrix(fit, v, newdata, new_levels, what)
+    rest <- if (is.null(rest)) m else row_kronecker(rest, m)
+  }
+  if (!any(isat)) return(list(rest))
+  at <- term$vars[[which(isat)]]
+  name <- leaf_column(at$factor)
+  lev <- substring(at$factor$labels, nchar(name) + 1L)
+  k <- level_numbers(newdata_column(newdata, name), lev)
+  lapply(at$levels, function(l) {
+    ind <- matrix(as.numeric(k == l), ncol = 1L)
+    if (is.null(rest)) ind else row_kronecker(ind, rest)
+  })
+}
+
+#' @noRd
+# The fixed-effect design of new records in the engine's basis: one column
+# a fixed equation except the missing-value ones, named and ordered as
+# coef(fit).  Rows with a missing value in a column they need are NA.
+engine_fixed_matrix <- function(fit, newdata) {
+  if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
+  n <- nrow(newdata)
+  cols <- list()
+  if (fit$model$fixed$intercept) cols[[1L]] <- matrix(1, n, 1L)
+  for (term in fit$model$fixed$terms)
+    cols <- c(cols, term_matrices(fit, term, newdata, "error", "fixed"))
+  X <- if (length(cols)) do.call(cbind, cols) else matrix(0, n, 0L)
+  lab <- fit$table$labels
+  nfe <- sum(fit$table$position_levels[fit$table$fixed_positions])
+  fe <- lab[seq_len(nfe)]
+  fe <- fe[!grepl("^\\(missing\\)", fe)]
+  if (ncol(X) != length(fe)) tstop("internal: %d fixed-effect columns formed for new data where the fit has %d", ncol(X), length(fe))
+  colnames(X) <- fe
+  X[, names(fit$coefficients), drop = FALSE]
+}
+
+# The random-effect part Z u of new records, term by term.  Unseen levels
+# give 0 when `new_levels` is "zero".
+random_part <- function(fit, newdata, new_levels) {
+  n <- nrow(newdata)
+  zu <- numeric(n)
+  if (is.null(fit$model$random)) return(zu)
+  tab <- fit$table
+  ends <- cumsum(tab$position_levels)
+  nfe <- sum(tab$position_levels[tab$fixed_positions])
+  for (t in seq_along(fit$model$random$terms)) {
+    mats <- term_matrices(fit, fit$model$random$terms[[t]], newdata, new_levels, "random")
+    pos <- tab$random_positions[[t]]
+    for (j in seq_along(mats)) {
+      p <- pos[j]
+      u <- fit$ranef[(ends[p] - tab$position_levels[p] + 1L):ends[p] - nfe]
+      zu <- zu + drop(mats[[j]] %*% u)
+    }
+  }
+  zu
+}
+
+# The null space of the fitted fixed design: the directions of the engine's
+# full coding that the data do not determine.  It is that of X' W X (W the
+# weights), summed over blocks of records with sparse products, so that a
+# long data set never needs its dense design at once.  Its dimension is the
+# number of coefficients the engine found aliased; those directions are the
+# eigenvectors of the smallest eigenvalues of X' W X scaled to a unit
+# diagonal.
+fixed_null_basis <- function(fit) {
+  k <- sum(is.na(fit$coefficients))
+  if (k == 0L) return(estimability::all.estble)
+  present <- which(!is.na(fit$model$y))
+  data <- fit$model$data
+  store <- fit$model$store
+  w <- if ("weights" %in% store$keys) store$values[[match("weights", store$keys)]][, 1L] else rep(1, nrow(data))
+  p <- length(fit$coefficients)
+  XtX <- matrix(0, p, p)
+  block <- max(1000L, as.integer(4e6 %/% max(p, 1L)))
+  for (start in seq(1L, length(present), by = block)) {
+    rows <- present[start:min(length(present), start + block - 1L)]
+    X <- engine_fixed_matrix(fit, data[rows, , drop = FALSE])
+    X[is.na(X)] <- 0  # a record the engine kept had no missing design value, or it counted as 0
+    Xs <- Matrix::Matrix(X * sqrt(w[rows]), sparse = TRUE)
+    XtX <- XtX + as.matrix(Matrix::crossprod(Xs))
+  }
+  d <- sqrt(diag(XtX))
+  d[d == 0] <- 1
+  e <- eigen(XtX / outer(d, d), symmetric = TRUE)
+  small <- e$values[p - k + 1L] / max(e$values[1L], 1)
+  if (small > 1e-8 || (k < p && e$values[p - k] / max(e$values[1L], 1) < 1e-12))
+    warning(sprintf("tarnel: the %d aliased fixed effects of the fit do not match the null space of its design; estimability checks may be wrong",
+                    k), call. = FALSE)
+  qr.Q(qr(e$vectors[, p - k + seq_len(k), drop = FALSE] / d))
+}
+
+# The fixed part x' b of the design rows X with their variances x' V_b x;
+# rows that are not estimable are NA.
+fixed_part <- function(fit, X, se) {
+  b <- fit$coefficients
+  ok <- !is.na(b)
+  est <- rep(TRUE, nrow(X))
+  if (!all(ok)) {
+    if (!requireNamespace("estimability", quietly = TRUE))
+      tstop("the fit has aliased fixed effects; checking estimability needs the package 'estimability'")
+    cc <- stats::complete.cases(X)
+    est[cc] <- estimability::is.estble(X[cc, , drop = FALSE], fixed_null_basis(fit))
+  }
+  Xk <- X[, ok, drop = FALSE]
+  fit_ <- drop(Xk %*% b[ok])
+  fit_[!est] <- NA
+  out <- list(fit = fit_, est = est)
+  if (se) {
+    V <- fit$vcov[names(b)[ok], names(b)[ok], drop = FALSE]
+    s <- sqrt(pmax(rowSums((Xk %*% V) * Xk), 0))
+    s[!est] <- NA
+    out$se <- s
+  }
+  out
+}
+
+#' @noRd
+predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, allow.new.levels = FALSE, ...) {
+  if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
+  if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
+  if (...length()) {
+    nm <- names(list(...))
+    tstop("unknown argument(s) for predictions from new data: %s",
+          if (is.null(nm)) "unnamed" else paste(ifelse(nzchar(nm), nm, "unnamed"), collapse = ", "))
+  }
+  random <- if (is.null(re.form)) TRUE
+            else if (identical(re.form, NA) || (inherits(re.form, "formula") && identical(re.form[[length(re.form)]], 0)))
+              FALSE
+            else tstop("'re.form' must be NULL (all random terms) or NA or ~0 (none); a subset of random terms is not available yet")
+  if (!is.logical(allow.new.levels) || length(allow.new.levels) != 1L || is.na(allow.new.levels))
+    tstop("'allow.new.levels' must be TRUE or FALSE")
+  X <- engine_fixed_matrix(object, newdata)
+  fp <- fixed_part(object, X, isTRUE(se.fit))
+  if (any(!fp$est))
+    warning(sprintf("tarnel: %d row(s) of 'newdata' ask for fixed effects the data do not estimate; their predictions are NA",
+                    sum(!fp$est)), call. = FALSE)
+  pred <- fp$fit
+  if (random) pred <- pred + random_part(object, newdata, if (allow.new.levels) "zero" else "error")
+  names(pred) <- rownames(newdata)
+  if (!isTRUE(se.fit)) return(pred)
+  list(fit = pred, se.fit = setNames(fp$se, rownames(newdata)))
+}
