@@ -11,6 +11,7 @@
 #include "average_info/average_info.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "prediction/prediction.h"
 
 namespace tarnel {
 
@@ -104,11 +105,9 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
   // 18.
   set_errtxt(a, "LogLikelihood not converged");
   if (*o.maxiter == 1) set_errtxt(a, "");
-  // Prediction and tests of fixed effects come with their own work.
-  if (a.predict.npred != nullptr && *a.predict.npred > 0) {
-    vprt("Prediction is not available in this version: the request is ignored\n");
-    *a.predict.npred = 0;
-  }
+  // Prediction tables are set up before the first iteration.
+  if (prediction_setup(a)) return;
+  const bool predicting = a.predict.npred != nullptr && *a.predict.npred > 0;
   if (o.ddf) *o.ddf = 0;
   if (o.typeiii) *o.typeiii = 0;
 
@@ -162,6 +161,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
     ++iter;
     const bool last = iter >= *o.maxiter;
     if (last) aiopt_set(o, 51, 1);
+    aiopt_set(o, 19, last && predicting ? 1 : 0);
     const double llfloor = lastll - 10.0;
     aiopt_set(o, 0, (o.debug != 0 && iter <= 2) ? 1 : 0);
     aiopt_set(o, 4, 0);
@@ -277,6 +277,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
       ci.quick = aiopt_at(o, 32);
       ci.aicond = aiopt_at(o, 36);
       ci.maxiter = *o.maxiter;
+      ci.predict = predicting;
       const ConvergenceResult cr = convergence_test(ci, cs);
       if (cr.converged) {
         set_errtxt(a, "LogLikelihood Converged");
@@ -328,6 +329,7 @@ void run_iterations(AiControlArgs& a, const DesignLayout& layout, i64 floor) {
         s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
     airhat(a, it, hs);
+    prediction_finish(a);
   }
   if (aborted && nofit > 0) {
     st.ifault = nofit;

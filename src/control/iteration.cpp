@@ -11,6 +11,7 @@
 #include "average_info/average_info.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "prediction/prediction.h"
 #include "sparse/row_store.h"
 
 namespace tarnel {
@@ -535,6 +536,13 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   const double last = optvec_at(o, 11);
   optvec_set(o, 17, iter > 1 ? ll - last : 0.0);
   optvec_set(o, 11, ll);
+
+  // Predictions, while the factor of C is still in the store.
+  if (aiopt_at(o, 19) > 0) {
+    PraArgs pr{&ms, pool, span<const i32>(iw.data(), iw.size()), span<const double>(dd, neq),
+               span<const double>(a.results.soln.data(), neq), st.profiled ? sigma2 : 1.0, trace};
+    if (prediction_accumulate(a, pr, nfault)) return 1;
+  }
 
   // Working variates, AI, sparse inverse and scores.
   std::fill(st.ai.begin(), st.ai.end(), 0.0);

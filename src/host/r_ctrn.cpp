@@ -243,7 +243,7 @@ void unpack(CtrnInput& in, std::vector<const char*>& names, SEXP datafr, SEXP ia
   writable_arg(aiopt, "aiopt");
   writable(inter, "neq", "inter");
   for (const char* n : {"gammas", "tgamma", "gmcstr", "nfrstg"}) writable(struc, n, "struc");
-  writable(predict, "npred", "predict");
+  for (const char* n : {"npred", "pvals", "prdvals", "vpvmat", "avsed", "pvtext"}) writable(predict, n, "predict");
   for (const char* n : {"maxiter", "stepsize"}) writable(control, n, "control");
   for (const char* n : {"prvgam", "score", "loglik", "soln", "vsoln", "resid", "linearPredictors", "hat",
                         "sigma2", "deviance", "nedf", "nwv", "noeff", "nsing", "ai", "yssqu", "Cfixed",
