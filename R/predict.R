@@ -353,12 +353,18 @@ plot.tarnel_prediction <- function(x, level = 0.95, xlab = NULL, ylab = "predict
   hi <- df$predicted.value + q * df$std.error
   lab <- if (length(cn)) do.call(paste, c(unname(as.list(df[cn])), sep = ":")) else "overall"
   group <- if (length(cn) >= 2L) as.integer(factor(df[[cn[1L]]])) else rep(1L, n)
-  yr <- range(c(lo, hi), na.rm = TRUE)
+  yr <- range(c(lo, hi, df$predicted.value), na.rm = TRUE)
   if (!all(is.finite(yr))) yr <- c(0, 1)
+  # Upright labels when there are many cells, with room below for them.
+  upright <- n > 6L
+  bottom <- if (upright) min(20, 1.5 + 0.36 * max(nchar(lab))) else 4
+  old <- graphics::par(mar = c(bottom + 1, 4.1, 4.1, 2.1))
+  on.exit(graphics::par(old))
   graphics::plot(seq_len(n), df$predicted.value, ylim = yr, xaxt = "n", pch = 19, col = group,
-                 xlab = if (is.null(xlab)) paste(cn, collapse = ":") else xlab, ylab = ylab,
+                 xlab = "", ylab = ylab, xlim = c(0.5, n + 0.5),
                  main = if (is.null(main)) sprintf("Predicted values with %g%% intervals", 100 * level) else main, ...)
-  graphics::axis(1, at = seq_len(n), labels = lab, las = if (n > 6L) 2L else 1L, cex.axis = 0.8)
+  graphics::axis(1, at = seq_len(n), labels = lab, las = if (upright) 2L else 1L, cex.axis = 0.8)
+  graphics::title(xlab = if (is.null(xlab)) paste(cn, collapse = ":") else xlab, line = bottom)
   ok <- is.finite(lo) & is.finite(hi) & hi > lo
   if (any(ok)) graphics::arrows(which(ok), lo[ok], which(ok), hi[ok], angle = 90, code = 3, length = 0.04, col = group[ok])
   if (any(df$status != "estimable"))
