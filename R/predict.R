@@ -29,6 +29,10 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
     if (v$kind == 1L && !any(vapply(tabs, function(t) nm %in% t$cnames, TRUE)))
       pstop("'at' gives levels of factor '%s', which is not in the classify set", nm)
   }
+  big <- vapply(tabs, `[[`, 1L, "n") > max_full_table
+  if (any(big) && (isTRUE(sed) || isTRUE(vcov)))
+    pstop("the table '%s' has %d cells: SED and variance matrices are formed for tables of at most %d cells",
+          tabs[[which(big)[1L]]]$cls, tabs[[which(big)[1L]]]$n, max_full_table)
   out <- pred_run(object, pm, tabs)
   res <- lapply(seq_along(tabs), function(k) pred_result(out, pm, tabs[[k]], k, sed, vcov))
   if (length(res) == 1L) return(res[[1L]])
@@ -37,6 +41,10 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
 }
 
 pstop <- function(...) stop(paste("tarnel: predict:", sprintf(...)), call. = FALSE)
+
+# Tables of more cells get their variances only: no covariances, SEDs or
+# average SEDs (the variance matrix would take n^2/2 words).
+max_full_table <- 5000L
 
 # The model's variables (factors and covariates that are leaves of the term
 # table), the term of each, and the variables each model position crosses.
@@ -206,8 +214,8 @@ pred_request <- function(pm, tabs) {
       cl <- c(cl, tb$cv[j], tb$counts[j], as.integer(pos))
     }
     ivals <- c(ivals, tb$role, vp, cl, lists_i)
-    keep <- tb$n <= 3000L
-    h <- c(length(tb$cv), tb$n, block, 0L, first, if (keep) as.integer(mats) else -1L)
+    keep <- tb$n <= max_full_table
+    h <- c(length(tb$cv), tb$n, block, 0L, first, if (keep) as.integer(mats) else -1L, if (keep) 0L else 1L)
     nptabl[16L * (t - 1L) + seq_along(h)] <- h
     if (keep) mats <- mats + tb$n * (tb$n + 1)
     first <- first + tb$n
@@ -237,7 +245,7 @@ pred_run <- function(fit, pm, tabs) {
   nr <- sum(vapply(tabs, `[[`, 1L, "n"))
   neq <- as.double(table$inter$neq)
   neqd <- as.double(table$inter$neqd)
-  mats <- sum(vapply(tabs, function(t) if (t$n <= 3000L) t$n * (t$n + 1) else 0, 1))
+  mats <- sum(vapply(tabs, function(t) if (t$n <= max_full_table) t$n * (t$n + 1) else 0, 1))
   pws <- ceiling(4 * (11 * neq + 3000) + 8 * nr + mats + 2 * nr * (neqd + 50) + 6 * neq + 1e4)
   repeat {
     args <- ctrn_args(model, table, struc, keep_design = FALSE, control = control, workspace = ws,

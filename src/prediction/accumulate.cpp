@@ -46,8 +46,9 @@ inline i64 packed_row_start(const MmeStore& st, i64 off, i32 p) {
 }
 
 // Adds the products of one position's chain into the V blocks of its tables.
+// A table of variances only keeps the diagonal.
 void add_products(const PredNodes& s, i64 head, double d, span<const i32> tabof, span<const i64> vbase,
-                  span<const i32> tfirst, double* v) {
+                  span<const i32> tfirst, span<const i32> tdiag, double* v) {
   i64 seg = head;
   i32 segtab = -1;
   for (i64 a = head; a > 0; a = s.lnk(a)) {
@@ -59,6 +60,10 @@ void add_products(const PredNodes& s, i64 head, double d, span<const i32> tabof,
     }
     const i64 ia = ra - tfirst[t] + 1;
     const double da = d * s.val(a);
+    if (tdiag[t]) {
+      v[vbase[t] + ia - 1] += da * s.val(a);
+      continue;
+    }
     double* row = v + vbase[t] + ia * (ia - 1) / 2;
     for (i64 b = seg;; b = s.lnk(b)) {
       row[s.col(b) - 1 - tfirst[t]] += da * s.val(b);
@@ -151,6 +156,7 @@ int g5vpra(AiControlArgs& a, const PraArgs& r, int& nfault) {
   i32* tail = ints(neq + 1);
   i32* tabof = ints(nr);
   i32* tfirst = ints(ntab);
+  i32* tdiag = ints(ntab);
   i64* vbase = reinterpret_cast<i64*>(xp.r + at);
   at += ntab;
   PredNodes s;
@@ -167,8 +173,9 @@ int g5vpra(AiControlArgs& a, const PraArgs& r, int& nfault) {
   for (i64 t = 0; t < ntab; ++t) {
     const TableHeader h = table_header(a.predict, static_cast<int>(t));
     tfirst[t] = h.first;
+    tdiag[t] = h.diag ? 1 : 0;
     vbase[t] = vb;
-    vb += static_cast<i64>(h.n) * (h.n + 1) / 2;
+    vb += h.vwords();
     for (int k = 0; k < h.n; ++k) tabof[h.first + k] = static_cast<i32>(t);
   }
   double* v = xp.r + L.vmat;
@@ -229,7 +236,7 @@ int g5vpra(AiControlArgs& a, const PraArgs& r, int& nfault) {
     }
     const double d = r.dd[p - 1];
     add_products(s, p, d, span<const i32>(tabof, nr), span<const i64>(vbase, ntab),
-                 span<const i32>(tfirst, ntab), v);
+                 span<const i32>(tfirst, ntab), span<const i32>(tdiag, ntab), v);
     int full = 0;
     if (p <= st.ndense) {
       for (i32 c = 2; c < p && !full; ++c) {

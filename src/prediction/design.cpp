@@ -58,6 +58,7 @@ TableHeader table_header(const AiPredict& p, int t) {
   h.block = p.nptabl[b + 2];
   h.first = p.nptabl[b + 4];
   h.mats = p.nptabl[b + 5];
+  h.diag = p.nptabl[b + 6] == 1;
   return h;
 }
 

@@ -23,6 +23,8 @@
 //            [2] start of the table's block in ivals
 //            [4] first row of the table among all rows
 //            [5] start of the table's matrices in vpvmat (-1: none)
+//            [6] 1: variances only (no covariances, SEDs or average SEDs),
+//                for tables too large for their variance matrix
 //  ivals    a table's block: nv role words (0 default, 1 classify,
 //           2 averaged explicitly, 3 PRESENT, 4 associated, 5 ignored), nv
 //           value words (factor: position in pvals of its level weights,
@@ -83,6 +85,9 @@ struct PredictionLayout {
 // One table's header, read from nptabl.
 struct TableHeader {
   int nc = 0, n = 0, block = 0, first = 0, mats = -1;
+  bool diag = false;  // variances only
+  // Words of the table's V block: packed lower triangle, or the diagonal.
+  i64 vwords() const { return diag ? n : static_cast<i64>(n) * (n + 1) / 2; }
 };
 TableHeader table_header(const AiPredict& p, int t);
 

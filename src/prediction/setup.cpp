@@ -292,7 +292,7 @@ int g5vprd(AiControlArgs& a) {
     const TableHeader& h = req[t].h;
     if (h.first != nr) errors += pred_error("Internal error: Aborting predict");
     nr += h.n;
-    vlen += static_cast<i64>(h.n) * (h.n + 1) / 2;
+    vlen += h.vwords();
     for (const PredPosition& pp : m.pos)
       if (pp.kind == 3 && !pp.random)
         errors += pred_error("[predict " + std::to_string(t + 1) + "] Internal error: Invalid PREDICT design for value " + pp.name);
@@ -304,6 +304,7 @@ int g5vprd(AiControlArgs& a) {
     return pred_error("Internal error: Aborting predict");
   for (int t = 0; t < ntab; ++t) {
     const TableHeader& h = req[t].h;
+    if (h.mats >= 0 && h.diag) return pred_error("Internal error: Aborting predict");
     if (h.mats >= 0 && static_cast<std::size_t>(h.mats) + static_cast<std::size_t>(h.n) * (h.n + 1) > p.vpvmat.size())
       return pred_error("Internal error: Aborting predict");
   }

@@ -239,13 +239,13 @@ void aipvals(AiControlArgs& a) {
     }
     const int n = r.h.n;
     const double* v = xp.r + L.vmat + vb;
-    vb += static_cast<i64>(n) * (n + 1) / 2;
+    vb += r.h.vwords();
     std::vector<int> est(n);
     std::vector<int> empty, aliased;
     bool negative = false;
     for (int i = 0; i < n; ++i) {
       const i64 g = r.h.first + i;
-      const double var = v[packed(i + 1, i + 1)];
+      const double var = r.h.diag ? v[i] : v[packed(i + 1, i + 1)];
       const bool ok = xp.r[L.flag + g] == 0.0 && var > 0.0;
       negative = negative || (xp.r[L.flag + g] == 0.0 && var < 0.0);
       est[i] = ok ? 1 : 0;
@@ -276,8 +276,11 @@ void aipvals(AiControlArgs& a) {
           vm[packed(i, j)] = est[i - 1] && est[j - 1] ? v[packed(i, j)] : kMissing;
       sed = span<double>(vm + np, np);
     }
-    g5vsed(n, c, span<const double>(v, static_cast<std::size_t>(n) * (n + 1) / 2), est, sed,
-           p.avsed.subspan(10 * static_cast<std::size_t>(t), 10));
+    span<double> av = p.avsed.subspan(10 * static_cast<std::size_t>(t), 10);
+    if (r.h.diag)
+      std::fill(av.begin(), av.end(), kMissing);
+    else
+      g5vsed(n, c, span<const double>(v, static_cast<std::size_t>(n) * (n + 1) / 2), est, sed, av);
     char* slot = p.pvtext.data() + kReportSlot * t;
     slot[0] = '\0';
     report_sets(a, m, r, slot, xp.r[L.zeroterms + t]);

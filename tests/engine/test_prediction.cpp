@@ -91,8 +91,10 @@ struct PraRun {
   int npred = 1;
   AiControlArgs a;
   PredictionLayout L;
-  PraRun(int neq, const std::vector<std::vector<double>>& rows) : xp(200000, 0.0), nptabl(16, 0) {
+  PraRun(int neq, const std::vector<std::vector<double>>& rows, bool diag = false)
+      : xp(200000, 0.0), nptabl(16, 0) {
     const int nr = static_cast<int>(rows.size());
+    nptabl[6] = diag ? 1 : 0;
     a.work.xp = WorkArray(xp.data(), xp.size());
     a.predict.npred = &npred;
     a.predict.nptabl = span<int>(nptabl.data(), nptabl.size());
@@ -107,7 +109,7 @@ struct PraRun {
     L.flag = L.value + nr;
     L.zeroterms = L.flag + nr;
     L.vmat = L.zeroterms + 1;
-    L.vlen = static_cast<i64>(nr) * (nr + 1) / 2;
+    L.vlen = diag ? nr : static_cast<i64>(nr) * (nr + 1) / 2;
     xp[L.vmat + L.vlen] = kRowsMark;
     L.entries = L.vmat + L.vlen + 1;
     i64* rs = reinterpret_cast<i64*>(xp.data() + L.rowstart);
@@ -181,6 +183,10 @@ TEST(Prediction, VariancesFromTheFactorMatchADenseInverse) {
     PraArgs r{&st.s, st.off(), ab.iw, ab.dd, ab.soln, 2.5, false};
     int nf = 0;
     ASSERT_EQ(g5vpra(run.a, r, nf), 0);
+    // A table of variances only gets the same diagonal.
+    PraRun diag(neq, rows, true);
+    ASSERT_EQ(g5vpra(diag.a, r, nf), 0);
+    for (int i = 0; i < 5; ++i) EXPECT_NEAR(diag.xp[diag.L.vmat + i], run.v(i + 1, i + 1), 1e-12);
     std::vector<int> keep;
     for (int e = 2; e <= neq; ++e) keep.push_back(e);
     auto ci = dense_inverse(d.c, keep);
