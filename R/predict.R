@@ -124,13 +124,16 @@ pred_table <- function(cls, pm, average, present, associate, weights, at, severa
   set_role(average, 2L, "average", factor_only = FALSE)
   set_role(present, 3L, "present")
   set_role(associate, 4L, "associate")
-  # A PRESENT or associated factor is averaged within the classify cells:
-  # it must occur in a model term together with a classify factor.
+  # A PRESENT or associated factor is averaged within the cells of the
+  # classify factors, over the levels found with them in the data: there
+  # must be classify factors, and a term of the prediction that uses it
+  # (fixed terms; random terms too for an associated factor).
   for (k in which(role %in% c(3L, 4L))) {
-    crosses <- any(vapply(pm$positions, function(p) k %in% p$vars && any(cv %in% p$vars), TRUE))
-    if (!length(cv) || !crosses)
-      pstop("the present set ('%s') does not cross the classify set ('%s'): no model term holds both",
-            pm$names[k], if (length(cv)) cls else "empty")
+    used <- any(vapply(pm$positions, function(p) k %in% p$vars && (!p$random || role[k] == 4L), TRUE))
+    if (!any(vapply(pm$vars[cv], `[[`, 1L, "kind") == 1L) || !used)
+      pstop("the present set ('%s') does not cross the classify set ('%s'): %s", pm$names[k],
+            if (length(cv)) cls else "empty",
+            if (used) "the classify set has no factor" else "no term of the prediction uses it")
   }
   lists <- lapply(cv, function(k) {
     v <- pm$vars[[k]]

@@ -72,6 +72,58 @@ void add_products(const PredNodes& s, i64 head, double d, span<const i32> tabof,
   }
 }
 
+// Puts each row's entries into the chains of their positions (rows come
+// in ascending order, so each entry goes behind the chain's tail) and
+// forms the predicted values.  Returns 1 when the store runs out of nodes.
+int load_rows(const WorkArray& xp, const PredictionLayout& L, PredNodes& s, const i32* pos, i32* tail,
+              span<const double> soln, i32 neq) {
+  const i64* rowstart = reinterpret_cast<const i64*>(xp.r + L.rowstart);
+  for (i64 i = 0; i < L.nrows; ++i) {
+    double val = 0;
+    for (i64 k = rowstart[i]; k < rowstart[i + 1]; ++k) {
+      const i64 w = L.entries + 2 * k;
+      const i32 e = xp.i[2 * w];
+      const double c = xp.r[w + 1];
+      if (e < 1 || e > neq || pos[e] < 1) continue;
+      val += c * soln[e - 1];
+      const i32 p = pos[e];
+      i64 m = p;
+      if (s.col(p) != 0) {
+        m = take(s);
+        if (m == 0) return 1;
+        s.lnk(tail[p]) = static_cast<i32>(m);
+      }
+      s.col(m) = static_cast<i32>(i + 1);
+      s.val(m) = c;
+      s.lnk(m) = 0;
+      tail[p] = static_cast<i32>(m);
+    }
+    xp.r[L.value + i] = val;
+  }
+  return 0;
+}
+
+// y(c) -= m_p(c) y(p) for the columns c of factor row p, with the
+// multipliers m_p(c) = a(p,c) DD(p).  Returns 1 when the store is full.
+int eliminate(PredNodes& s, const MmeStore& st, i64 off, i32 p, double d) {
+  if (p <= st.ndense) {
+    for (i32 c = 2; c < p; ++c) {
+      const double x = st.dense(p, c);
+      if (x != 0.0 && g5vprv(s, c, -x * d, p)) return 1;
+    }
+    return 0;
+  }
+  const Pool pl = st.pool();
+  i64 sl = packed_row_start(st, off, p);
+  for (i32 steps = 0; sl >= 1 && sl <= pl.nval && steps <= p; --sl, ++steps) {
+    const i32 c = pl.col(sl);
+    if (c == p || c < 1 || c > p) break;
+    const double x = pl.val(sl);
+    if (c >= 2 && x != 0.0 && g5vprv(s, c, -x * d, p)) return 1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int g5vprv(PredNodes& s, i64 head, double scale, i64 src) {
@@ -188,40 +240,12 @@ int g5vpra(AiControlArgs& a, const PraArgs& r, int& nfault) {
     if (e >= 1 && e <= neq) pos[e] = p;
   }
   // The rows into the chains, and their values.
-  const i64* rowstart = reinterpret_cast<const i64*>(xp.r + L.rowstart);
-  for (i64 i = 0; i < nr; ++i) {
-    double val = 0;
-    for (i64 k = rowstart[i]; k < rowstart[i + 1]; ++k) {
-      const i64 w = L.entries + 2 * k;
-      const i32 e = xp.i[2 * w];
-      const double c = xp.r[w + 1];
-      if (e < 1 || e > neq || pos[e] < 1) continue;
-      val += c * r.soln[e - 1];
-      const i32 p = pos[e];
-      if (s.col(p) == 0) {
-        s.col(p) = static_cast<i32>(i + 1);
-        s.val(p) = c;
-        s.lnk(p) = 0;
-      } else {
-        const i64 m = take(s);
-        if (m == 0) {
-          L.shortage = 1;
-          write_layout(xp, L);
-          return g5vflt(nfault, 6);
-        }
-        s.col(m) = static_cast<i32>(i + 1);
-        s.val(m) = c;
-        s.lnk(m) = 0;
-        s.lnk(tail[p]) = static_cast<i32>(m);
-        tail[p] = static_cast<i32>(m);
-        continue;
-      }
-      tail[p] = p;
-    }
-    xp.r[L.value + i] = val;
+  if (load_rows(xp, L, s, pos, tail, r.soln, neq)) {
+    L.shortage = 1;
+    write_layout(xp, L);
+    return g5vflt(nfault, 6);
   }
   // The pass down the positions.
-  const Pool pl = st.pool();
   for (i32 p = neq; p >= 2; --p) {
     if (s.col(p) == 0) continue;
     const i32 e = r.iw[2 * (p - 1) + 1];
@@ -237,22 +261,7 @@ int g5vpra(AiControlArgs& a, const PraArgs& r, int& nfault) {
     const double d = r.dd[p - 1];
     add_products(s, p, d, span<const i32>(tabof, nr), span<const i64>(vbase, ntab),
                  span<const i32>(tfirst, ntab), span<const i32>(tdiag, ntab), v);
-    int full = 0;
-    if (p <= st.ndense) {
-      for (i32 c = 2; c < p && !full; ++c) {
-        const double x = st.dense(p, c);
-        if (x != 0.0) full = g5vprv(s, c, -x * d, p);
-      }
-    } else {
-      i64 sl = packed_row_start(st, r.off, p);
-      for (i32 steps = 0; sl >= 1 && sl <= pl.nval && steps <= p && !full; --sl, ++steps) {
-        const i32 c = pl.col(sl);
-        if (c == p || c < 1 || c > p) break;
-        const double x = pl.val(sl);
-        if (c >= 2 && x != 0.0) full = g5vprv(s, c, -x * d, p);
-      }
-    }
-    if (full) {
+    if (eliminate(s, st, r.off, p, d)) {
       L.shortage = 1;
       write_layout(xp, L);
       return g5vflt(nfault, 6);

@@ -157,6 +157,31 @@ test_that("predictions agree with emmeans on lmer fits at lmer's variance parame
   agree(quiet(predict(tf, classify = "A:x", at = list(x = c(1, 3)))), emm(lf, ~ A * x, at = list(x = c(1, 3))), c("A", "x"))
 })
 
+test_that("an associated factor takes the level that goes with each classify level", {
+  # Varieties nested in groups: group fixed, variety and block random.
+  set.seed(4)
+  d <- expand.grid(variety = sprintf("v%02d", 1:12), block = sprintf("k%d", 1:4), KEEP.OUT.ATTRS = FALSE)
+  d$group <- factor(c("g1", "g2", "g3")[(as.integer(factor(d$variety)) - 1) %/% 4 + 1])
+  d$variety <- factor(d$variety)
+  d$block <- factor(d$block)
+  d$y <- 10 + as.integer(d$group) + stats::rnorm(12)[d$variety] + stats::rnorm(4)[d$block] + stats::rnorm(nrow(d))
+  fit <- quiet(tarnel(y ~ group, random = ~ variety + block, data = d))
+  pa <- quiet(predict(fit, classify = "variety", associate = "group"))
+  pc <- quiet(predict(fit, classify = "group:variety"))
+  # Cells of the two-way table without records are estimable here (variety
+  # is random): keep the combinations of the data.
+  pc2 <- merge(pc$pvals, unique(d[c("group", "variety")]), by = c("group", "variety"))
+  m <- merge(pa$pvals, pc2, by = "variety")
+  expect_equal(nrow(m), 12L)
+  expect_equal(m$predicted.value.x, m$predicted.value.y, tolerance = 1e-10)
+  expect_equal(m$std.error.x, m$std.error.y, tolerance = 1e-10)
+  expect_true(any(grepl("Associated factors: group", pa$report, fixed = TRUE)))
+  # Averaged over all groups instead, each variety's row mixes the groups
+  # and is not what the association gives.
+  pv <- quiet(predict(fit, classify = "variety"))
+  expect_false(isTRUE(all.equal(pv$pvals$predicted.value, pa$pvals$predicted.value)))
+})
+
 test_that("bad requests give clear errors and leave the fit as it was", {
   skip_if_not_installed("nlme")
   oats <- as.data.frame(nlme::Oats)
