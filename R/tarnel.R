@@ -170,7 +170,9 @@ fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; att
 # writes into is freshly allocated here, never shared with another object:
 # the locals that built them are removed before the list goes back, so that
 # the list holds the only reference.
-ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
+# With `predict` (a request and its work-array size) the run forms prediction
+# tables and keeps no design columns.
+ctrn_args <- function(model, table, struc, keep_design, control, workspace, predict = NULL) {
   data <- table$data
   nrow <- model$nrow
   lbin <- ncol(data)
@@ -200,7 +202,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
   maxiter[1] <- control$maxiter
   # The fixed-effect columns of the design are always kept (fitted values
   # X b); all of them when asked.
-  ncol_kept <- if (isTRUE(keep_design)) neq - 1L else neqd - 1L
+  ncol_kept <- if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
   design <- matrix(0, nrow, ncol_kept)
   attr(design, "xcol") <- seq_len(ncol_kept)
   es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
@@ -245,6 +247,11 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
                license = "", where = ""),
     design = design
   )
+  if (!is.null(predict)) {
+    out$predict <- predict$request
+    out$control$pworkspace <- fr(as.double(predict$pworkspace))
+    out$control$design <- fr(0L)
+  }
   rm(iarg, aiopt, maxiter, design, Cfixed, inter, es)
   out
 }

@@ -11,6 +11,7 @@
 #include "average_info/average_info.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "prediction/prediction.h"
 
 namespace tarnel {
 
@@ -80,6 +81,7 @@ struct FitRun {
   double lastll = f32(-1.2e21);
   ConvergenceState convergence;
   bool aborted = false;
+  bool predicting = false;  // prediction tables are formed in the last iteration
 };
 
 // What the loop does after a step of an iteration.
@@ -127,11 +129,9 @@ bool prepare_run(FitRun& run, const DesignLayout& layout) {
   }
   set_errtxt(a, "LogLikelihood not converged");
   if (*o.maxiter == 1) set_errtxt(a, "");
-  // Prediction and tests of fixed effects come with their own work.
-  if (a.predict.npred != nullptr && *a.predict.npred > 0) {
-    vprt("Prediction is not available in this version: the request is ignored\n");
-    *a.predict.npred = 0;
-  }
+  // Prediction tables are set up before the first iteration.
+  if (prediction_setup(a)) return false;
+  run.predicting = a.predict.npred != nullptr && *a.predict.npred > 0;
   if (o.ddf) *o.ddf = 0;
   return true;
 }
@@ -317,6 +317,7 @@ LoopAction test_convergence(FitRun& run, bool last) {
   ci.quick = aiopt_at(o, kAioptNormalStep);
   ci.aicond = aiopt_at(o, kAioptAiCondition);
   ci.maxiter = *o.maxiter;
+  ci.predict = run.predicting;
   const ConvergenceResult cr = convergence_test(ci, run.convergence);
   if (cr.converged) {
     set_errtxt(a, "LogLikelihood Converged");
@@ -336,6 +337,7 @@ bool iterate(FitRun& run) {
     ++run.iter;
     const bool last = run.iter >= *o.maxiter;
     if (last) aiopt_set(o, kAioptLastIteration, 1);
+    aiopt_set(o, kAioptPredict, last && run.predicting ? 1 : 0);
     const double llfloor = run.lastll - 10.0;
     aiopt_set(o, kAioptDebugNow, (o.debug != 0 && run.iter <= 2) ? 1 : 0);
     aiopt_set(o, kAioptStage, 0);
@@ -378,6 +380,7 @@ void results_after_fit(FitRun& run) {
     if (a.data.ntrt == 1 && s.nsect == 1 && s.rgmstr[it.scalepos - 1] == 4 && s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
     airhat(a, it, hs);
+    prediction_finish(a);
     wald_after_fit(a, it.wald, it.profiled ? a.results.sigma2[0] : 1.0);
   }
 }

@@ -14,6 +14,7 @@
 #include "average_info/average_info.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "prediction/prediction.h"
 #include "sparse/row_store.h"
 
 namespace tarnel {
@@ -665,6 +666,17 @@ StepResult log_likelihood(IterationWork& w) {
   return StepResult::kNext;
 }
 
+// Predictions, in the last iteration of a run that asks for them, while the
+// factor of C is still in the store.
+StepResult accumulate_predictions(IterationWork& w) {
+  AiControlArgs& a = w.a;
+  IterationState& st = w.st;
+  if (aiopt_at(a.options, kAioptPredict) <= 0) return StepResult::kNext;
+  PraArgs pr{&st.store, w.pool, span<const i32>(st.iw.data(), st.iw.size()), span<const double>(w.dd, w.neq),
+             span<const double>(a.results.soln.data(), w.neq), st.profiled ? w.sigma2 : 1.0, w.trace};
+  return prediction_accumulate(a, pr, w.nfault) ? StepResult::kFault : StepResult::kNext;
+}
+
 // 25-29. Working variates, the AI matrix, the sparse inverse and the
 // scores; the second and third stages stop before them.
 StepResult average_information(IterationWork& w) {
@@ -841,7 +853,7 @@ using IterationStep = StepResult (*)(IterationWork&);
 constexpr IterationStep kSteps[] = {
     find_update_list,    form_structures, carve_iteration_space, form_ssp,
     insert_g_structures, order_equations, absorb_equations,      stop_after_solving,
-    residual_df,         log_likelihood,  average_information,   report_iteration,
+    residual_df,         log_likelihood,  accumulate_predictions, average_information, report_iteration,
     update_parameters,   report_update,
 };
 

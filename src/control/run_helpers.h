@@ -21,6 +21,7 @@ enum AioptPosition : int {
   kAioptStage = 4,          // stop early: 1 after solving, 2 or 3 before scores
   kAioptUsModified = 9,     // US matrices made positive definite this iteration
   kAioptNegWeights = 17,    // negative weights treated as zero
+  kAioptPredict = 19,       // 1 in the last iteration of a run with predictions
   kAioptMoving = 22,        // parameters still moving after the update
   kAioptRestrained = 24,    // parameters whose update was modified
   kAioptOrderUnit = 31,     // unit of the order file (above 7 to use it)

@@ -297,7 +297,7 @@ void check_writable(const CtrnObjects& obj, int keep_design) {
   writable_arg(obj.aiopt, "aiopt");
   writable(obj.inter, "neq", "inter");
   for (const char* n : {"gammas", "tgamma", "gmcstr", "nfrstg"}) writable(obj.struc, n, "struc");
-  writable(obj.predict, "npred", "predict");
+  for (const char* n : {"npred", "pvals", "prdvals", "vpvmat", "avsed", "pvtext"}) writable(obj.predict, n, "predict");
   for (const char* n : {"maxiter", "stepsize"}) writable(obj.control, n, "control");
   for (const char* n : {"prvgam", "score", "loglik", "soln", "vsoln", "resid", "linearPredictors", "hat",
                         "sigma2", "deviance", "nedf", "nwv", "noeff", "nsing", "ai", "yssqu", "Cfixed",
