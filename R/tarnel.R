@@ -17,13 +17,15 @@
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE,
                            keep_order = FALSE) {
-  if (!is.null(workspace) && (!is.numeric(workspace) || length(workspace) != 1L || !(workspace > 0)))
-    stop("'workspace' must be a positive number of words", call. = FALSE)
-  if (!is.numeric(max_workspace) || length(max_workspace) != 1L || !(max_workspace > 0))
-    stop("'max_workspace' must be a positive number of words", call. = FALSE)
+  # Work arrays are counted in 8-byte words; 1e15 words is far beyond any
+  # machine, and below it every count is exact in a double.
+  if (!is.null(workspace)) check_number(workspace, "workspace", 1, 1e15)
+  check_number(max_workspace, "max_workspace", 1, 1e15)
+  check_number(maxiter, "maxiter", 1, 10000, whole = TRUE)
+  check_flag(trace, "trace")
+  check_flag(keep_order, "keep_order")
   list(workspace = workspace, max_workspace = max_workspace, maxiter = as.integer(maxiter),
-       keep_order = isTRUE(keep_order),
-       trace = isTRUE(trace))
+       keep_order = keep_order, trace = trace)
 }
 
 #' Linear mixed models by REML with tarnel
@@ -37,6 +39,8 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
                    keep_design = FALSE, control = tarnel_control()) {
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
+  data <- validate_args(fixed, random, residual, data, weights, start, constrain, equal, lincon, na_response)
+  control <- check_control(control)
   if (!inherits(fixed, "formula") || length(fixed) != 3L) tstop("'fixed' must be a formula with a response")
   if (!is.data.frame(data)) tstop("'data' must be a data frame")
   if (nrow(data) < 1L) tstop("'data' has no records")
@@ -51,6 +55,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # takes it out of the likelihood while the record keeps its place.
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
   model <- parse_model(fixed, random, resid, arranged$data, weights, na_response, na_design, env)
+  model <- diagnose_model(model)
   table <- build_term_table(model)
   struc <- build_struc(model, table)
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
@@ -119,9 +124,7 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
       ws <- ws * 4
       next
     }
-    if (status != 0L)
-      stop(sprintf("tarnel: %s (engine status %d)", if (nzchar(text)) text else "the engine failed", status),
-           call. = FALSE)
+    if (status != 0L) engine_failure(status, text, args, model, struc)
     break
   }
   records <- args$aiopt[63L]
