@@ -147,7 +147,7 @@ warn_fit <- function(fit) {
   say <- function(nm, text) if (length(nm)) warning(sprintf(text, paste(nm, collapse = ", ")), call. = FALSE)
   say(held("boundary"), "tarnel: parameter(s) held at a boundary: %s")
   say(held("no information"),
-      "tarnel: the data hold no information on parameter(s) %s (or it repeats another's): no estimate, shown as NA")
+      "tarnel: the data hold no information on parameter(s) %s (or each repeats another parameter): no estimate, shown as NA; the fit held it at its start value, so leave the term out or fix it")
   say(held("near boundary"),
       "tarnel: parameter(s) %s were still moving towards their boundary when the fit stopped, and the engine held them there; their estimates are not reliable")
   say(held("limit"), "tarnel: parameter(s) held at a limit of their range: %s")

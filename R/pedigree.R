@@ -116,15 +116,25 @@
 #' pedigree_sort(ped)
 pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_, verbose = FALSE) {
   p <- .read_pedigree(pedigree)
-  fg <- .ped_column(pedigree, fgen, "fgen")
-  if (!is.null(fg) && !is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
-  if (!is.numeric(fgen_default) || length(fgen_default) != 1L)
-    stop("'fgen_default' must be one number (or NA)", call. = FALSE)
+  fg <- .check_fgen(.ped_column(pedigree, fgen, "fgen"))
+  if (!is.numeric(fgen_default) || length(fgen_default) != 1L || (!is.na(fgen_default) && !(fgen_default >= 0 && is.finite(fgen_default))))
+    stop("'fgen_default' must be one number of 0 or more (or NA), not ", format(fgen_default), call. = FALSE)
   .check_verbose(verbose)
   res <- .sort_pedigree(p, if (is.null(fg)) NULL else as.double(fg), as.double(fgen_default), verbose)
   out <- res$pedigree
   attr(out, "moves") <- res$moves
   out
+}
+
+# fgen values are generation counts or inbreeding coefficients: numbers of
+# 0 or more, NA where unknown.
+.check_fgen <- function(fg) {
+  if (is.null(fg)) return(NULL)
+  if (!is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
+  bad <- which(!is.na(fg) & (fg < 0 | !is.finite(fg)))
+  if (length(bad))
+    stop("'fgen' must be 0 or more (NA where unknown), not ", fg[bad[1]], " (row ", bad[1], ")", call. = FALSE)
+  fg
 }
 
 .check_verbose <- function(verbose) {
@@ -269,10 +279,9 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
   method <- match.arg(method)
   .check_verbose(verbose)
   p <- .read_pedigree(pedigree)
-  fg <- .ped_column(pedigree, fgen, "fgen")
-  if (!is.null(fg) && !is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
-  if (!is.numeric(fgen_default) || length(fgen_default) != 1L)
-    stop("'fgen_default' must be one number (or NA)", call. = FALSE)
+  fg <- .check_fgen(.ped_column(pedigree, fgen, "fgen"))
+  if (!is.numeric(fgen_default) || length(fgen_default) != 1L || (!is.na(fgen_default) && !(fgen_default >= 0 && is.finite(fgen_default))))
+    stop("'fgen_default' must be one number of 0 or more (or NA), not ", format(fgen_default), call. = FALSE)
   if (!is.numeric(selfing) || length(selfing) != 1L || is.na(selfing) || selfing < 0 || selfing > 1)
     stop("'selfing' must be one number from 0 to 1", call. = FALSE)
   if (!is.numeric(line_inbreeding) || length(line_inbreeding) != 1L || !is.finite(line_inbreeding))

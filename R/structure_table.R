@@ -282,7 +282,7 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
 # One start value, checked against its parameter's kind and constraint
 # code.  A zero start of a variance that is not held fixed becomes a small
 # positive value: at exactly 0 the engine would leave it out of the update
-# and hold it there.  `ref` is the size of a typical component (or 1 for a
+# and hold it there (and read a random term's 0 as a fixed term).  `ref` is the size of a typical component (or 1 for a
 # ratio); `unit` turns the table's start into the user's units.
 check_start <- function(v, par, code, ref, unit) {
   nm <- par$name
@@ -297,6 +297,9 @@ check_start <- function(v, par, code, ref, unit) {
       tstop("'start': the value %s of '%s' is far beyond the scale of the data (a start of at most %.3g is sensible)",
             show_value(v), nm, 1e10 * ref)
     if (v == 0 && code != 4L) v <- 0.01 * abs(par$start) * unit
+    # Held at 0 on purpose: a variance of exactly 0 would turn a random
+    # term into a fixed one, so it is held at a value too small to matter.
+    if (v == 0 && code == 4L && par$kind == "variance") v <- 1e-8 * ref
   }
   v
 }

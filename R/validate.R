@@ -289,6 +289,8 @@ engine_failure <- function(status, text, args, model, struc = NULL) {
 }
 
 explain_fault <- function(args, model) {
+  if (grepl("Missing values in design", engine_error_text(args$trn$errtxt), fixed = TRUE))
+    return(explain_missing_design(model))
   y <- model$y
   present <- !is.na(y)
   X <- args$design
@@ -365,11 +367,29 @@ unscale_fit <- function(fit, s) {
 # unconstrained parameters) has most likely started from a variance matrix
 # that is not positive definite.
 explain_start <- function(args, struc) {
-  if (is.null(struc) || any(args$trn$trArray != 0 & args$trn$trArray > -1e12)) return(NULL)
+  if (is.null(struc)) return(NULL)
   pars <- struc$params
   g <- struc$gammas[pars$gamma]
   neg <- which(pars$kind == "variance" & g < 0)
   if (!length(neg)) return(NULL)
   sprintf("the fit failed at its start: the negative start%s of %s may make the variance matrix not positive definite; start from a positive value (the parameter may still go below 0)",
           if (length(neg) > 1L) "s" else "", paste0("'", pars$name[neg], "' (", format(g[neg], digits = 4), ")", collapse = ", "))
+}
+
+# The columns of the model with missing values, named with their count and
+# first record.
+explain_missing_design <- function(model) {
+  keys <- model$store$keys
+  cols <- unique(sub("^(num|factor):", "", keys[grepl("^(num|factor):", keys)]))
+  cols <- intersect(cols, names(model$data))
+  y <- model$y
+  bits <- character()
+  for (v in cols) {
+    miss <- which(is.na(model$data[[v]]) & !is.na(y))
+    if (!length(miss)) next
+    bits <- c(bits, sprintf("'%s' (%d, first in row %s of the data)", v, length(miss), rownames(model$data)[miss[1]]))
+  }
+  if (!length(bits)) return(NULL)
+  sprintf("missing values in the model's column%s %s: give na_design = \"zero\" to leave the term out of those records' rows, or remove the records",
+          if (length(bits) > 1L) "s" else "", paste(bits, collapse = ", "))
 }
