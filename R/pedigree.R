@@ -145,7 +145,18 @@ pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_, verbos
 # Runs a sorting entry with its console lines caught: they are shown only
 # when asked, and come back as a table of the moves.
 .sort_call <- function(expr, verbose) {
-  lines <- utils::capture.output(value <- expr)
+  # A file, not a text connection: a deep pedigree can make many thousands
+  # of lines, and a text connection grows by copying.
+  f <- tempfile("tarnel_sort")
+  con <- file(f, open = "wt")
+  sink(con)
+  done <- FALSE
+  on.exit({ if (!done) sink(); close(con); unlink(f) })
+  value <- expr
+  sink()
+  done <- TRUE
+  flush(con)
+  lines <- readLines(f)
   if (verbose && length(lines)) cat(lines, sep = "\n")
   list(value = value, moves = .pedigree_moves(lines))
 }
@@ -153,17 +164,19 @@ pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_, verbos
 # The table of the insertions and moves in the order the sort made them:
 # the individual, what was done and the record it went to.
 .pedigree_moves <- function(lines) {
-  pat_ins <- '^Pedigree insert: Individual "(.*)" inserted at record ([0-9]+)$'
-  pat_mov <- '^Pedigree  order \\((P[12])\\): Individual "(.*)" moved to record ([0-9]+)$'
-  ins <- grepl(pat_ins, lines)
-  mov <- grepl(pat_mov, lines)
-  keep <- ins | mov
-  lines <- lines[keep]
-  ins <- ins[keep]
+  ins <- startsWith(lines, "Pedigree insert: Individual \"")
+  mov <- startsWith(lines, "Pedigree  order (P")
+  lines <- lines[ins | mov]
+  ins <- ins[ins | mov]
+  # The identity lies between the first quote and the last, the record
+  # after the last blank.
+  first <- ifelse(ins, 30L, 35L)
+  tail <- regexpr("\" (inserted at|moved to) record [0-9]+$", lines)
+  kind <- substr(lines, 18L, 19L)
   data.frame(
-    individual = ifelse(ins, sub(pat_ins, "\\1", lines), sub(pat_mov, "\\2", lines)),
-    action = ifelse(ins, "inserted", ifelse(sub(pat_mov, "\\1", lines) == "P1", "moved (sire)", "moved (dam)")),
-    record = as.integer(ifelse(ins, sub(pat_ins, "\\2", lines), sub(pat_mov, "\\3", lines))),
+    individual = substr(lines, first, tail - 1L),
+    action = ifelse(ins, "inserted", ifelse(kind == "P1", "moved (sire)", "moved (dam)")),
+    record = as.integer(sub("^.* ", "", lines)),
     stringsAsFactors = FALSE)
 }
 
