@@ -281,6 +281,7 @@ check_term_sizes <- function(model, n) {
 # residual degrees of freedom, an exact fit.  Stops with the explanation,
 # or with the engine's text when there is none.
 engine_failure <- function(status, text, args, model, struc = NULL) {
+  if (grepl("Interrupted", text, fixed = TRUE)) stop(sprintf("tarnel: %s", text), call. = FALSE)
   why <- tryCatch(explain_fault(args, model), error = function(e) NULL)
   if (is.null(why)) why <- tryCatch(explain_start(args, struc), error = function(e) NULL)
   base <- sprintf("tarnel: %s (engine status %d)", if (nzchar(text)) text else "the engine failed", status)
