@@ -11,7 +11,7 @@ unpack_lower <- function(v, n) {
 
 constraint_label <- function(code, value) {
   lab <- c("1" = "positive", "3" = "unconstrained", "4" = "fixed", "5" = "limit", "6" = "no information",
-           "7" = "boundary")[as.character(code)]
+           "7" = "boundary", "77" = "near boundary")[as.character(code)]
   lab[is.na(lab)] <- paste0("code ", code[is.na(lab)])
   lab[code == 1L & abs(value) < 1e-8] <- "boundary"
   unname(lab)
@@ -56,6 +56,9 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     cv <- component_vcov(ai, upd, codes, pars, value, scale, struc$profiled)
     if (!is.null(cv)) vp[rownames(cv), "std.error"] <- sqrt(pmax(diag(cv), 0))
   }
+  # A parameter the data say nothing about has no estimate: its value is
+  # still the start.
+  vp[vp$constraint == "no information", c("component", "gamma", "std.error")] <- NA_real_
   vp$z.ratio <- vp$component / vp$std.error
   hidden <- !struc$profiled & pars$kind == "scale"
 
@@ -129,6 +132,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     nobs = sum(present), records = out$records, record_rows = rows, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars,
     fixed_engine = fixed_engine, fixed_design = fixed_design, wald_table = engine_wald_table(trn, table))
+  fit <- unscale_fit(fit, model$yscale)
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
@@ -151,9 +155,17 @@ warn_fit <- function(fit) {
   out <- list(text = fit$message)
   if (!converged)
     warning(sprintf("tarnel: %s", if (nzchar(out$text)) out$text else "the REML iteration did not converge"), call. = FALSE)
-  bnd <- rownames(fit$varcomp)[fit$varcomp$constraint == "boundary"]
-  if (length(bnd))
-    warning(sprintf("tarnel: parameter(s) held at a boundary: %s", paste(bnd, collapse = ", ")), call. = FALSE)
+  con <- fit$varcomp$constraint
+  held <- function(what) rownames(fit$varcomp)[con %in% what]
+  say <- function(nm, text) if (length(nm)) warning(sprintf(text, paste(nm, collapse = ", ")), call. = FALSE)
+  say(held("boundary"), "tarnel: parameter(s) held at a boundary: %s")
+  say(held("no information"),
+      "tarnel: the data hold no information on parameter(s) %s (or each repeats another parameter): no estimate, shown as NA; the fit held it at its start value, so leave the term out or fix it")
+  say(held("near boundary"),
+      "tarnel: parameter(s) %s were still moving towards their boundary when the fit stopped, and the engine held them there; their estimates are not reliable")
+  say(held("limit"), "tarnel: parameter(s) held at a limit of their range: %s")
+  say(held(unique(grep("^code ", con, value = TRUE))),
+      "tarnel: parameter(s) %s were held by the engine in a state it did not resolve; their estimates are not reliable")
   for (w in spatial_warnings(fit)) warning(w, call. = FALSE)
   invisible(fit)
 }

@@ -1,7 +1,10 @@
 # Pedigrees: ordering, and the inverse of the numerator relationship matrix.
 
-# Identities that mark an unknown parent.
-.unknown_text <- c("0", "")
+# Identities that mark an unknown parent: for text identities "0", "", "NA"
+# (and NA); for whole numbers 0 (and NA).  Negative numbers are refused: a
+# code such as -1 for an unknown parent would otherwise become a founder
+# that all its "offspring" share.
+.unknown_text <- c("0", "", "NA")
 
 # Reads a pedigree into identities and an optional fgen column.  Returns a
 # list: ind, sire, dam (character, or integer when every identity is a
@@ -23,6 +26,14 @@
       all(is.na(x) | (is.finite(x) & x == round(x) & abs(x) < .Machine$integer.max))
   }
   integer_ids <- all(vapply(cols, whole, logical(1)))
+  for (k in 1:3) {
+    x <- cols[[k]]
+    neg <- which(if (is.numeric(x)) !is.na(x) & x < 0 else grepl("^-[0-9.]+$", trimws(as.character(x))))
+    if (length(neg))
+      stop("'", arg, "': the ", c("individual", "sire", "dam")[k], " of row ", neg[1], " is ", x[neg[1]],
+           "; negative identities are not allowed (an unknown parent is 0, NA, \"0\", \"\" or \"NA\")",
+           call. = FALSE)
+  }
   if (integer_ids) {
     cols <- lapply(cols, as.integer)
     ind <- cols[[1]]
@@ -40,7 +51,7 @@
     })
     ind <- cols[[1]]
     if (anyNA(ind) || any(ind %in% .unknown_text))
-      stop("individuals in '", arg, "' must be known: \"0\", \"\" and NA mark unknown parents only",
+      stop("individuals in '", arg, "' must be known: \"0\", \"\", \"NA\" and NA mark unknown parents only",
            call. = FALSE)
     cols[2:3] <- lapply(cols[2:3], function(x) { x[is.na(x) | x %in% .unknown_text] <- "0"; x })
   }
@@ -103,18 +114,75 @@
 #' ped <- data.frame(id = c("c", "d", "e"), sire = c("a", "a", "c"),
 #'                   dam = c("b", "0", "d"))
 #' pedigree_sort(ped)
-pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_) {
+pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_, verbose = FALSE) {
   p <- .read_pedigree(pedigree)
-  fg <- .ped_column(pedigree, fgen, "fgen")
-  if (!is.null(fg) && !is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
-  if (!is.numeric(fgen_default) || length(fgen_default) != 1L)
-    stop("'fgen_default' must be one number (or NA)", call. = FALSE)
-  res <- .sort_pedigree(p, if (is.null(fg)) NULL else as.double(fg), as.double(fgen_default))
-  res$pedigree
+  fg <- .check_fgen(.ped_column(pedigree, fgen, "fgen"))
+  if (!is.numeric(fgen_default) || length(fgen_default) != 1L || (!is.na(fgen_default) && !(fgen_default >= 0 && is.finite(fgen_default))))
+    stop("'fgen_default' must be one number of 0 or more (or NA), not ", format(fgen_default), call. = FALSE)
+  .check_verbose(verbose)
+  res <- .sort_pedigree(p, if (is.null(fg)) NULL else as.double(fg), as.double(fgen_default), verbose)
+  out <- res$pedigree
+  attr(out, "moves") <- res$moves
+  out
 }
 
-# Sorts a read pedigree.  Returns list(pedigree = data frame, integer_ids).
-.sort_pedigree <- function(p, fg, fgen_default) {
+# fgen values are generation counts or inbreeding coefficients: numbers of
+# 0 or more, NA where unknown.
+.check_fgen <- function(fg) {
+  if (is.null(fg)) return(NULL)
+  if (!is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
+  bad <- which(!is.na(fg) & (fg < 0 | !is.finite(fg)))
+  if (length(bad))
+    stop("'fgen' must be 0 or more (NA where unknown), not ", fg[bad[1]], " (row ", bad[1], ")", call. = FALSE)
+  fg
+}
+
+.check_verbose <- function(verbose) {
+  if (!is.logical(verbose) || length(verbose) != 1L || is.na(verbose))
+    stop("'verbose' must be TRUE or FALSE", call. = FALSE)
+}
+
+# Runs a sorting entry with its console lines caught: they are shown only
+# when asked, and come back as a table of the moves.
+.sort_call <- function(expr, verbose) {
+  # A file, not a text connection: a deep pedigree can make many thousands
+  # of lines, and a text connection grows by copying.
+  f <- tempfile("tarnel_sort")
+  con <- file(f, open = "wt")
+  sink(con)
+  done <- FALSE
+  on.exit({ if (!done) sink(); close(con); unlink(f) })
+  value <- expr
+  sink()
+  done <- TRUE
+  flush(con)
+  lines <- readLines(f)
+  if (verbose && length(lines)) cat(lines, sep = "\n")
+  list(value = value, moves = .pedigree_moves(lines))
+}
+
+# The table of the insertions and moves in the order the sort made them:
+# the individual, what was done and the record it went to.
+.pedigree_moves <- function(lines) {
+  ins <- startsWith(lines, "Pedigree insert: Individual \"")
+  mov <- startsWith(lines, "Pedigree  order (P")
+  lines <- lines[ins | mov]
+  ins <- ins[ins | mov]
+  # The identity lies between the first quote and the last, the record
+  # after the last blank.
+  first <- ifelse(ins, 30L, 35L)
+  tail <- regexpr("\" (inserted at|moved to) record [0-9]+$", lines)
+  kind <- substr(lines, 18L, 19L)
+  data.frame(
+    individual = substr(lines, first, tail - 1L),
+    action = ifelse(ins, "inserted", ifelse(kind == "P1", "moved (sire)", "moved (dam)")),
+    record = as.integer(sub("^.* ", "", lines)),
+    stringsAsFactors = FALSE)
+}
+
+# Sorts a read pedigree.  Returns list(pedigree = data frame, integer_ids,
+# moves).
+.sort_pedigree <- function(p, fg, fgen_default, verbose = FALSE) {
   lped <- length(p$ind)
   unknown <- if (p$integer_ids) 0L else "0"
   lvls <- unique(c(p$ind, p$sire, p$dam))
@@ -127,22 +195,24 @@ pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_) {
     codes[nan + seq_len(lped)] <- match(p$sire, lvls, nomatch = 0L)
     codes[2L * nan + seq_len(lped)] <- match(p$dam, lvls, nomatch = 0L)
     if (!is.null(fg)) col4 <- c(fg, rep(NA_real_, nan - lped))
-    r <- .Call(C_sortpedigree, lped, nan, as.character(lvls), codes, as.double(col4),
-               fgen_default)
+    sc <- .sort_call(.Call(C_sortpedigree, lped, nan, as.character(lvls), codes, as.double(col4),
+                           fgen_default), verbose)
+    r <- sc$value
     if (nzchar(r$error)) .stop_engine(r$error)
     m <- r$pedigree
     out <- data.frame(individual = lvls[m[, 1]],
                       sire = c(0L, lvls)[m[, 2] + 1L],
                       dam = c(0L, lvls)[m[, 3] + 1L])
   } else {
-    r <- .Call(C_pdsort, lped, nan, lvls, c(p$ind, p$sire, p$dam), as.double(col4),
-               fgen_default)
+    sc <- .sort_call(.Call(C_pdsort, lped, nan, lvls, c(p$ind, p$sire, p$dam), as.double(col4),
+                           fgen_default), verbose)
+    r <- sc$value
     if (nzchar(r$error)) .stop_engine(r$error)
     m <- r$pedigree
     out <- data.frame(individual = m[, 1], sire = m[, 2], dam = m[, 3])
   }
   if (!is.null(fg)) out$fgen <- r$fgen
-  list(pedigree = out, integer_ids = p$integer_ids)
+  list(pedigree = out, integer_ids = p$integer_ids, moves = sc$moves)
 }
 
 # Sex codes: 1 male, 2 female; anything else 0, which the engine rejects.
@@ -217,13 +287,14 @@ pedigree_sort <- function(pedigree, fgen = NULL, fgen_default = NA_real_) {
 #' a$ainv
 pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", "inbred_lines"),
                              fgen = NULL, fgen_default = NA_real_, sex = NULL, selfing = 0,
-                             line_inbreeding = 1, groups = NULL, group_constraint = FALSE) {
+                             line_inbreeding = 1, groups = NULL, group_constraint = FALSE,
+                             verbose = FALSE) {
   method <- match.arg(method)
+  .check_verbose(verbose)
   p <- .read_pedigree(pedigree)
-  fg <- .ped_column(pedigree, fgen, "fgen")
-  if (!is.null(fg) && !is.numeric(fg)) stop("'fgen' must be numeric", call. = FALSE)
-  if (!is.numeric(fgen_default) || length(fgen_default) != 1L)
-    stop("'fgen_default' must be one number (or NA)", call. = FALSE)
+  fg <- .check_fgen(.ped_column(pedigree, fgen, "fgen"))
+  if (!is.numeric(fgen_default) || length(fgen_default) != 1L || (!is.na(fgen_default) && !(fgen_default >= 0 && is.finite(fgen_default))))
+    stop("'fgen_default' must be one number of 0 or more (or NA), not ", format(fgen_default), call. = FALSE)
   if (!is.numeric(selfing) || length(selfing) != 1L || is.na(selfing) || selfing < 0 || selfing > 1)
     stop("'selfing' must be one number from 0 to 1", call. = FALSE)
   if (!is.numeric(line_inbreeding) || length(line_inbreeding) != 1L || !is.finite(line_inbreeding))
@@ -238,7 +309,7 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
     sx <- .sex_code(.ped_column(pedigree, sex, "sex"))
   }
 
-  s <- .sort_pedigree(p, if (is.null(fg)) NULL else as.double(fg), as.double(fgen_default))
+  s <- .sort_pedigree(p, if (is.null(fg)) NULL else as.double(fg), as.double(fgen_default), verbose)
   ped <- s$pedigree
   unknown <- if (s$integer_ids) 0L else "0"
 
@@ -339,7 +410,7 @@ pedigree_inverse <- function(pedigree, method = c("standard", "mgs", "xlinked", 
   out <- list(ainv = ainv, pedigree = ped, inbreeding = inb, logdet = r$det,
               giv = list(nainv = nan, lcainv = as.integer(r$linv), llainv = 1L,
                          ainv = as.vector(g)),
-              groups = ngrp, empty_groups = r$empty_groups)
+              groups = ngrp, empty_groups = r$empty_groups, moves = s$moves)
   class(out) <- "tarnel_ainv"
   out
 }

@@ -33,6 +33,9 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
           tabs[[which(big)[1L]]]$cls, tabs[[which(big)[1L]]]$n, max_full_table)
   out <- pred_run(object, pm, tabs)
   res <- lapply(seq_along(tabs), function(k) pred_result(out, pm, tabs[[k]], k, sed, vcov))
+  # A response the fit scaled for the engine: the tables back in its units.
+  ys <- if (is.null(object$yscale)) 1 else object$yscale
+  if (ys != 1) res <- lapply(res, rescale_prediction, s = ys)
   if (length(res) == 1L) return(res[[1L]])
   names(res) <- classify
   structure(res, class = "tarnel_predictions")
@@ -272,6 +275,17 @@ pred_run <- function(fit, pm, tabs) {
   if (!length(p$pvtext) || p$pvtext[1L] == as.raw(0L))
     pstop("the engine did not form the tables (%s)", if (nzchar(text)) text else "no report")
   p
+}
+
+rescale_prediction <- function(x, s) {
+  x$pvals$predicted.value <- x$pvals$predicted.value * s
+  x$pvals$std.error <- x$pvals$std.error * s
+  if (!is.null(x$sed)) x$sed <- x$sed * s
+  if (!is.null(x$vcov)) x$vcov <- x$vcov * s^2
+  x$avsed$overall <- x$avsed$overall * s
+  x$avsed$mean <- x$avsed$mean * s
+  x$avsed$groups[c("min", "mean", "max")] <- x$avsed$groups[c("min", "mean", "max")] * s
+  x
 }
 
 unpack_marked <- function(v, n) {

@@ -164,7 +164,8 @@ build_struc <- function(model, table) {
   printg <- integer(ngamma)
   printg[seq_len(ngamma) > nfactp] <- 1L
   pars$profiled <- profiled
-  out <- list(struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
+  out <- list(nobs = sum(!is.na(model$y)), vy = if (profiled) 1 else vy, yscale = model$yscale,
+              struc = struc, nspat = 0L, nrsect = nrsect, gammas = gammas, tgamma = tgamma,
               printGammas = printg, tyfact = if (nfactp) tyfact else 0L, gmcstr = gmcstr, nfrstg = 1L,
               params = pars, ngamma = ngamma, nfactp = nfactp, profiled = profiled, ainv = known_table(known))
   apply_constraints(out, NULL, NULL, NULL, NULL)
@@ -215,7 +216,9 @@ moment_starts <- function(model, terms, v0, profiled, vy) {
 }
 
 # Applies the user's starting values and constraints to the structures and
-# gives the engine's constraint list.
+# gives the engine's constraint list.  Starts are on the scale of the
+# parameter table (ratios when the residual variance is profiled,
+# components otherwise, in the user's units of the response).
 apply_constraints <- function(struc, start, constrain, equal, lincon) {
   pars <- struc$params
   find <- function(nms, what) {
@@ -223,43 +226,63 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
     k <- match(nms, pars$name)
     if (anyNA(k)) tstop("%s: no parameter named %s; the parameters are: %s", what,
                         paste0("'", nms[is.na(k)][1], "'"), paste(pars$name, collapse = ", "))
+    if (anyDuplicated(k)) tstop("%s names the parameter '%s' twice", what, nms[duplicated(k)][1])
     k
   }
-  if (!is.null(start)) {
-    if (!is.numeric(start) || is.null(names(start)) || anyNA(start)) tstop("'start' must be a named numeric vector of parameter values")
-    k <- find(names(start), "'start'")
-    struc$gammas[pars$gamma[k]] <- as.double(start)
-  }
+  codes <- c(fixed = 4L, positive = 1L, unconstrained = 3L)
+  kc <- integer()
   if (!is.null(constrain)) {
     if (!is.character(constrain) || is.null(names(constrain))) tstop("'constrain' must be a named character vector such as c(name = \"fixed\")")
-    k <- find(names(constrain), "'constrain'")
-    codes <- c(fixed = 4L, positive = 1L, unconstrained = 3L)
+    kc <- find(names(constrain), "'constrain'")
     m <- codes[constrain]
-    if (anyNA(m)) tstop("'constrain' values must be \"fixed\", \"positive\" or \"unconstrained\"")
-    struc$gmcstr[pars$gamma[k]] <- unname(m)
+    if (anyNA(m)) tstop("'constrain': the value of '%s' must be \"fixed\", \"positive\" or \"unconstrained\", not %s",
+                        names(constrain)[is.na(m)][1], show_value(unname(constrain[is.na(m)][1])))
+    struc$gmcstr[pars$gamma[kc]] <- unname(m)
+  }
+  code_now <- struc$gmcstr[pars$gamma]
+  # Components (not ratios) are held in the units of the scaled response.
+  ys <- if (is.null(struc$yscale)) 1 else struc$yscale
+  comp <- !struc$profiled & pars$kind %in% c("variance", "covariance")
+  unit <- ifelse(comp, ys^2, 1)
+  if (!is.null(start)) {
+    if (!is.numeric(start) || is.null(names(start))) tstop("'start' must be a named numeric vector of parameter values")
+    k <- find(names(start), "'start'")
+    v <- as.double(start)
+    for (j in seq_along(k)) v[j] <- check_start(v[j], pars[k[j], ], code_now[k[j]], struc$vy * unit[k[j]], unit[k[j]])
+    struc$gammas[pars$gamma[k]] <- v / unit[k]
   }
   ngamma <- struc$ngamma
   gequal <- 0L
+  nequal <- 0L
   if (!is.null(equal)) {
     if (!is.list(equal)) equal <- list(equal)
     gequal <- integer(ngamma)
     for (i in seq_along(equal)) {
       k <- find(equal[[i]], "'equal'")
       if (length(k) < 2L) tstop("each set in 'equal' needs at least two parameters")
-      if (any(gequal[pars$gamma[k]] != 0L)) tstop("a parameter is in two sets of 'equal'")
+      if (any(gequal[pars$gamma[k]] != 0L)) tstop("'equal': the parameter '%s' is in two sets", pars$name[k[gequal[pars$gamma[k]] != 0L][1]])
       gequal[pars$gamma[k]] <- i
       struc$gammas[pars$gamma[k]] <- mean(struc$gammas[pars$gamma[k]])
+      nequal <- nequal + length(k) - 1L
     }
   }
   ngmcon <- 0L
   gmcon <- 0
   if (!is.null(lincon)) {
-    if (!is.matrix(lincon) || !is.numeric(lincon) || is.null(rownames(lincon)) || anyNA(lincon))
-      tstop("'lincon' must be a numeric matrix with parameter names as row names, one column a constraint")
+    if (!is.matrix(lincon) || !is.numeric(lincon) || is.null(rownames(lincon)) || any(!is.finite(lincon)))
+      tstop("'lincon' must be a numeric matrix of finite values with parameter names as row names, one column a constraint")
     k <- find(rownames(lincon), "'lincon'")
+    zero <- which(colSums(lincon != 0) == 0)
+    if (length(zero)) tstop("'lincon': column %d has no nonzero coefficient, so it constrains nothing", zero[1])
     gmcon <- matrix(0, ngamma, ncol(lincon))
     gmcon[pars$gamma[k], ] <- lincon
     ngmcon <- ncol(lincon)
+  }
+  if (!is.null(struc$nobs)) {
+    free <- sum(struc$gmcstr[pars$gamma] != 4L) - nequal - ngmcon
+    if (free > struc$nobs - 1L)
+      tstop("the model has %d variance parameters to estimate but only %d records with a response; it needs more records than parameters",
+            free, struc$nobs)
   }
   fresh_int <- function(v) { out <- integer(length(v)); out[] <- as.integer(v); out }
   struc$gmcstr <- fresh_int(struc$gmcstr)
@@ -267,6 +290,31 @@ apply_constraints <- function(struc, start, constrain, equal, lincon) {
   struc$tgamma <- fresh_int(struc$tgamma)
   struc$constr <- list(ngmcon = fresh_int(ngmcon), gequal = fresh_int(gequal), gmcon = as.double(gmcon))
   struc
+}
+
+# One start value, checked against its parameter's kind and constraint
+# code.  A zero start of a variance that is not held fixed becomes a small
+# positive value: at exactly 0 the engine would leave it out of the update
+# and hold it there (and read a random term's 0 as a fixed term).  `ref` is the size of a typical component (or 1 for a
+# ratio); `unit` turns the table's start into the user's units.
+check_start <- function(v, par, code, ref, unit) {
+  nm <- par$name
+  if (!is.finite(v)) tstop("'start': the value of '%s' must be a finite number, not %s", nm, show_value(v))
+  if (par$kind == "correlation" && code != 4L && !(abs(v) < 1))
+    tstop("'start': '%s' is a correlation and must lie strictly between -1 and 1, not %s", nm, show_value(v))
+  if (par$kind %in% c("variance", "scale")) {
+    if (v < 0 && code != 3L)
+      tstop("'start': '%s' is a variance and must not be negative (%s); give constrain = c(\"%s\" = \"unconstrained\") to allow negative values",
+            nm, show_value(v), nm)
+    if (abs(v) > 1e10 * ref)
+      tstop("'start': the value %s of '%s' is far beyond the scale of the data (a start of at most %.3g is sensible)",
+            show_value(v), nm, 1e10 * ref)
+    if (v == 0 && code != 4L) v <- 0.01 * abs(par$start) * unit
+    # Held at 0 on purpose: a variance of exactly 0 would turn a random
+    # term into a fixed one, so it is held at a value too small to matter.
+    if (v == 0 && code == 4L && par$kind == "variance") v <- 1e-8 * ref
+  }
+  v
 }
 
 # The engine's table of known matrices: five integers a row (size, type,

@@ -20,13 +20,16 @@
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE,
                            keep_order = FALSE, progress = NULL) {
-  if (!is.null(workspace) && (!is.numeric(workspace) || length(workspace) != 1L || !(workspace > 0)))
-    stop("'workspace' must be a positive number of words", call. = FALSE)
-  if (!is.numeric(max_workspace) || length(max_workspace) != 1L || !(max_workspace > 0))
-    stop("'max_workspace' must be a positive number of words", call. = FALSE)
+  # Work arrays are counted in 8-byte words; 1e15 words is far beyond any
+  # machine, and below it every count is exact in a double.
+  if (!is.null(workspace)) check_number(workspace, "workspace", 1, 1e15)
+  check_number(max_workspace, "max_workspace", 1, 1e15)
+  check_number(maxiter, "maxiter", 1, 10000, whole = TRUE)
+  check_flag(trace, "trace")
+  check_flag(keep_order, "keep_order")
+  if (!is.null(progress)) check_flag(progress, "progress")
   list(workspace = workspace, max_workspace = max_workspace, maxiter = as.integer(maxiter),
-       keep_order = isTRUE(keep_order),
-       trace = isTRUE(trace), progress = if (is.null(progress)) NULL else isTRUE(progress))
+       keep_order = keep_order, trace = trace, progress = progress)
 }
 
 #' Linear mixed models by REML with tarnel
@@ -40,9 +43,10 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
                    keep_design = FALSE, control = tarnel_control()) {
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
-  if (!inherits(fixed, "formula") || length(fixed) != 3L) tstop("'fixed' must be a formula with a response")
-  if (!is.data.frame(data)) tstop("'data' must be a data frame")
-  if (nrow(data) < 1L) tstop("'data' has no records")
+  wexpr <- substitute(weights)
+  data <- validate_args(fixed, random, residual, data, if (is.character(wexpr)) wexpr, start, constrain, equal, lincon,
+                        na_response)
+  control <- check_control(control)
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
   formulae <- list(fixed = fixed, random = random, residual = residual)
@@ -64,6 +68,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # Records in the rows of the user's data (after any subset).
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
+  model <- diagnose_model(model)
   table <- build_term_table(model)
   struc <- build_struc(model, table)
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
@@ -149,11 +154,7 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
       if (isTRUE(control$trace)) message(sprintf("tarnel: retrying with a work array of %.0f words", ws))
       next
     }
-    if (status != 0L) {
-      notes <- engine_notices(log)
-      stop(sprintf("tarnel: %s (engine status %d)%s", if (nzchar(text)) text else "the engine failed", status,
-                   if (length(notes)) paste0("\n", paste(notes, collapse = "\n")) else ""), call. = FALSE)
-    }
+    if (status != 0L) engine_failure(status, text, args, model, struc, notes = engine_notices(log))
     break
   }
   records <- args$aiopt[63L]

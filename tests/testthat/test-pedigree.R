@@ -70,9 +70,13 @@ test_that("A-inverse equals solve() of the tabular A, with inbreeding and log-de
   expect_equal(as.matrix(res2$ainv), as.matrix(res$ainv), ignore_attr = TRUE)
 })
 
-test_that("the insertion and move messages are printed word for word", {
+test_that("the sort is quiet unless asked; the moves come back, printed word for word when verbose", {
   ped <- data.frame(id = c("e", "c", "d"), sire = c("c", "a", "a"), dam = c("d", "b", "0"))
-  out <- capture.output(s <- pedigree_sort(ped))
+  expect_identical(capture.output(quiet_s <- pedigree_sort(ped)), character(0))
+  out <- capture.output(s <- pedigree_sort(ped, verbose = TRUE))
+  expect_identical(attr(quiet_s, "moves"), attr(s, "moves"))
+  expect_identical(attr(s, "moves")$individual, c("c", "d", "a", "b", "a", "b"))
+  expect_identical(attr(s, "moves")$action[1:3], c("moved (sire)", "moved (dam)", "inserted"))
   expect_identical(out, c(
     "Pedigree  order (P1): Individual \"c\" moved to record 1",
     "Pedigree  order (P2): Individual \"d\" moved to record 2",
@@ -81,7 +85,9 @@ test_that("the insertion and move messages are printed word for word", {
     "Pedigree  order (P1): Individual \"a\" moved to record 1",
     "Pedigree  order (P2): Individual \"b\" moved to record 2"))
   expect_identical(s$individual, c("a", "b", "c", "d", "e"))
-  expect_identical(capture.output(s2 <- pedigree_sort(s)), character(0))
+  expect_identical(capture.output(s2 <- pedigree_sort(s, verbose = TRUE)), character(0))
+  expect_identical(nrow(attr(s2, "moves")), 0L)
+  attr(s, "moves") <- attr(s2, "moves") <- NULL
   expect_identical(s2, s)
 })
 
