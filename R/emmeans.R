@@ -2,21 +2,25 @@
 # methods emmeans asks of a model class.  NAMESPACE registers them when
 # emmeans is loaded, so emmeans stays optional.
 
-# The fixed formula as the model read it (the call may hold only the name
-# of a formula).  emmeans evaluates the terms on a few records to see which
-# variables a term turns from factor to covariate or back; the formula's
-# environment gives the term functions stand-ins for that: a factor for
-# those of a factor, a number for those of a covariate.
-fixed_formula <- function(fit) {
-  labels <- vapply(fit$model$fixed$terms, `[[`, "", "label")
-  f <- if (length(labels)) stats::reformulate(labels, response = fit$model$response, intercept = fit$model$fixed$intercept)
-       else stats::as.formula(paste(fit$model$response, if (fit$model$fixed$intercept) "~ 1" else "~ 0"))
-  environment(f) <- term_standins()
-  f
+# The fixed terms emmeans builds the reference grid from.  In R's coding
+# they are the terms of the fit's model frame, which keep data-dependent
+# bases (poly(), ns()) as fitted.  In the engine's coding, emmeans still
+# evaluates the terms on a few records to see which variables a term turns
+# from factor to covariate or back; stand-ins for the term functions serve
+# for that: a factor for those of a factor, a number for those of a
+# covariate.
+grid_terms <- function(fit, fb) {
+  if (fb$basis == "R") return(fb$terms)
+  f <- fit$fixed_formula
+  environment(f) <- term_standins(environment(f))
+  tt <- stats::delete.response(stats::terms(f, keep.order = TRUE))
+  # Through a model frame of the records, bases such as poly() keep their fit.
+  mf <- tryCatch(stats::model.frame(tt, fit$model$data, na.action = stats::na.pass), error = function(e) NULL)
+  if (is.null(mf)) tt else attr(mf, "terms")
 }
 
-term_standins <- function() {
-  env <- new.env(parent = baseenv())
+term_standins <- function(parent) {
+  env <- new.env(parent = if (is.null(parent)) baseenv() else parent)
   as_factor <- function(f, ...) factor(f)
   as_number <- function(x, ...) as.numeric(x)
   for (fn in c("at", "grp", "helmert", "marker")) assign(fn, as_factor, envir = env)
@@ -27,8 +31,8 @@ term_standins <- function() {
 
 # The records the fit used, with the columns of the fixed formula.
 recover_data.tarnel <- function(object, data = NULL, params = "pi", ...) {
-  trms <- stats::delete.response(stats::terms(fixed_formula(object), keep.order = TRUE))
-  if (is.null(data)) data <- object$model$data[!is.na(object$model$y), , drop = FALSE]
+  trms <- grid_terms(object, fixed_basis(object))
+  if (is.null(data)) data <- object$model$data[object$fixed_engine$present, , drop = FALSE]
   # The model reads character and logical columns as factors; so must the grid.
   chr <- vapply(data, function(x) is.character(x) || is.logical(x), TRUE)
   data[chr] <- lapply(data[chr], factor)
@@ -46,15 +50,13 @@ string_constants <- function(e) {
   character()
 }
 
-# The reference grid in the engine's coding of the fixed effects, with the
-# null space of the fitted design for the estimability of each row.
+# The reference grid in the coding of the fit's coefficients (R's, or the
+# engine's for terms R's model matrix cannot form), with the null space of
+# the fitted design for the estimability of each row.
 emm_basis.tarnel <- function(object, trms, xlev, grid, ...) {
-  X <- engine_fixed_matrix(object, grid)
-  bhat <- object$coefficients
-  ok <- !is.na(bhat)
-  V <- object$vcov[names(bhat)[ok], names(bhat)[ok], drop = FALSE]
-  nbasis <- fixed_null_basis(object)
+  fb <- fixed_basis(object)
   dffun <- function(k, dfargs) Inf
   attr(dffun, "mesg") <- "asymptotic"
-  list(X = X, bhat = bhat, nbasis = nbasis, V = V, dffun = dffun, dfargs = list(), misc = list())
+  list(X = fixed_rows(object, fb, grid), bhat = unname(fb$bhat), nbasis = null_basis(fb), V = fb$V,
+       dffun = dffun, dfargs = list(), misc = list())
 }

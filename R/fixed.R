@@ -30,6 +30,10 @@ r_model_matrix <- function(fit, nrec) {
   if (is.null(mf)) return(NULL)
   X <- tryCatch(suppressWarnings(stats::model.matrix(rhs, mf)), error = function(e) NULL)
   if (is.null(X) || nrow(X) != nrec) return(NULL)
+  # What new records need to be coded alike (data-dependent bases such as
+  # poly() kept as fitted, the factors' levels).
+  attr(X, "terms") <- attr(mf, "terms")
+  attr(X, "xlevels") <- stats::.getXlevels(attr(mf, "terms"), mf)
   X
 }
 

@@ -1,7 +1,9 @@
-# Linear predictors for new records: the fixed-effect design rebuilt in R
-# for new data, in the engine's own coding (an indicator column for every
-# level of every factor and every interaction cell, in the order of the
-# fixed equations), and the random-effect design of the fitted terms.
+# Linear predictors for new records: the fixed-effect design of new data in
+# the coding of the fit's coefficients (R's model matrix, or the engine's
+# own coding - an indicator column for every level of every factor and
+# every interaction cell, in the order of the fixed equations - when the
+# formula has terms R's model matrix cannot form), and the random-effect
+# design of the fitted terms.
 
 # The data column a leaf of the term table reads.
 leaf_column <- function(lf) {
@@ -96,6 +98,9 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
   code <- lf$code
   if (code == -9L) tstop("rec() terms cannot be formed for new data")
   if (code == -38L) tstop("predictions for new data with marker() terms are not available yet")
+  if (code == 0L && is.call(str2lang(lf$key)) &&
+      any(paste0(c("factor:", "num:"), lf$key) %in% fit$model$store$keys))
+    return(evaluated_leaf(fit, lf, newdata, new_levels, what))
   name <- leaf_column(lf)
   x <- newdata_column(newdata, name)
   if (code %in% unlist(transform_codes)) {
@@ -127,6 +132,21 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
   lev <- substring(lf$labels, nchar(name) + 1L)
   k <- level_numbers(x, lev, known = startsWith(lf$key, "cov_known("))
   unseen_levels(k, x, name, what, new_levels)
+  indicators(k, lf$flev)
+}
+
+# A function of data columns (factor(x), log(x), poly(x, 2)) at new data,
+# as R's predict() forms it: data-dependent bases as fitted.
+evaluated_leaf <- function(fit, lf, newdata, new_levels, what) {
+  env <- environment(fit$fixed_formula)
+  tt <- stats::terms(stats::reformulate(lf$key, env = env))
+  mf <- stats::model.frame(tt, fit$model$data, na.action = stats::na.pass)
+  pv <- attr(attr(mf, "terms"), "predvars")[[2L]]
+  for (v in intersect(all.vars(pv), names(fit$model$data))) newdata_column(newdata, v)
+  x <- eval(pv, newdata, env)
+  if (is.numeric(x)) return(matrix(as.double(x), nrow(newdata), lf$flev))
+  k <- level_numbers(x, lf$levels)
+  unseen_levels(k, x, lf$key, what, new_levels)
   indicators(k, lf$flev)
 }
 
@@ -170,7 +190,7 @@ term_matrices <- function(fit, term, newdata, new_levels, what) {
 #' @noRd
 # The fixed-effect design of new records in the engine's basis: one column
 # a fixed equation except the missing-value ones, named and ordered as
-# coef(fit).  Rows with a missing value in a column they need are NA.
+# fit$fixed_engine.  Rows with a missing value in a column they need are NA.
 engine_fixed_matrix <- function(fit, newdata) {
   if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
   n <- nrow(newdata)
@@ -185,7 +205,7 @@ engine_fixed_matrix <- function(fit, newdata) {
   fe <- fe[!grepl("^\\(missing\\)", fe)]
   if (ncol(X) != length(fe)) tstop("internal: %d fixed-effect columns formed for new data where the fit has %d", ncol(X), length(fe))
   colnames(X) <- fe
-  X[, names(fit$coefficients), drop = FALSE]
+  X
 }
 
 # The random-effect part Z u of new records, term by term.  Unseen levels
@@ -209,59 +229,79 @@ random_part <- function(fit, newdata, new_levels) {
   zu
 }
 
-# The null space of the fitted fixed design: the directions of the engine's
-# full coding that the data do not determine.  It is that of X' W X (W the
-# weights), summed over blocks of records with sparse products, so that a
-# long data set never needs its dense design at once.  Its dimension is the
-# number of coefficients the engine found aliased; those directions are the
-# eigenvectors of the smallest eigenvalues of X' W X scaled to a unit
-# diagonal.
-fixed_null_basis <- function(fit) {
-  k <- sum(is.na(fit$coefficients))
-  if (k == 0L) return(estimability::all.estble)
-  present <- which(!is.na(fit$model$y))
-  data <- fit$model$data
-  store <- fit$model$store
-  w <- if ("weights" %in% store$keys) store$values[[match("weights", store$keys)]][, 1L] else rep(1, nrow(data))
-  p <- length(fit$coefficients)
-  XtX <- matrix(0, p, p)
-  block <- max(1000L, as.integer(4e6 %/% max(p, 1L)))
-  for (start in seq(1L, length(present), by = block)) {
-    rows <- present[start:min(length(present), start + block - 1L)]
-    X <- engine_fixed_matrix(fit, data[rows, , drop = FALSE])
-    X[is.na(X)] <- 0  # a record the engine kept had no missing design value, or it counted as 0
-    Xs <- Matrix::Matrix(X * sqrt(w[rows]), sparse = TRUE)
-    XtX <- XtX + as.matrix(Matrix::crossprod(Xs))
+# The fixed effects in the coding new rows are formed in: R's when the fit
+# reports its coefficients in R's coding, else the engine's.  `full` is the
+# design of the fit's records in every column of that coding; `bhat` holds
+# a coefficient a column, NA for those left out as depending on others, and
+# `V` the covariance matrix of the others.
+fixed_basis <- function(fit) {
+  present <- fit$fixed_engine$present
+  if (identical(fit$fixed_info$basis, "R")) {
+    XR <- r_model_matrix(fit, length(present))
+    full <- XR[present, , drop = FALSE]
+    bhat <- stats::setNames(rep(NA_real_, ncol(full)), colnames(full))
+    bhat[names(fit$coefficients)] <- fit$coefficients
+    return(list(basis = "R", full = full, bhat = bhat, V = fit$vcov, terms = attr(XR, "terms"),
+                xlev = attr(XR, "xlevels"), contrasts = attr(XR, "contrasts")))
   }
-  d <- sqrt(diag(XtX))
-  d[d == 0] <- 1
-  e <- eigen(XtX / outer(d, d), symmetric = TRUE)
-  small <- e$values[p - k + 1L] / max(e$values[1L], 1)
-  if (small > 1e-8 || (k < p && e$values[p - k] / max(e$values[1L], 1) < 1e-12))
-    warning(sprintf("tarnel: the %d aliased fixed effects of the fit do not match the null space of its design; estimability checks may be wrong",
-                    k), call. = FALSE)
-  qr.Q(qr(e$vectors[, p - k + seq_len(k), drop = FALSE] / d))
+  fe <- fit$fixed_engine
+  ok <- diag(fe$vcov) > 0
+  bhat <- fe$coefficients
+  bhat[!ok] <- NA
+  list(basis = "engine", full = as.matrix(engine_fixed_design(fit))[present, , drop = FALSE], bhat = bhat,
+       V = fe$vcov[ok, ok, drop = FALSE])
 }
 
-# The fixed part x' b of the design rows X with their variances x' V_b x;
-# rows that are not estimable are NA.
-fixed_part <- function(fit, X, se) {
-  b <- fit$coefficients
-  ok <- !is.na(b)
+# The directions of the coding that the fitted design does not determine.
+null_basis <- function(fb) {
+  if (!anyNA(fb$bhat)) return(estimability::all.estble)
+  estimability::nonest.basis(fb$full)
+}
+
+# The design of new records in the columns of `fb$full`; a record with a
+# missing value in a variable it needs gets a row of NA.
+fixed_rows <- function(fit, fb, newdata) {
+  if (!is.data.frame(newdata)) tstop("'newdata' must be a data frame")
+  if (fb$basis == "engine") return(engine_fixed_matrix(fit, newdata))
+  tt <- fb$terms
+  for (v in intersect(all.vars(tt), names(fit$model$data))) newdata_column(newdata, v)
+  for (nm in names(fb$xlev)) {
+    x <- eval(str2lang(nm), newdata, environment(tt))
+    unseen_levels(level_numbers(x, fb$xlev[[nm]]), x, nm, "fixed", "error")
+  }
+  mf <- stats::model.frame(tt, newdata, na.action = stats::na.pass, xlev = fb$xlev)
+  X <- stats::model.matrix(tt, mf, contrasts.arg = fb$contrasts)
+  X[, colnames(fb$full), drop = FALSE]
+}
+
+# The offsets of the fixed formula at new records (0 without any).
+new_offset <- function(fit, newdata) {
+  f <- fit$fixed_formula
+  tt <- stats::terms(f)
+  off <- 0
+  for (i in attr(tt, "offset")) off <- off + eval(attr(tt, "variables")[[i + 1L]][[2L]], newdata, environment(f))
+  off
+}
+
+# The fixed part x' b of new records with their variances x' V_b x; rows
+# that are not estimable are NA.
+fixed_part <- function(fit, newdata, se) {
+  fb <- fixed_basis(fit)
+  X <- fixed_rows(fit, fb, newdata)
+  ok <- !is.na(fb$bhat)
   est <- rep(TRUE, nrow(X))
   if (!all(ok)) {
     if (!requireNamespace("estimability", quietly = TRUE))
       tstop("the fit has aliased fixed effects; checking estimability needs the package 'estimability'")
     cc <- stats::complete.cases(X)
-    est[cc] <- estimability::is.estble(X[cc, , drop = FALSE], fixed_null_basis(fit))
+    est[cc] <- estimability::is.estble(X[cc, , drop = FALSE], null_basis(fb))
   }
   Xk <- X[, ok, drop = FALSE]
-  fit_ <- drop(Xk %*% b[ok])
+  fit_ <- drop(Xk %*% fb$bhat[ok]) + new_offset(fit, newdata)
   fit_[!est] <- NA
   out <- list(fit = fit_, est = est)
   if (se) {
-    V <- fit$vcov[names(b)[ok], names(b)[ok], drop = FALSE]
-    s <- sqrt(pmax(rowSums((Xk %*% V) * Xk), 0))
+    s <- sqrt(pmax(rowSums((Xk %*% fb$V) * Xk), 0))
     s[!est] <- NA
     out$se <- s
   }
@@ -283,8 +323,7 @@ predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, all
             else tstop("'re.form' must be NULL (all random terms) or NA or ~0 (none); a subset of random terms is not available yet")
   if (!is.logical(allow.new.levels) || length(allow.new.levels) != 1L || is.na(allow.new.levels))
     tstop("'allow.new.levels' must be TRUE or FALSE")
-  X <- engine_fixed_matrix(object, newdata)
-  fp <- fixed_part(object, X, isTRUE(se.fit))
+  fp <- fixed_part(object, newdata, isTRUE(se.fit))
   if (any(!fp$est))
     warning(sprintf("tarnel: %d row(s) of 'newdata' ask for fixed effects the data do not estimate; their predictions are NA",
                     sum(!fp$est)), call. = FALSE)

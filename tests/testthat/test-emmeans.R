@@ -69,6 +69,17 @@ test_that("emmeans on tarnel fits agrees with emmeans on lmer: means and standar
   fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
                   yield ~ variety * opoly(nitrogen, 2), random = ~ block + wholeplot, data = sp)
   expect_same_emmeans(fit, m, ~ variety | nitrogen, at = list(nitrogen = c(0, 55, 120)))
+  fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
+                  yield ~ variety * poly(nitrogen, 2), random = ~ block + wholeplot, data = sp)
+  expect_same_emmeans(fit, m, ~ variety | nitrogen, at = list(nitrogen = c(0, 55, 120)))
+  # a function of a variable in the formula: the grid is over the variable
+  oats <- utils::read.csv(file.path(system.file("extdata", "reference", "oats", package = "tarnel"), "data.csv"),
+                          stringsAsFactors = TRUE)
+  m <- suppressMessages(lme4::lmer(yield ~ factor(nitro) * Variety + (1 | Block) + (1 | Block:Variety), oats))
+  fit <- held_fit(m, c(Block = "Block (Intercept)", "Block:Variety" = "Block:Variety (Intercept)"),
+                  yield ~ factor(nitro) * Variety + (1 | Block) + (1 | Block:Variety), data = oats)
+  expect_same_emmeans(fit, m, ~ Variety)
+  expect_same_emmeans(fit, m, ~ nitro | Variety)
   sp$gn <- sp$nitrogen * (sp$variety == "Gold")
   m <- suppressMessages(lme4::lmer(yield ~ variety + nitrogen + gn + (1 | block) + (1 | wholeplot), sp))
   fit <- held_fit(m, c(block = "block (Intercept)", wholeplot = "wholeplot (Intercept)"),
@@ -84,6 +95,10 @@ test_that("emmeans on tarnel fits agrees with emmeans on lmer: means and standar
   expect_same_emmeans(fit, m, ~ A)
   expect_same_emmeans(fit, m, ~ A * B)
   expect_true(anyNA(suppressMessages(summary(emmeans::emmeans(fit, ~ A)))$emmean))
+  # the same in the engine's coding (a term R's model matrix cannot form)
+  fit <- held_fit(m, c(block = "block (Intercept)"), y ~ helmert(A) * B, random = ~ block, data = ub)
+  expect_identical(fit$fixed_info$basis, "engine")
+  expect_same_emmeans(fit, m, ~ A * B)
   # nested: C within A
   m <- suppressMessages(lme4::lmer(y ~ A / C + (1 | block), ub))
   fit <- held_fit(m, c(block = "block (Intercept)"), y ~ A / C, random = ~ block, data = ub)
@@ -98,10 +113,10 @@ test_that("new data: predictions with and without random effects against lme4", 
   skip_if_not_installed("estimability")
   sl <- lme4::sleepstudy
   m <- suppressMessages(lme4::lmer(Reaction ~ Days + (Days | Subject), sl))
-  fit <- held_fit(m, c("coefs(Subject, ~Days)!(Intercept)" = "Subject (Intercept)",
-                       "coefs(Subject, ~Days)!Days:(Intercept)" = "Subject (Intercept) Days",
-                       "coefs(Subject, ~Days)!Days" = "Subject Days"),
-                  Reaction ~ Days, random = ~ coefs(Subject, ~ Days), data = sl)
+  fit <- held_fit(m, c("Subject: (Intercept)" = "Subject (Intercept)",
+                       "Subject: cov((Intercept), Days)" = "Subject (Intercept) Days",
+                       "Subject: Days" = "Subject Days"),
+                  Reaction ~ Days + (Days | Subject), data = sl)
   nd <- data.frame(Days = c(0, 2.5, 9, 4, 12), Subject = factor(c("308", "372", "337", "999", "308")))
   expect_error(ns$predict_newdata(fit, nd), "did not see.*999")
   p <- ns$predict_newdata(fit, nd, allow.new.levels = TRUE, se.fit = TRUE)
@@ -135,7 +150,7 @@ test_that("the design of new data repeats the engine's, term functions included"
                   C = factor(sample(c("c1", "c2", "c3", "c4"), n, TRUE)), x = runif(n, 0.5, 3), z = rnorm(n),
                   s = sample(c(1, 2, 5), n, TRUE))
   f <- y ~ A + tr_log(x, 1) + tr_pow(x, 1.5) + tr_sin(z, 4) + above(x, 1.5) + opoly(z, 2) + helmert(C) +
-    grp(C, list(g1 = c("c1", "c2"), g2 = "c4")) + at(B, "b1"):x + A:z
+    grp(C, list(g1 = c("c1", "c2"), g2 = "c4")) + at(B, "b1"):x + A:z + factor(s > 1):A + poly(x, 2) + I(z^2)
   fit <- suppressWarnings(quiet(tarnel(f, random = ~ cov_ar1(s):B, data = d, keep_design = TRUE)))
   X <- ns$engine_fixed_matrix(fit, d)
   expect_equal(unname(X), unname(fit$design[, colnames(X)]), tolerance = 1e-10)
@@ -155,7 +170,8 @@ test_that("predictions for the fit's own records are its fitted values, for stru
     list(quiet(tarnel(y ~ sex, random = ~ cov_known(animal, ainv), data = ref("animal"))), ref("animal")),
     list(quiet(tarnel(yield ~ nitro, random = ~ cov_diag(Variety):Block, data = oats)), oats),
     list(quiet(tarnel(yield ~ variety, random = ~ rep, residual = ~ cov_ar1(col):cov_ar1(row), data = field)), field),
-    list(quiet(tarnel(distance ~ age + Sex, random = ~ coefs(Subject, ~ age), data = ref("orthodont_rr"))), ref("orthodont_rr")))
+    list(quiet(tarnel(distance ~ age + Sex, random = ~ coefs(Subject, ~ age), data = ref("orthodont_rr"))), ref("orthodont_rr")),
+    list(quiet(tarnel(log(yield) ~ Variety * factor(nitro) + offset(nitro / 10), random = ~ Block, data = ref("oats"))), ref("oats")))
   for (f in fits) {
     expect_equal(ns$predict_newdata(f[[1]], f[[2]]), fitted(f[[1]]), tolerance = 1e-10, ignore_attr = TRUE)
     expect_equal(ns$predict_newdata(f[[1]], f[[2]], re.form = NA), fitted(f[[1]], "fixed"), tolerance = 1e-10,
