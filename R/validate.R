@@ -156,7 +156,8 @@ check_lincon <- function(lincon) {
 grid_factors <- function(residual) {
   if (!inherits(residual, "formula") || length(residual) != 2L) return(NULL)
   rhs <- residual[[2L]]
-  if (!is.call(rhs) || identical(as.character(rhs[[1L]]), "het")) return(NULL)
+  # het() and the distance-based structures keep the records as they are.
+  if (!is.call(rhs) || identical(as.character(rhs[[1L]]), "het") || is_spatial_call(rhs)) return(NULL)
   v <- all.vars(residual)
   if (length(v)) v else NULL
 }

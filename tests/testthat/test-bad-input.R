@@ -50,9 +50,9 @@ corpus <- list(
   case("start", "name twice", base_fit(start = c(block = 1, block = 2)), "error", "'start' names the parameter 'block' twice"),
   case("start", "unknown name", base_fit(start = c(blk = 1)), "error", "no parameter named 'blk'; the parameters are: block, residual"),
   case("start", "correlation 1", tarnel(yield ~ variety, residual = ~ cov_ar1(row):cov_ar1(col), data = ft,
-                                        start = c("residual!row:ar1" = 1)), "error", "correlation and must lie strictly between -1 and 1, not 1"),
+                                        start = c("residual: row ar1" = 1)), "error", "correlation and must lie strictly between -1 and 1, not 1"),
   case("start", "correlation 1.5", tarnel(yield ~ variety, residual = ~ cov_ar1(row):cov_ar1(col), data = ft,
-                                          start = c("residual!col:ar1" = 1.5)), "error", "strictly between -1 and 1, not 1.5"),
+                                          start = c("residual: col ar1" = 1.5)), "error", "strictly between -1 and 1, not 1.5"),
   case("constraints", "constrain \"fix\"", base_fit(constrain = c(block = "fix")), "error", "must be \"fixed\", \"positive\" or \"unconstrained\", not \"fix\""),
   case("constraints", "fixed at 0 on purpose", base_fit(start = c(block = 0), constrain = c(block = "fixed")), "fit",
        check = function(f) f$varcomp["block", "component"] < 1e-6 * f$sigma2 && f$varcomp["block", "constraint"] == "fixed" &&
@@ -71,7 +71,7 @@ corpus <- list(
   case("data columns", "covariate at the missing mark", tarnel(yield ~ nitrogen, data = with_col("nitrogen", replace(ft$nitrogen, 3, 1e37))),
        "error", "column 'nitrogen' holds 1e\\+37 in record 3.*rescale"),
   case("data columns", "missing covariate value", tarnel(yield ~ nitrogen, data = with_col("nitrogen", replace(ft$nitrogen, 5, NA))),
-       "error", "missing values in the model's column 'nitrogen' \\(1, first in row 5.*na_design"),
+       "error", "the model term 'nitrogen' has 1 missing value.*first in record 5.*na_design"),
   case("data columns", "levels only on missing responses", base_fit(data = with_col("yield", replace(ft$yield, ft$variety == "V01", NA))),
        "fit", "level V01 of 'variety' occurs only on records with a missing response",
        check = function(f) {
@@ -96,7 +96,7 @@ corpus <- list(
   # The unit fit holds block B3's variance at its boundary too.
   case("response", "scaled by 1e150, het residual",
        tarnel(yield ~ variety, residual = ~ het(block), data = with_col("yield", ft$yield * 1e150)), "warning",
-       "held at a boundary: residual!block:B3",
+       "held at a boundary: residual: block B3",
        check = function(f) {
          g <- suppressWarnings(quiet(tarnel(yield ~ variety, residual = ~ het(block), data = ft)))
          isTRUE(all.equal(f$varcomp$component / 1e300, g$varcomp$component, tolerance = 1e-5)) &&
@@ -110,7 +110,7 @@ corpus <- list(
        check = function(f) is.na(f$varcomp["b2", "component"])),
   case("reporting", "variance at a boundary (the shipped pedigree example)",
        tarnel(weight ~ sex + herd, random = ~ cov_known(animal, ped_records_ainv), data = pedigree_records), "warning",
-       "held at a boundary: cov_known\\(animal, ped_records_ainv\\)!animal:variance",
+       "held at a boundary: cov_known\\(animal, ped_records_ainv\\): variance",
        check = function(f) all(f$varcomp$constraint %in% c("boundary", "positive"))),
 
   case("runaway", "300 records on a 300 x 300 grid",
