@@ -250,10 +250,6 @@ void structure_source(IterationWork& w, RowSource& src, int n, int r) {
 // The update list: every parameter but those equal to the missing mark and
 // the zeros among the model positions' own parameters.
 StepResult find_update_list(IterationWork& w) {
-  if (host_interrupt_pending()) {
-    g5verror("Interrupted by the user", 4);
-    return fault(w.nfault, 1);
-  }
   AiStructures& s = w.a.structures;
   IterationState& st = w.st;
   const double mv = w.a.data.dpmv[0];
@@ -863,6 +859,13 @@ int g5vitr(AiControlArgs& a, IterationState& st, int iter, int& nfault) {
   nfault = 0;
   IterationWork w(a, st, iter, nfault);
   for (IterationStep step : kSteps) {
+    // The user may interrupt between the steps: the run ends in order with
+    // the fault, and R gets the message.
+    if (host_interrupt_pending()) {
+      g5verror("Interrupted by the user", 4);
+      fault(w.nfault, 1);
+      return 1;
+    }
     const StepResult r = step(w);
     if (r == StepResult::kFault) return 1;
     if (r == StepResult::kStop) return 0;
