@@ -34,7 +34,7 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
-                   keep_design = FALSE, control = tarnel_control()) {
+                   keep_design = FALSE, control = tarnel_control(), family = NULL) {
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
   if (!inherits(fixed, "formula") || length(fixed) != 3L) tstop("'fixed' must be a formula with a response")
@@ -42,6 +42,8 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (nrow(data) < 1L) tstop("'data' has no records")
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
+  glm <- glm_prepare(family, fixed, data, weights, env)
+  fixed <- glm$fixed; data <- glm$data; weights <- glm$weights; glm <- glm$glm
   yname <- var_name(fixed[[2L]], "the response")
   data_column(data, yname)
   resid <- parse_residual(residual, data, env)
@@ -52,7 +54,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
   model <- parse_model(fixed, random, resid, arranged$data, weights, na_response, na_design, env)
   table <- build_term_table(model)
-  struc <- build_struc(model, table)
+  struc <- glm_struc(glm, model, table, build_struc(model, table))
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
   fit <- assemble_fit(out, model, table, struc, arranged, control)
@@ -60,13 +62,14 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     # Stopped while the log-likelihood still moved: go on from the
     # estimates, where the steps are short and the test is tight.
     first <- fit$iterations
-    struc <- apply_constraints(build_struc(model, table), fit$gammas, constrain, equal, lincon)
+    struc <- apply_constraints(glm_struc(glm, model, table, build_struc(model, table)), fit$gammas, constrain, equal, lincon)
     out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
     fit <- assemble_fit(out, model, table, struc, arranged, control)
     it <- fit$iterations
     if (nrow(it)) it$iteration <- it$iteration + nrow(first)
     fit$iterations <- rbind(first, it)
   }
+  fit <- glm_finish(fit, glm, out)
   fit$call <- match.call()
   warn_fit(fit)
   fit
@@ -119,7 +122,7 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
       ws <- ws * 4
       next
     }
-    if (status != 0L)
+    if (status != 0L && status != 300005L)  # 300005: a generalised fit stopped at the bounds, reported as a warning
       stop(sprintf("tarnel: %s (engine status %d)", if (nzchar(text)) text else "the engine failed", status),
            call. = FALSE)
     break
@@ -154,6 +157,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
     aiopt[4L] <- 1L                                           # the order file ...
     aiopt[32L] <- 8L                                          # ... on its unit
   }
+  if (!is.null(struc$glm_weights)) aiopt[8L] <- struc$glm_weights  # the working weights of a generalised model
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter
@@ -190,7 +194,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
     struc = es,
     ainv = list(nainv = fr(struc$ainv$nainv), lcainv = fr(struc$ainv$lcainv), llainv = fr(struc$ainv$llainv),
                 ainv = fr(struc$ainv$ainv)),
-    glm = list(id = fr(1L), link = fr(1L), glmphi = fr(1), thrlevels = fr(0L)),
+    glm = lapply(glm_list(struc), fr),
     predict = list(npred = fresh_int(1L), nfinmd = fr(0L), pvals = fr(0), lpvals = fr(0L), lpwts = fr(0L),
                    prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = fr(0L), ivals = fr(0L),
                    vpvmat = fr(0), avsed = double(10), pvtext = raw(80)),
@@ -204,7 +208,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace) {
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
                soln = double(neq), vsoln = double(neq), resid = double(nrow),
                linearPredictors = double(nrow), hat = double(nrow), sigma2 = double(1),
-               deviance = double(1), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
+               deviance = double(control$maxiter + 2L), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
                nsing = fresh_int(1L), ai = double(max(1, ngamma * (ngamma + 1) / 2)), yssqu = double(max(1L, nfactp)),
                Cfixed = Cfixed, Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),
                aovTbl = double(1), apstvar = double(1), converge = fresh_int(1L),
