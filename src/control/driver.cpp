@@ -169,7 +169,7 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
   const int ncol = std::max(ngamma, 1);
   run.it.design = layout;
   const i64 nhist = 8 * static_cast<i64>(ncol);
-  const i64 nglm = run.glm ? 3 * layout.records : 0;
+  const i64 nglm = run.glm ? 4 * layout.records : 0;
   run.it.floor = floor + nhist + nglm;
   if (run.it.floor + *a.terms.neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
     st.runTrn = 4.0 * *a.terms.neq;
@@ -199,9 +199,9 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
   return true;
 }
 
-// The generalised step's view of the design rows, and three blocks of a
+// The generalised step's view of the design rows, and four blocks of a
 // word a row from `base`: the responses as formed, the group sizes or
-// prior weights, and the offsets.  The working weights go into the known
+// prior weights, the offsets and the linear predictors.  The working weights go into the known
 // diagonal matrix whose first value stands at position aiopt[7] of the
 // known matrices' values.  Returns false when that place does not fit.
 bool setup_glm_pass(FitRun& run, const DesignLayout& layout, i64 base) {
@@ -235,6 +235,7 @@ bool setup_glm_pass(FitRun& run, const DesignLayout& layout, i64 base) {
     off[r] = d.offsetcol > 0 ? d.datafr[at + d.offsetcol - 1] : 0.0;
   }
   p.n = span<const double>(n.data(), n.size());
+  p.eta = span<double>(blk + 3 * records, static_cast<std::size_t>(records));
   if (d.offsetcol > 0) p.offset = span<const double>(off.data(), off.size());
   p.soln = span<const double>(a.results.soln.data(), static_cast<std::size_t>(*a.terms.neq));
   p.weights = a.known.ainv.subspan(static_cast<std::size_t>(wpos - 1), static_cast<std::size_t>(records));
@@ -409,10 +410,12 @@ LoopAction test_convergence(FitRun& run, bool last) {
   ci.maxiter = *o.maxiter;
   const ConvergenceResult cr = convergence_test(ci, run.convergence);
   if (run.glm) {
-    // A generalised model also waits for its deviance to settle.
+    // A generalised model also waits for its deviance and its linear
+    // predictor to settle.
     const double dev = run.pass.deviance, change = std::fabs(dev - run.last_deviance);
     run.last_deviance = dev;
-    if (cr.converged && change > 1e-6 * (std::fabs(dev) + 1.0)) return LoopAction::kNext;
+    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || run.pass.eta_change > 1e-8))
+      return LoopAction::kNext;
   }
   if (cr.converged) {
     set_errtxt(a, "LogLikelihood Converged");

@@ -90,7 +90,9 @@ struct GlmmPass {
   double* weights_logdet = nullptr;  // cached log determinant of the weights: cleared
   int count = 1;                   // the pass's count: 1 is the first pass
   int counts[2] = {0, 0};          // start's count flag; data given as counts (-1)
+  span<double> eta;                // the linear predictor of each row at the last pass
   double deviance = 0;             // out: the sum of the records' terms
+  double eta_change = 0;           // out: the largest change of eta, relative to 1 + |eta|
   GlmCommon common;
 };
 

@@ -79,6 +79,9 @@ int walk_records(GlmModel& m, GlmmPass& p, int& valid) {
     c.y = missing ? kMissingGlm : y;
     const double off = p.offset.empty() ? 0.0 : p.offset[r];
     double eta = first ? initql(m, missing ? 0.0 : y, n, false, p.counts[0]) : row_eta(p, r) + off;
+    if (!first && !p.eta.empty())
+      p.eta_change = std::max(p.eta_change, std::fabs(eta - p.eta[r]) / (1.0 + std::fabs(eta)));
+    if (!p.eta.empty()) p.eta[r] = eta;
     p.weights[r] = aiglms(m, eta, c, p.deviance);
     if (missing) continue;  // the record stays out of the equations
     ++valid;
@@ -102,6 +105,7 @@ int aiglmm(GlmModel& m, GlmmPass& p) {
     c.nlow = c.nhigh = 0;
     c.sumlow = c.sumhigh = 0;
     p.deviance = 0;
+    p.eta_change = 0;
     valid = 0;
     status = walk_records(m, p, valid);
     if (status != -1) break;
