@@ -170,6 +170,8 @@ glm_struc <- function(g, model, table, struc) {
     struc$profiled <- FALSE
     struc$params$profiled <- FALSE
   }
+  # The AI step treats the weighted residual as one block of records.
+  struc$extra_workspace <- 6 * nrec * (struc$ngamma + 1)
   struc$glm <- g
   struc
 }

@@ -108,7 +108,7 @@ shortage <- function(status, text) {
 # the argument lists as the engine left them.
 run_ctrn <- function(model, table, struc, keep_design, control) {
   nrow <- model$nrow
-  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) else control$workspace
+  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) + sum(struc$extra_workspace) else control$workspace
   repeat {
     args <- ctrn_args(model, table, struc, keep_design, control, ws)
     status <- .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,

@@ -385,7 +385,11 @@ LoopAction record_iteration(FitRun& run) {
   // A step size cut by a bad step or a restrained parameter comes back
   // once the iterations run normally again, so that the last iterations
   // take whole Newton steps.
-  if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0) *o.stepsize = std::min(1.0, 2.0 * *o.stepsize);
+  // A generalised model starts with a step of 0.01 while its working
+  // variate settles from the crude start of the linear predictor; its step
+  // comes back ten times as fast.
+  if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0)
+    *o.stepsize = std::min(1.0, (run.glm ? 10.0 : 2.0) * *o.stepsize);
   return LoopAction::kNext;
 }
 
@@ -414,7 +418,7 @@ LoopAction test_convergence(FitRun& run, bool last) {
     // predictor to settle.
     const double dev = run.pass.deviance, change = std::fabs(dev - run.last_deviance);
     run.last_deviance = dev;
-    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || run.pass.eta_change > 1e-8))
+    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || run.pass.eta_change > 1e-7))
       return LoopAction::kNext;
   }
   if (cr.converged) {
