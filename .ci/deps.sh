@@ -5,7 +5,7 @@
 set -euo pipefail
 need=()
 for p in r-base-dev r-mathlib cmake googletest libgtest-dev r-cran-testthat r-cran-matrix \
-         r-cran-lme4 r-cran-nlme; do
+         r-cran-lme4 r-cran-nlme r-cran-mass; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then
