@@ -2,7 +2,9 @@
 # fixed factor of 10 levels and a covariate, logit link.  Fitted in the
 # same run by tarnel (penalised quasi-likelihood, REML at each step),
 # lme4::glmer(nAGQ = 0) and lme4::glmer (Laplace), each in a fresh R
-# process so that its peak memory (VmHWM) is its own.
+# process so that its peak memory (VmHWM) is its own.  Elapsed and CPU
+# seconds are both printed: on a shared machine the CPU times are the
+# steadier comparison.
 # Run from the package root after `make install`:
 #   R_LIBS=.rlib Rscript bench/glmm.R [records] [levels]
 #
@@ -27,7 +29,7 @@ if (length(args) >= 1 && args[1] == "worker") {
   })
   d <- readRDS(args[3])
   base <- peak_mb()
-  t <- system.time(est <- switch(args[2],
+  st <- system.time(est <- switch(args[2],
     tarnel = {
       f <- tarnel(y ~ F + x, random = ~ A, data = d, family = binomial())
       list(var = f$varcomp["A", "component"], x = unname(coef(f)["x"]), iter = nrow(f$iterations),
@@ -40,8 +42,9 @@ if (length(args) >= 1 && args[1] == "worker") {
     laplace = {
       m <- glmer(y ~ F + x + (1 | A), d, family = binomial)
       list(var = as.data.frame(VarCorr(m))$vcov[1], x = unname(fixef(m)["x"]), iter = NA, converged = TRUE)
-    }))[["elapsed"]]
-  saveRDS(c(est, time = t, peak = peak_mb(), base = base), args[4])
+    }))
+  saveRDS(c(est, time = st[["elapsed"]], cpu = st[["user.self"]] + st[["sys.self"]], peak = peak_mb(), base = base),
+          args[4])
   quit(save = "no")
 }
 
@@ -65,13 +68,15 @@ run <- function(method) {
   readRDS(out)
 }
 res <- lapply(c(tarnel = "tarnel", `glmer(nAGQ = 0)` = "nagq0", `glmer (Laplace)` = "laplace"), run)
-tab <- data.frame(seconds = sapply(res, `[[`, "time"), peak_MB = sapply(res, `[[`, "peak"),
+tab <- data.frame(seconds = sapply(res, `[[`, "time"), cpu_seconds = sapply(res, `[[`, "cpu"), peak_MB = sapply(res, `[[`, "peak"),
                   start_MB = sapply(res, `[[`, "base"), var_A = sapply(res, `[[`, "var"),
                   slope_x = sapply(res, `[[`, "x"))
 cat(sprintf("binomial GLMM: %d records, random factor of %d levels, fixed factor of 10 levels and a covariate\n", n, na))
 cat(sprintf("tarnel: %d iterations, converged %s\n", res$tarnel$iter, res$tarnel$converged))
 print(tab, digits = 4)
-cat(sprintf("ratio glmer(nAGQ = 0) / tarnel: %.2f\n", tab$seconds[2] / tab$seconds[1]))
-cat(sprintf("ratio glmer (Laplace) / tarnel: %.2f\n", tab$seconds[3] / tab$seconds[1]))
+ratio <- function(k, col) tab[[col]][k] / tab[[col]][1]
+cat(sprintf("ratio glmer(nAGQ = 0) / tarnel: %.2f elapsed, %.2f CPU\n", ratio(2, "seconds"), ratio(2, "cpu_seconds")))
+cat(sprintf("ratio glmer (Laplace) / tarnel: %.2f elapsed, %.2f CPU\n", ratio(3, "seconds"), ratio(3, "cpu_seconds")))
+cat(sprintf("load average at the end: %s\n", paste(utils::head(scan("/proc/loadavg", quiet = TRUE), 3), collapse = " ")))
 cat("peak_MB is each process's peak resident memory (R and the packages included: start_MB before the fit)\n")
 unlink(data_file)
