@@ -108,7 +108,9 @@ glm_prepare <- function(family, fixed, data, weights, env) {
     y <- as.double(y)
     ok <- !is.na(y)
     if (g$id == 2L) {
-      if (any(ok & (y < 0 | y > 1))) bad_record(ok & (y < 0 | y > 1), "binomial proportions must lie in [0, 1]")
+      if (any(ok & (y < 0 | y > 1)))
+        bad_record(ok & (y < 0 | y > 1),
+                   "binomial proportions must lie in [0, 1]; counts are given as cbind(successes, failures)")
       if (!is.null(n) && any(ok & n == 0)) bad_record(ok & n == 0, "a binomial total (weight) is 0")
     } else if (g$id %in% c(3L, 5L)) {
       bad <- ok & (y < 0 | abs(y - round(y)) > 1e-8)
