@@ -80,3 +80,27 @@ cat(sprintf("ratio glmer (Laplace) / tarnel: %.2f elapsed, %.2f CPU\n", ratio(3,
 cat(sprintf("load average at the end: %s\n", paste(utils::head(scan("/proc/loadavg", quiet = TRUE), 3), collapse = " ")))
 cat("peak_MB is each process's peak resident memory (R and the packages included: start_MB before the fit)\n")
 unlink(data_file)
+
+# For information: the same small model (lme4::cbpp) by the three
+# estimators.  tarnel gives the PQL-REML fixed point (dispersion fixed at
+# 1); MASS::glmmPQL runs PQL with ML at each step and estimates a residual
+# scale, so its herd variance is smaller; glmer maximises the Laplace
+# approximation (ML), which for binomial data with small groups gives a
+# larger variance than PQL.
+if (requireNamespace("MASS", quietly = TRUE) && requireNamespace("lme4", quietly = TRUE)) {
+  suppressPackageStartupMessages(library(tarnel))
+  cb <- lme4::cbpp
+  cb$fail <- cb$size - cb$incidence
+  invisible(utils::capture.output(ft <- tarnel(cbind(incidence, fail) ~ period, random = ~ herd, data = cb,
+                                               family = binomial())))
+  pq <- suppressMessages(MASS::glmmPQL(cbind(incidence, fail) ~ period, random = ~ 1 | herd, family = binomial,
+                                      data = cb, verbose = FALSE))
+  gl <- lme4::glmer(cbind(incidence, fail) ~ period + (1 | herd), cb, family = binomial)
+  b <- coef(ft)
+  cmp <- rbind(tarnel = c(herd = ft$varcomp["herd", "component"], intercept = b[["period1"]],
+                          period2 = b[["period2"]] - b[["period1"]]),
+               glmmPQL = c(as.numeric(nlme::VarCorr(pq)[1, 1]), nlme::fixef(pq)[1:2]),
+               glmer = c(as.data.frame(lme4::VarCorr(gl))$vcov[1], lme4::fixef(gl)[1:2]))
+  cat("\ncbpp (56 records, 15 herds): herd variance and the first fixed effects\n")
+  print(cmp, digits = 4)
+}
