@@ -25,6 +25,7 @@ sim <- function(n = 300) {
 }
 
 test_that("without a random term every family and link is stats::glm", {
+  skip_if_not_installed("MASS")
   d <- sim()
   cases <- list(
     list("yb", binomial("logit")), list("yb", binomial("probit")), list("yb", binomial("cloglog")),
@@ -91,6 +92,7 @@ test_that("the reference binomial and Poisson GLMMs reach the PQL REML fixed poi
 })
 
 test_that("bad data and families are refused before the engine runs, naming the record", {
+  skip_if_not_installed("MASS")
   d <- sim(20)
   d$yp[4] <- -1
   expect_error(tarnel(yp ~ x, data = d, family = poisson()), "record 4")
