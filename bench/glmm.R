@@ -77,7 +77,7 @@ print(tab, digits = 4)
 ratio <- function(k, col) tab[[col]][k] / tab[[col]][1]
 cat(sprintf("ratio glmer(nAGQ = 0) / tarnel: %.2f elapsed, %.2f CPU\n", ratio(2, "seconds"), ratio(2, "cpu_seconds")))
 cat(sprintf("ratio glmer (Laplace) / tarnel: %.2f elapsed, %.2f CPU\n", ratio(3, "seconds"), ratio(3, "cpu_seconds")))
-cat(sprintf("load average at the end: %s\n", paste(utils::head(scan("/proc/loadavg", quiet = TRUE), 3), collapse = " ")))
+cat(sprintf("load average at the end: %s\n", paste(utils::head(strsplit(readLines("/proc/loadavg"), " ")[[1]], 3), collapse = " ")))
 cat("peak_MB is each process's peak resident memory (R and the packages included: start_MB before the fit)\n")
 unlink(data_file)
 
