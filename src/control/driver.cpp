@@ -385,11 +385,11 @@ LoopAction record_iteration(FitRun& run) {
   // A step size cut by a bad step or a restrained parameter comes back
   // once the iterations run normally again, so that the last iterations
   // take whole Newton steps.
-  // A generalised model starts with a step of 0.01 while its working
-  // variate settles from the crude start of the linear predictor; its step
-  // comes back ten times as fast.
+  // A generalised model takes a step of 0.01 on its first iteration, while
+  // its working variate settles from the crude start of the linear
+  // predictor, and whole steps after it.
   if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0)
-    *o.stepsize = std::min(1.0, (run.glm ? 10.0 : 2.0) * *o.stepsize);
+    *o.stepsize = run.glm ? 1.0 : std::min(1.0, 2.0 * *o.stepsize);
   return LoopAction::kNext;
 }
 
