@@ -101,7 +101,12 @@ glm_prepare <- function(family, fixed, data, weights, env) {
   } else {
     y <- eval(lhs, data, env)
     if (g$id == 2L) {
-      if (is.factor(y)) y <- as.numeric(y != levels(y)[1L])
+      if (is.factor(y)) {
+        if (nlevels(y) > 2L)
+          tstop("a binomial response factor must have two levels; '%s' has %d (an ordinal family is not available yet)",
+                deparse(lhs), nlevels(y))
+        y <- as.numeric(y != levels(y)[1L])
+      }
       if (is.logical(y)) y <- as.numeric(y)
     }
     if (!is.numeric(y) || length(y) != nrow(data)) tstop("the response must be a numeric column of the data")
