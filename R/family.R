@@ -74,9 +74,11 @@ bad_record <- function(bad, what) {
 # The response of a generalised model as the engine takes it: binomial
 # data as proportions with the group sizes as weights.  Returns the formula
 # and data with the response (and the group sizes) in columns of their own.
-glm_prepare <- function(family, fixed, data, weights, env) {
+glm_prepare <- function(family, fixed, data, weights, env, na_response = "drop") {
   g <- glm_family(family)
   if (is.null(g)) return(list(glm = NULL, fixed = fixed, data = data, weights = weights))
+  if (na_response != "drop")
+    tstop("a generalised model drops the records of a missing response: na_response = \"%s\" is not available", na_response)
   lhs <- fixed[[2L]]
   n <- NULL
   if (!is.null(weights)) {

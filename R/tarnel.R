@@ -42,7 +42,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (nrow(data) < 1L) tstop("'data' has no records")
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
-  glm <- glm_prepare(family, fixed, data, weights, env)
+  glm <- glm_prepare(family, fixed, data, weights, env, na_response)
   fixed <- glm$fixed; data <- glm$data; weights <- glm$weights; glm <- glm$glm
   yname <- var_name(fixed[[2L]], "the response")
   data_column(data, yname)
