@@ -199,6 +199,7 @@ glm_finish <- function(fit, g, out) {
   if (is.null(g)) return(fit)
   fam <- g$family
   eta <- fit$fitted
+  if (!is.null(fit$offset)) eta <- eta + fit$offset  # the engine's offset column
   mu <- fam$linkinv(eta)
   ok <- !is.na(mu) & !is.na(g$y)
   dev <- sum(fam$dev.resids(g$y[ok], mu[ok], g$n[ok]))
