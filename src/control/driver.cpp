@@ -414,12 +414,13 @@ LoopAction test_convergence(FitRun& run, bool last) {
   ci.maxiter = *o.maxiter;
   const ConvergenceResult cr = convergence_test(ci, run.convergence);
   if (run.glm) {
-    // A generalised model also waits for its deviance and its linear
-    // predictor to settle.
+    // A generalised model also waits for its deviance to settle, and with
+    // no variance parameter to estimate (where the log-likelihood says
+    // little) for its linear predictor.
     const double dev = run.pass.deviance, change = std::fabs(dev - run.last_deviance);
     run.last_deviance = dev;
-    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || run.pass.eta_change > 1e-7))
-      return LoopAction::kNext;
+    const bool eta_moving = run.it.nwv == 0 && run.pass.eta_change > 1e-7;
+    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || eta_moving)) return LoopAction::kNext;
   }
   if (cr.converged) {
     set_errtxt(a, "LogLikelihood Converged");
