@@ -29,13 +29,18 @@ progress_wanted <- function(control) {
 engine_notices <- function(log) {
   if (!length(log) || !nzchar(log)) return(character())
   lines <- strsplit(paste(log, collapse = ""), "\n", fixed = TRUE)[[1L]]
-  hits <- grep("^ *(Note|Notice|Warning): ", lines, value = TRUE)
-  unique(trimws(hits))
+  hits <- trimws(grep("^ *(Note|Notice|Warning): ", lines, value = TRUE))
+  # A notice repeated with other numbers (one an iteration) is given once,
+  # as it last stood.
+  key <- gsub("[-+0-9.eE]+", "#", hits)
+  hits[!duplicated(key, fromLast = TRUE)]
 }
 
-# Gives each engine message as one R warning.
-warn_engine_notices <- function(log) {
-  for (m in engine_notices(log)) warning(sprintf("tarnel engine: %s", m), call. = FALSE)
+# Gives each engine message as one R warning.  `shown`: messages the fit
+# reports in its own print (the note on the log-likelihood of a generalised
+# model), which need no warning.
+warn_engine_notices <- function(log, shown = character()) {
+  for (m in setdiff(engine_notices(log), shown)) warning(sprintf("tarnel engine: %s", m), call. = FALSE)
   invisible(NULL)
 }
 

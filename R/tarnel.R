@@ -40,7 +40,7 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, subset = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
-                   keep_design = FALSE, control = tarnel_control()) {
+                   keep_design = FALSE, control = tarnel_control(), family = NULL) {
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
   wexpr <- substitute(weights)
@@ -50,7 +50,22 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
   formulae <- list(fixed = fixed, random = random, residual = residual)
-  prep <- prepare_data(fixed, random, data, substitute(weights), substitute(subset), env)
+  glm <- NULL
+  if (!is.null(family)) {
+    # A generalised response (proportions, cbind(successes, failures), a
+    # two-level factor) becomes a numeric column, and the group sizes its
+    # weights column.
+    wcol <- NULL
+    if (!is.null(wexpr)) {
+      data[[".tarnel_weights"]] <- if (is.character(wexpr)) data[[wexpr]] else eval(wexpr, data, env)
+      wcol <- ".tarnel_weights"
+    }
+    g <- glm_prepare(family, fixed, data, wcol, env, na_response)
+    fixed <- g$fixed; data <- g$data; wexpr <- g$weights; glm <- g$glm
+  }
+  prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env)
+  if (!is.null(glm) && !is.null(prep$offset))
+    tstop("offset() in a generalised model is not available yet")
   fixed <- prep$fixed
   random <- prep$random
   data <- prep$data
@@ -68,9 +83,9 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # Records in the rows of the user's data (after any subset).
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
-  model <- diagnose_model(model)
+  model <- diagnose_model(model, scale = is.null(glm))
   table <- build_term_table(model)
-  struc <- build_struc(model, table)
+  struc <- glm_struc(glm, model, table, build_struc(model, table))
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
   log <- out$log
@@ -79,7 +94,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     # Stopped while the log-likelihood still moved: go on from the
     # estimates, where the steps are short and the test is tight.
     first <- fit$iterations
-    struc <- apply_constraints(build_struc(model, table), fit$gammas, constrain, equal, lincon)
+    struc <- apply_constraints(glm_struc(glm, model, table, build_struc(model, table)), fit$gammas, constrain, equal, lincon)
     out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
     log <- paste0(log, out$log)
     fit <- assemble_fit(out, model, table, struc, arranged, control)
@@ -90,11 +105,12 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   fit$call <- match.call()
   fit$log <- log
   fit <- finish_fit(fit, out, arranged, prep, formulae)
+  fit <- glm_finish(fit, glm, out)
   if (isTRUE(control$trace))
     message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
                     fit$loglik_standard, fit$loglik))
   fit <- finish_fixed(fit, fixed)
-  warn_engine_notices(log)
+  warn_engine_notices(log, shown = if (!is.null(glm)) "Note: The LogLik value is unsuitable for comparing GLM models")
   warn_fit(fit)
   fit
 }
@@ -132,7 +148,7 @@ shortage <- function(status, text) {
 # the argument lists as the engine left them.
 run_ctrn <- function(model, table, struc, keep_design, control) {
   nrow <- model$nrow
-  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) + struc$ainv$words else control$workspace
+  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) + sum(struc$ainv$words) + sum(struc$extra_workspace) else control$workspace
   log <- character()
   progress <- progress_wanted(control)
   repeat {
@@ -154,7 +170,8 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
       if (isTRUE(control$trace)) message(sprintf("tarnel: retrying with a work array of %.0f words", ws))
       next
     }
-    if (status != 0L) engine_failure(status, text, args, model, struc, notes = engine_notices(log))
+    # 300005: a generalised fit stopped at the bounds of its link, reported as a warning
+    if (status != 0L && status != 300005L) engine_failure(status, text, args, model, struc, notes = engine_notices(log))
     break
   }
   records <- args$aiopt[63L]
@@ -190,6 +207,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     aiopt[4L] <- 1L                                           # the order file ...
     aiopt[32L] <- 8L                                          # ... on its unit
   }
+  if (!is.null(struc$glm_weights)) aiopt[8L] <- struc$glm_weights  # the working weights of a generalised model
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter
@@ -226,7 +244,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     struc = es,
     ainv = list(nainv = fr(struc$ainv$nainv), lcainv = fr(struc$ainv$lcainv), llainv = fr(struc$ainv$llainv),
                 ainv = fr(struc$ainv$ainv)),
-    glm = list(id = fr(1L), link = fr(1L), glmphi = fr(1), thrlevels = fr(0L)),
+    glm = lapply(glm_list(struc), fr),
     predict = list(npred = fresh_int(1L), nfinmd = fr(0L), pvals = fr(0), lpvals = fr(0L), lpwts = fr(0L),
                    prdvals = matrix(0, 1, 5), nptabl = integer(16), npfact = fr(0L), ivals = fr(0L),
                    vpvmat = fr(0), avsed = double(10), pvtext = raw(80)),
@@ -240,7 +258,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
                soln = double(neq), vsoln = double(neq), resid = double(nrow),
                linearPredictors = double(nrow), hat = double(nrow), sigma2 = double(1),
-               deviance = double(1), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
+               deviance = double(control$maxiter + 2L), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
                nsing = fresh_int(1L), ai = double(max(1, ngamma * (ngamma + 1) / 2)), yssqu = double(max(1L, nfactp)),
                Cfixed = Cfixed, Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),
                aovTbl = double(7L * max(1L, nfactp)), apstvar = double(1), converge = fresh_int(1L),

@@ -217,7 +217,7 @@ drop_missing_only_levels <- function(data, yname, cols) {
 # R can see: too few records, a constant response, level counts that
 # explode; scales a response far from unit size by a power of two (undone
 # exactly in the results) so that the fit does not depend on the units.
-diagnose_model <- function(model) {
+diagnose_model <- function(model, scale = TRUE) {
   if (identical(model$na_response, "keep")) {
     # A kept record's missing response gets an equation of its own: the row
     # stays, and the missing value leaves the likelihood.
@@ -237,7 +237,8 @@ diagnose_model <- function(model) {
   if (!is.finite(sdv) || sdv > 1e150 || sdv < 1e-150)
     tstop("the response '%s' has a spread (standard deviation %s) whose square, a variance, is beyond double precision: rescale the response",
           model$response, if (is.finite(sdv)) format(sdv, digits = 3) else "beyond 1e308")
-  s <- response_scale(yp)
+  # A generalised response keeps its own scale: counts and proportions are not rescaled.
+  s <- if (scale) response_scale(yp) else 1
   model$yscale <- s
   if (s != 1) {
     model$y <- y / s

@@ -9,6 +9,7 @@
 #include "control/iteration.h"
 #include "control/run_helpers.h"
 #include "average_info/average_info.h"
+#include "generalised/generalised.h"
 #include "host/console.h"
 #include "host/messages.h"
 #include "prediction/prediction.h"
@@ -82,6 +83,14 @@ struct FitRun {
   ConvergenceState convergence;
   bool aborted = false;
   bool predicting = false;  // prediction tables are formed in the last iteration
+  // A generalised model: its family, the step's pass over the records, the
+  // counter of inner passes and the deviance of the last iteration.
+  bool glm = false;
+  GlmModel family;
+  GlmmPass pass;
+  int glm_counter = 6;
+  double last_deviance = 0;
+  bool glm_failed = false;
 };
 
 // What the loop does after a step of an iteration.
@@ -115,12 +124,22 @@ bool prepare_run(FitRun& run, const DesignLayout& layout) {
   // Leading zero parameters are passed over.
   int& nfrstg = *s.nfrstg;
   while (nfrstg < s.ngamma && s.gammas[nfrstg] == 0.0) ++nfrstg;
-  // Generalised models come with their own step.
+  // Generalised models: one residual section of records weighted by the
+  // step's weights.
   if (a.glm.id > 1 || a.glm.link > 1) {
-    set_errtxt(a, "Generalised models are not available in this version");
-    vprt("Generalised models are not available in this version\n");
-    fault_exit(a);
-    return false;
+    set_errtxt(a, "Data structure does not suit GLMM");
+    if (s.nsect > 1 || (a.glm.id != kFamilyMultinomial && s.nspat > 1)) {
+      fault_exit(a);
+      return false;
+    }
+    if (a.glm.id == kFamilyMultinomial || a.glm.id > kFamilyNegBinomial) {
+      set_errtxt(a, "Cumulative multinomial models are not available in this version");
+      vprt("Cumulative multinomial models are not available in this version\n");
+      fault_exit(a);
+      return false;
+    }
+    run.glm = true;
+    run.last_deviance = a.results.deviance.empty() ? 0.0 : a.results.deviance[0];
   }
   if (s.nsect < 1) {
     set_errtxt(a, "The model has no residual section");
@@ -136,6 +155,8 @@ bool prepare_run(FitRun& run, const DesignLayout& layout) {
   return true;
 }
 
+bool setup_glm_pass(FitRun& run, const DesignLayout& layout, i64 base);
+
 // The driver's blocks from `floor` up: seven columns of the history ring,
 // the parameters of the last good evaluation, then the iteration's own.
 // Returns false when the run cannot go on.
@@ -147,7 +168,8 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
   const int ncol = std::max(ngamma, 1);
   run.it.design = layout;
   const i64 nhist = 8 * static_cast<i64>(ncol);
-  run.it.floor = floor + nhist;
+  const i64 nglm = run.glm ? 4 * layout.records : 0;
+  run.it.floor = floor + nhist + nglm;
   if (run.it.floor + *a.terms.neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
     st.runTrn = 4.0 * *a.terms.neq;
     return false;
@@ -171,6 +193,76 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
   wald_reserve(a.work.x.r, run.it.vtop, run.it.floor, a.terms, run.it.wald);
   // Column 1 of the history holds the starting values.
   for (int k = 0; k < ngamma; ++k) run.history[k] = s.gammas[k];
+  if (run.glm && !setup_glm_pass(run, layout, floor + nhist)) {
+    fault_exit(a);
+    return false;
+  }
+  return true;
+}
+
+// The generalised step's view of the design rows, and four blocks of a
+// word a row from `base`: the responses as formed, the group sizes or
+// prior weights, the offsets and the linear predictors.  The working weights go into the known
+// diagonal matrix whose first value stands at position aiopt[7] of the
+// known matrices' values.  Returns false when that place does not fit.
+bool setup_glm_pass(FitRun& run, const DesignLayout& layout, i64 base) {
+  AiControlArgs& a = run.a;
+  const AiData& d = a.data;
+  const i64 records = layout.records;
+  const int wpos = aiopt_at(a.options, kAioptGlmWeights);
+  if (wpos < 2 || static_cast<std::size_t>(wpos - 1 + records) > a.known.ainv.size()) {
+    vprt(" The working weights have no place among the known matrices\n");
+    return false;
+  }
+  run.family.id = a.glm.id;
+  run.family.link = a.glm.link;
+  run.family.phi = a.glm.glmphi.empty() ? 1.0 : a.glm.glmphi[0];
+  GlmmPass& p = run.pass;
+  p.val = a.work.x.r + layout.kyxz;
+  p.col = a.work.x.i + 2 * (layout.kyxz + static_cast<u64>(layout.nonzero));
+  p.start = span<const i64>(run.it.start.data(), run.it.start.size());
+  p.records = records;
+  double* blk = a.work.x.r + base;
+  p.ykeep = span<double>(blk, static_cast<std::size_t>(records));
+  span<double> n(blk + records, static_cast<std::size_t>(records));
+  span<double> off(blk + 2 * records, static_cast<std::size_t>(records));
+  const u64 nrows = static_cast<u64>(d.nrow) * static_cast<u64>(std::max(d.ntrt, 1));
+  const i32* rec = a.work.x.i + 2 * (layout.K - nrows);
+  for (i64 r = 0; r < records; ++r) {
+    p.ykeep[r] = p.val[p.start[r] - 1];
+    const i64 row = static_cast<i64>(rec[r]) - 1;
+    const std::size_t at = static_cast<std::size_t>(row) * static_cast<std::size_t>(d.lbin);
+    n[r] = d.wtcol > 0 ? d.datafr[at + d.wtcol - 1] : 1.0;
+    off[r] = d.offsetcol > 0 ? d.datafr[at + d.offsetcol - 1] : 0.0;
+  }
+  p.n = span<const double>(n.data(), n.size());
+  p.eta = span<double>(blk + 3 * records, static_cast<std::size_t>(records));
+  if (d.offsetcol > 0) p.offset = span<const double>(off.data(), off.size());
+  p.soln = span<const double>(a.results.soln.data(), static_cast<std::size_t>(*a.terms.neq));
+  p.weights = a.known.ainv.subspan(static_cast<std::size_t>(wpos - 1), static_cast<std::size_t>(records));
+  p.weights_logdet = &a.known.ainv[static_cast<std::size_t>(wpos - 2)];
+  return true;
+}
+
+// One pass of the generalised step before an iteration.  The count it is
+// given is the iteration plus the stage of the pass; the stage (solve
+// only, or stop before the scores) follows from the counter of passes.
+// Returns false after a failure of the step.
+bool glm_step(FitRun& run) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  run.pass.count = run.iter + aiopt_at(o, kAioptStage);
+  const int status = aiglmm(run.family, run.pass);
+  if (status != 0) {
+    vprt("Program failure fitting GLM\n");
+    a.status.ifault = status + 300000;
+    run.glm_failed = true;
+    return false;
+  }
+  a.glm.link = run.family.link;
+  if (!a.results.deviance.empty()) a.results.deviance[0] = -run.pass.deviance;
+  --run.glm_counter;
+  aiopt_set(o, kAioptStage, std::max(run.glm_counter, 0) / 2);
   return true;
 }
 
@@ -247,8 +339,8 @@ LoopAction judge_iteration(FitRun& run, double llfloor) {
     return LoopAction::kRetry;
   }
   // A fall in the log-likelihood larger than allowed is a bad step.
-  if (run.iter > 1 && aiopt_at(o, kAioptUsModified) == 0 && loglik < llfloor - f32(0.2) * run.it.nwv &&
-      run.nofit < 3) {
+  if (!run.glm && run.iter > 1 && aiopt_at(o, kAioptUsModified) == 0 &&
+      loglik < llfloor - f32(0.2) * run.it.nwv && run.nofit < 3) {
     ++run.nofit;
     pull_back(run);
     if (o.trace == 1) vprt("Logliklihood decreased to %10.2f - trying again with reduced updates\n", loglik);
@@ -294,7 +386,11 @@ LoopAction record_iteration(FitRun& run) {
   // A step size cut by a bad step or a restrained parameter comes back
   // once the iterations run normally again, so that the last iterations
   // take whole Newton steps.
-  if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0) *o.stepsize = std::min(1.0, 2.0 * *o.stepsize);
+  // A generalised model takes a step of 0.01 on its first iteration, while
+  // its working variate settles from the crude start of the linear
+  // predictor, and whole steps after it.
+  if (aiopt_at(o, kAioptRestrained) == 0 && *o.stepsize < 1.0)
+    *o.stepsize = run.glm ? 1.0 : std::min(1.0, 2.0 * *o.stepsize);
   return LoopAction::kNext;
 }
 
@@ -319,6 +415,15 @@ LoopAction test_convergence(FitRun& run, bool last) {
   ci.maxiter = *o.maxiter;
   ci.predict = run.predicting;
   const ConvergenceResult cr = convergence_test(ci, run.convergence);
+  if (run.glm) {
+    // A generalised model also waits for its deviance to settle, and with
+    // no variance parameter to estimate (where the log-likelihood says
+    // little) for its linear predictor.
+    const double dev = run.pass.deviance, change = std::fabs(dev - run.last_deviance);
+    run.last_deviance = dev;
+    const bool eta_moving = run.it.nwv == 0 && run.pass.eta_change > 1e-7;
+    if (cr.converged && (change > 1e-8 * (std::fabs(dev) + 1.0) || eta_moving)) return LoopAction::kNext;
+  }
   if (cr.converged) {
     set_errtxt(a, "LogLikelihood Converged");
     *a.results.converge = 1;
@@ -326,6 +431,46 @@ LoopAction test_convergence(FitRun& run, bool last) {
   if (cr.action == ConvergenceAction::kStop) return LoopAction::kEnd;
   if (cr.action == ConvergenceAction::kFurtherIteration) *o.maxiter = run.iter + 1;
   return LoopAction::kNext;
+}
+
+// One evaluation: in a generalised model the passes of the step and the
+// equations of each, the last pass a whole iteration; otherwise the one
+// iteration.
+LoopAction evaluate(FitRun& run, bool last) {
+  AiControlArgs& a = run.a;
+  AiOptions& o = a.options;
+  const double llfloor = run.lastll - 10.0;
+  aiopt_set(o, kAioptStage, 0);
+  for (;;) {
+    if (run.glm && !glm_step(run)) {
+      if (run.pass.count > 1) return LoopAction::kEnd;
+      text_exit(a);  // bad data: nothing was fitted
+      return LoopAction::kReturn;
+    }
+    aiopt_set(o, kAioptDebugNow, (o.debug != 0 && run.iter <= 2) ? 1 : 0);
+    int nf = 0;
+    g5vitr(a, run.it, run.iter, nf);
+    a.status.ifault = nf;
+    LoopAction next = after_iteration(run, nf);
+    if (next == LoopAction::kNext) next = judge_iteration(run, llfloor);
+    if (next != LoopAction::kNext) return next;
+    if (!run.glm || aiopt_at(o, kAioptStage) == 0) break;
+  }
+  run.glm_counter = 4;
+  // The deviance of each iteration, behind the current one, when the host
+  // gave room for it.
+  if (run.glm && static_cast<std::size_t>(run.iter) < a.results.deviance.size())
+    a.results.deviance[run.iter] = -run.pass.deviance;
+  if (run.glm && run.it.nwv == 0) {
+    // Nothing but the fixed effects: the equations alone say when to stop.
+    aiopt_set(o, kAioptMoving, 0);
+    aiopt_set(o, kAioptRestrained, 0);
+    aiopt_set(o, kAioptNormalStep, 1);
+    aiopt_set(o, kAioptAiCondition, 1000);
+  }
+  LoopAction next = record_iteration(run);
+  if (next == LoopAction::kNext) next = test_convergence(run, last);
+  return next;
 }
 
 // The loop of iterations.  Returns false when the driver must leave at
@@ -338,20 +483,12 @@ bool iterate(FitRun& run) {
     const bool last = run.iter >= *o.maxiter;
     if (last) aiopt_set(o, kAioptLastIteration, 1);
     aiopt_set(o, kAioptPredict, last && run.predicting ? 1 : 0);
-    const double llfloor = run.lastll - 10.0;
-    aiopt_set(o, kAioptDebugNow, (o.debug != 0 && run.iter <= 2) ? 1 : 0);
-    aiopt_set(o, kAioptStage, 0);
-    int nf = 0;
-    g5vitr(a, run.it, run.iter, nf);
-    a.status.ifault = nf;
-    LoopAction next = after_iteration(run, nf);
-    if (next == LoopAction::kNext) next = judge_iteration(run, llfloor);
-    if (next == LoopAction::kNext) next = record_iteration(run);
-    if (next == LoopAction::kNext) next = test_convergence(run, last);
+    const LoopAction next = evaluate(run, last);
     if (next == LoopAction::kReturn) return false;
     if (next == LoopAction::kEnd) return true;
     if (next == LoopAction::kRetry) {
       --run.iter;
+      run.glm_counter = 2;
       continue;
     }
     run.lastll = *a.results.loglik;
@@ -375,7 +512,7 @@ void results_after_fit(FitRun& run) {
         if (at < need && at < a.results.Cfixed.size()) a.results.Cfixed[at] = scale * cinv_at(it.store, it.off, p, q);
       }
   }
-  if (!run.aborted) {
+  if (!run.aborted || run.glm_failed) {
     double hs = a.results.sigma2[0];
     if (a.data.ntrt == 1 && s.nsect == 1 && s.rgmstr[it.scalepos - 1] == 4 && s.gammas[it.scalepos - 1] != 1.0)
       hs = 1.0;
@@ -383,6 +520,17 @@ void results_after_fit(FitRun& run) {
     prediction_finish(a);
     wald_after_fit(a, it.wald, it.profiled ? a.results.sigma2[0] : 1.0);
   }
+}
+
+// The deviance of a generalised model, stored negated, in the log.
+void print_deviance(FitRun& run) {
+  AiControlArgs& a = run.a;
+  if (a.options.trace != 1 || a.results.deviance.empty() || a.results.deviance[0] == 0) return;
+  const double dev = -a.results.deviance[0];
+  const int nedf = a.results.nedf[0];
+  vprt("Deviance fron GLM fit:%9.2f\n", dev);
+  vprt("Variance heterogenity factor (Deviance/df):%8.2f\n", nedf > 0 ? dev / nedf : 0.0);
+  vprt("(assuming %d degrees of freedom)\n", nedf);
 }
 
 // The end of the fit: the last row of the iteration record, the texts of
@@ -409,6 +557,11 @@ void finish_fit(FitRun& run) {
   if (aiopt_at(o, kAioptNegWeights) > 0)
     vprt("Warning: %d negative weights may have been treated as zero\n", aiopt_at(o, kAioptNegWeights));
   results_after_fit(run);
+  if (run.glm && !run.aborted) print_deviance(run);
+  if (run.glm_failed) {
+    text_exit(a);
+    return;
+  }
   if (run.aborted && run.nofit > 0) {
     st.ifault = run.nofit;
     text_exit(a);

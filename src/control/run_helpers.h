@@ -18,7 +18,10 @@ enum AioptPosition : int {
   kAioptDebugNow = 0,       // 1 while this iteration prints its debug lines
   kAioptOrderMethod = 1,    // choice of ordering: <4, 4..6, 7..10, >10
   kAioptProgress = 3,       // 1: progress lines and the kept order file
-  kAioptStage = 4,          // stop early: 1 after solving, 2 or 3 before scores
+  kAioptStage = 4,          // stop early: 1 after solving, 2 or 3 before scores;
+                            // in a generalised model the inner passes' stage
+  kAioptGlmWeights = 7,     // position (from 1) in the known matrices' values
+                            // of the first working weight of a generalised model
   kAioptUsModified = 9,     // US matrices made positive definite this iteration
   kAioptNegWeights = 17,    // negative weights treated as zero
   kAioptPredict = 19,       // 1 in the last iteration of a run with predictions

@@ -8,7 +8,7 @@
 #include "control/aicontrol.h"
 #include "host/console.h"
 #include "variance/dense.h"
-#include "wald/tails.h"
+#include "generalised/generalised.h"
 
 namespace tarnel {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "console_capture.h"
-#include "wald/tails.h"
+#include "generalised/generalised.h"
 #include "wald/wald.h"
 
 using namespace tarnel;
