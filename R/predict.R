@@ -10,6 +10,8 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
     return(predict_newdata(object, newdata = newdata, ...))
   }
   if (is.null(classify)) pstop("give 'classify' (the factors of the table) or 'newdata'")
+  if (inherits(object, "tarnel_glm"))
+    pstop("prediction tables of generalised models are not available yet; predict(fit, newdata =) gives the linear predictor")
   if (!is.character(classify) || anyNA(classify) || !length(classify))
     pstop("'classify' must be a character vector, one table an element, such as \"A:B\"")
   for (a in list(average, present, associate))
