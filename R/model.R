@@ -186,6 +186,16 @@ parse_variable <- function(e, data, env, store) {
       b <- add_columns(store, key, scores)
       leaf(key, 0L, b, d, d, paste0(key, seq_len(d)), maxent = d)
     },
+    cubic_spline = {
+      name <- var_name(arg("x", 1L), "the first argument of cubic_spline()")
+      kexpr <- arg("knots", 2L, FALSE)
+      knots <- if (identical(kexpr, FALSE)) NULL else eval_arg(kexpr, env, "the knots of cubic_spline()")
+      sp <- spline_leaf_basis(data, name, knots)
+      b <- add_columns(store, paste0("num:", name), sp$x)
+      n <- length(sp$points) - 2L
+      leaf(key, -3L, b, n, 0L, paste0(key, seq_len(n)), maxent = n,
+           jtable = if (sp$given) c(length(sp$points), sp$points), levels = format(seq_len(n)))
+    },
     helmert = {
       name <- var_name(arg("f", 1L), "the argument of helmert()")
       f <- as_model_factor(data, name)
