@@ -35,47 +35,47 @@ check_spline_covariate <- function(x, name, knots) {
   list(x = as.double(x), points = points, given = given)
 }
 
-#' Knot points and Z matrix of a cubic smoothing spline
-#'
-#' A cubic smoothing spline term \code{cubic_spline(x)} in the random formula
-#' of \code{\link{tarnel}} fits random spline deviations \code{Z u}, \code{u}
-#' with a variance estimated by REML, about the fixed linear trend in
-#' \code{x}, which must be among the fixed terms (\code{y ~ x}, random
-#' \code{~ cubic_spline(x)}).  The fitted curve is the natural cubic
-#' smoothing spline with knots at the design points whose smoothing parameter
-#' is the ratio of the residual variance to the spline variance, in units of
-#' \code{x} times \code{scale}.  \code{cubic_spline(x):f} fits one curve for
-#' each level of factor \code{f} (with \code{x:f} among the fixed terms).
-#'
-#' The design points are the distinct values of \code{x}, or the knot points
-#' given.  With gaps \code{h} between them scaled by \code{scale}, \code{Q}
-#' the matrix of second differences and \code{R} the tridiagonal matrix of the
-#' penalty, \code{R = L L'}, the columns are \code{Z = Q (Q'Q)^-1 L}.  With
-#' knot points given, a value between knots takes the natural cubic spline
-#' through the columns at the knots, linear beyond the end knots.
-#'
-#' @param x a numeric covariate: complete, at least three distinct values.
-#' @param knots optional knot points, within the range of \code{x}; by default
-#'   the distinct values of \code{x}.
-#' @param scale the scale of the gaps; by default \code{9 / diff(range(x))}.
-#' @return \code{splinek}: the knot points, sorted.  \code{splinez}: the
-#'   matrix with a row for each element of \code{x} and a column for each
-#'   knot point less two, with attributes \code{"knots"}, \code{"Zknots"}
-#'   (Z at the knot points) and \code{"scale"}.
-#' @seealso \code{\link{tarnel}}, \code{\link{term_functions}}.
-#' @examples
-#' data(mcycle, package = "MASS")
-#' length(splinek(mcycle$times))
-#' dim(splinez(mcycle$times))
-#' fit <- tarnel(accel ~ times, random = ~ cubic_spline(times), data = mcycle)
-#' @export
+# Knot points and Z matrix of a cubic smoothing spline
+# 
+# A cubic smoothing spline term \code{cubic_spline(x)} in the random formula
+# of \code{\link{tarnel}} fits random spline deviations \code{Z u}, \code{u}
+# with a variance estimated by REML, about the fixed linear trend in
+# \code{x}, which must be among the fixed terms (\code{y ~ x}, random
+# \code{~ cubic_spline(x)}).  The fitted curve is the natural cubic
+# smoothing spline with knots at the design points whose smoothing parameter
+# is the ratio of the residual variance to the spline variance, in units of
+# \code{x} times \code{scale}.  \code{cubic_spline(x):f} fits one curve for
+# each level of factor \code{f} (with \code{x:f} among the fixed terms).
+# 
+# The design points are the distinct values of \code{x}, or the knot points
+# given.  With gaps \code{h} between them scaled by \code{scale}, \code{Q}
+# the matrix of second differences and \code{R} the tridiagonal matrix of the
+# penalty, \code{R = L L'}, the columns are \code{Z = Q (Q'Q)^-1 L}.  With
+# knot points given, a value between knots takes the natural cubic spline
+# through the columns at the knots, linear beyond the end knots.
+# 
+# @param x a numeric covariate: complete, at least three distinct values.
+# @param knots optional knot points, within the range of \code{x}; by default
+#   the distinct values of \code{x}.
+# @param scale the scale of the gaps; by default \code{9 / diff(range(x))}.
+# @return \code{splinek}: the knot points, sorted.  \code{splinez}: the
+#   matrix with a row for each element of \code{x} and a column for each
+#   knot point less two, with attributes \code{"knots"}, \code{"Zknots"}
+#   (Z at the knot points) and \code{"scale"}.
+# @seealso \code{\link{tarnel}}, \code{\link{term_functions}}.
+# @examples
+# data(mcycle, package = "MASS")
+# length(splinek(mcycle$times))
+# dim(splinez(mcycle$times))
+# fit <- tarnel(accel ~ times, random = ~ cubic_spline(times), data = mcycle)
+# @export
 splinek <- function(x, knots = NULL) {
   sp <- check_spline_covariate(x, deparse(substitute(x)), knots)
   sp$points
 }
 
-#' @rdname splinek
-#' @export
+# @rdname splinek
+# @export
 splinez <- function(x, knots = NULL, scale = NULL) {
   sp <- check_spline_covariate(x, deparse(substitute(x)), knots)
   if (!is.null(scale) && (!is.numeric(scale) || length(scale) != 1L || !is.finite(scale) || scale <= 0))
