@@ -196,6 +196,18 @@ parse_variable <- function(e, data, env, store) {
       leaf(key, -3L, b, n, 0L, paste0(key, seq_len(n)), maxent = n,
            jtable = if (sp$given) c(length(sp$points), sp$points), levels = format(seq_len(n)))
     },
+    legendre = {
+      name <- var_name(arg("x", 1L), "the first argument of legendre()")
+      x <- as_model_numeric(data, name, "the argument of legendre()")
+      k <- num_arg(arg("degree", 2L), env, "'degree'")
+      if (k < 1 || k != round(k)) tstop("legendre(): 'degree' must be a positive whole number")
+      ok <- !is.na(x)
+      if (length(unique(x[ok])) <= k) tstop("legendre(): '%s' has too few distinct values for degree %d", name, as.integer(k))
+      cols <- matrix(NA_real_, length(x), k + 1L)
+      cols[ok, ] <- .Call(C_legendre_basis, as.double(x[ok]), as.integer(k))
+      b <- add_columns(store, key, cols)
+      leaf(key, 0L, b, k + 1L, k + 1L, paste0(key, 0:k), maxent = k + 1L)
+    },
     helmert = {
       name <- var_name(arg("f", 1L), "the argument of helmert()")
       f <- as_model_factor(data, name)

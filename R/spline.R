@@ -90,3 +90,5 @@ splinez <- function(x, knots = NULL, scale = NULL) {
 }
 
 cubic_spline <- function(x, knots = NULL) term_only("cubic_spline")
+
+legendre <- function(x, degree) term_only("legendre")

@@ -159,6 +159,22 @@ void spline_row_at(span<const double> points, double scale, span<const double> z
     out[k] = t * zr(j, k) + u * zr(j + 1, k) - c * ((1.0 + t) * gr(j, k) + (1.0 + u) * gr(j + 1, k));
 }
 
+void legendre_columns(span<const double> v, double lo, double hi, int degree, span<double> out) {
+  const std::size_t n = v.size();
+  for (std::size_t r = 0; r < n; ++r) {
+    const double x = 2.0 * (v[r] - lo) / (hi - lo) - 1.0;
+    double prev = 1.0, cur = x;
+    out[r] = std::sqrt(0.5);
+    if (degree >= 1) out[n + r] = x * std::sqrt(1.5);
+    for (int k = 1; k < degree; ++k) {
+      const double next = ((2.0 * k + 1.0) * x * cur - k * prev) / (k + 1.0);
+      prev = cur;
+      cur = next;
+      out[static_cast<std::size_t>(k + 1) * n + r] = next * std::sqrt(k + 1.5);
+    }
+  }
+}
+
 namespace {
 
 // One spline term: the table from word `s.kyxz`.  Returns 0, 1 (errtxt

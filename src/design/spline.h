@@ -41,6 +41,12 @@ int spline_z(span<const double> points, double scale, span<double> z, span<doubl
 void spline_row_at(span<const double> points, double scale, span<const double> z,
                    span<const double> gamma, double x, span<double> out);
 
+// Legendre polynomials of degrees 0 to `degree` of the values v, scaled to
+// [-1, 1] over [lo, hi], each multiplied by sqrt(k + 0.5) so that they are
+// orthonormal on [-1, 1]: out holds v.size() rows by degree + 1 columns, by
+// columns.
+void legendre_columns(span<const double> v, double lo, double hi, int degree, span<double> out);
+
 // Everything aidsum reads and writes.
 struct SplineTables {
   WorkArray x;

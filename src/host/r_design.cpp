@@ -2,6 +2,7 @@
 #include <R.h>
 #include <Rinternals.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -89,6 +90,29 @@ SEXP spline_basis(SEXP x, SEXP knots, SEXP scale, SEXP at) {
     for (int i = 0; i < 4; ++i) SET_STRING_ELT(nm, i, Rf_mkChar(names[i]));
     Rf_setAttrib(out, R_NamesSymbol, nm);
     UNPROTECT(2);
+    return out;
+  });
+}
+
+// Legendre polynomials of degrees 0 to `degree` of x (finite), x scaled to
+// [-1, 1] over its range: a matrix of degree + 1 columns.
+SEXP legendre_basis(SEXP x, SEXP degree) {
+  return guarded("legendre_basis", [&] {
+    span<double> v = arg_real(x, "x", 1);
+    const int deg = arg_int(degree, "degree", 1)[0];
+    double lo = v[0], hi = v[0];
+    for (double a : v) {
+      if (!std::isfinite(a)) throw ArgError("'x' must hold finite values only");
+      lo = std::min(lo, a);
+      hi = std::max(hi, a);
+    }
+    if (deg < 1) throw ArgError("'degree' must be at least 1");
+    if (!(hi > lo)) throw ArgError("'x' must have at least two distinct values");
+    const std::size_t n = v.size();
+    SEXP out = PROTECT(Rf_allocMatrix(REALSXP, static_cast<int>(n), deg + 1));
+    legendre_columns(span<const double>(v.data(), n), lo, hi, deg,
+                     span<double>(REAL(out), n * static_cast<std::size_t>(deg + 1)));
+    UNPROTECT(1);
     return out;
   });
 }

@@ -121,3 +121,24 @@ test_that("covariates that cannot carry a spline are refused by name", {
   expect_error(splinez(c(1, 2, NA, 4)), "missing values")
   expect_error(cubic_spline(1:3), "only be used inside")
 })
+
+test_that("a random regression on Legendre polynomials of degree 2 agrees with lmer", {
+  skip_if_not_installed("lme4")
+  data(sleepstudy, package = "lme4")
+  d <- sleepstudy
+  # Legendre polynomials of Days scaled to [-1, 1], times sqrt(k + 1/2).
+  x <- 2 * (d$Days - min(d$Days)) / diff(range(d$Days)) - 1
+  d$L0 <- sqrt(1 / 2)
+  d$L1 <- x * sqrt(3 / 2)
+  d$L2 <- (3 * x^2 - 1) / 2 * sqrt(5 / 2)
+  fit <- tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ 0 + legendre(Days, 2)), data = d)
+  m <- lme4::lmer(Reaction ~ Days + (0 + L0 + L1 + L2 | Subject), data = d, REML = TRUE)
+  vl <- as.matrix(lme4::VarCorr(m)$Subject)
+  vc <- setNames(fit$varcomp$component, rownames(fit$varcomp))
+  expect_equal(unname(vc[c("Subject: legendre(Days, 2)0", "Subject: legendre(Days, 2)1",
+                           "Subject: legendre(Days, 2)2", "Subject: cov(legendre(Days, 2)0, legendre(Days, 2)2)")]),
+               c(vl[1, 1], vl[2, 2], vl[3, 3], vl[1, 3]), tolerance = 2e-3)
+  expect_equal(fit$loglik_standard, as.numeric(logLik(m)), tolerance = 1e-6)
+  expect_error(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ 0 + legendre(Days, 12)), data = d),
+               "too few distinct values")
+})
