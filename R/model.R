@@ -193,8 +193,10 @@ parse_variable <- function(e, data, env, store) {
       sp <- spline_leaf_basis(data, name, knots)
       b <- add_columns(store, paste0("num:", name), sp$x)
       n <- length(sp$points) - 2L
-      leaf(key, -3L, b, n, 0L, paste0(key, seq_len(n)), maxent = n,
-           jtable = if (sp$given) c(length(sp$points), sp$points), levels = format(seq_len(n)))
+      lf <- leaf(key, -3L, b, n, 0L, paste0(key, seq_len(n)), maxent = n,
+                 jtable = if (sp$given) c(length(sp$points), sp$points), levels = format(seq_len(n)))
+      lf$covariate <- name
+      lf
     },
     legendre = {
       name <- var_name(arg("x", 1L), "the first argument of legendre()")
@@ -337,6 +339,7 @@ parse_model <- function(fixed, random, residual, data, weights, na_response, na_
   if (!is.null(random)) {
     if (!inherits(random, "formula") || length(random) != 2L) tstop("'random' must be a one-sided formula")
     rx <- parse_random(random, data, env, store)
+    check_spline_trends(fx, rx)
   }
   resid <- if (is.list(residual) && !inherits(residual, "formula")) residual else parse_residual(residual, data, env)
   structure(list(response = yname, y = y, fixed = fx, random = rx, residual = residual, resid = resid,

@@ -11,6 +11,20 @@ spline_leaf_basis <- function(data, name, knots) {
   check_spline_covariate(x, name, knots)
 }
 
+# A spline term's curve has no linear part of its own: warns when the fixed
+# terms lack the trend (x for cubic_spline(x), x:f for cubic_spline(x):f).
+check_spline_trends <- function(fx, rx) {
+  fixed_sets <- lapply(fx$terms, function(t) unname(sort(vapply(t$vars, function(v) if (is.null(v$key)) "" else v$key, ""))))
+  for (t in rx$terms) {
+    isspl <- vapply(t$vars, function(v) identical(v$code, -3L), TRUE)
+    if (!any(isspl)) next
+    want <- unname(sort(c(t$vars[[which(isspl)[1L]]]$covariate, vapply(t$vars[!isspl], function(v) if (is.null(v$key)) "" else v$key, ""))))
+    if (!any(vapply(fixed_sets, identical, TRUE, want)))
+      warning(sprintf("tarnel: the fixed terms have no linear trend '%s' for the random term '%s'; its curve then has no linear part",
+                      paste(want, collapse = ":"), t$label), call. = FALSE)
+  }
+}
+
 check_spline_covariate <- function(x, name, knots) {
   if (!is.numeric(x)) tstop("cubic_spline(): '%s' must be numeric", name)
   if (anyNA(x)) tstop("cubic_spline(): '%s' has %d missing values; a spline covariate must be complete",

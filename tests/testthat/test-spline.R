@@ -142,3 +142,11 @@ test_that("a random regression on Legendre polynomials of degree 2 agrees with l
   expect_error(tarnel(Reaction ~ Days, random = ~ coefs(Subject, ~ 0 + legendre(Days, 12)), data = d),
                "too few distinct values")
 })
+
+test_that("a spline without its fixed linear trend is warned about", {
+  d <- spline_ref()$data
+  expect_warning(tarnel(accel ~ 1, random = ~ cubic_spline(times), data = d), "no linear trend 'times'")
+  d$g <- factor(rep(c("a", "b"), length.out = nrow(d)))
+  expect_warning(tarnel(accel ~ g + times, random = ~ cubic_spline(times):g, data = d), "no linear trend 'g:times'")
+  expect_no_warning(tarnel(accel ~ g + g:times, random = ~ cubic_spline(times):g, data = d))
+})
