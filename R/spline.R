@@ -46,6 +46,10 @@ check_spline_covariate <- function(x, name, knots) {
   } else {
     points <- sort(unique(as.double(x)))
   }
+  # Each record carries a dense row of the spline's columns.
+  if (as.double(length(x)) * (length(points) - 2) > 1e8)
+    tstop("cubic_spline(): %d records with %d design points of '%s' make a design of %.3g values; give fewer knot points (knots =)",
+          length(x), length(points), name, as.double(length(x)) * (length(points) - 2))
   list(x = as.double(x), points = points, given = given)
 }
 

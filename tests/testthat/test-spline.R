@@ -119,6 +119,8 @@ test_that("covariates that cannot carry a spline are refused by name", {
   expect_error(tarnel(accel ~ times, random = ~ cubic_spline(times, knots = c(0, 20, 40)), data = d),
                "outside the data")
   expect_error(splinez(c(1, 2, NA, 4)), "missing values")
+  big <- data.frame(x = rep(seq_len(3000), length.out = 40000), y = 0)
+  expect_error(tarnel(y ~ x, random = ~ cubic_spline(x), data = big), "give fewer knot points")
   expect_error(cubic_spline(1:3), "only be used inside")
 })
 
