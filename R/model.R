@@ -186,6 +186,30 @@ parse_variable <- function(e, data, env, store) {
       b <- add_columns(store, key, scores)
       leaf(key, 0L, b, d, d, paste0(key, seq_len(d)), maxent = d)
     },
+    cubic_spline = {
+      name <- var_name(arg("x", 1L), "the first argument of cubic_spline()")
+      kexpr <- arg("knots", 2L, FALSE)
+      knots <- if (identical(kexpr, FALSE)) NULL else eval_arg(kexpr, env, "the knots of cubic_spline()")
+      sp <- spline_leaf_basis(data, name, knots)
+      b <- add_columns(store, paste0("num:", name), sp$x)
+      n <- length(sp$points) - 2L
+      lf <- leaf(key, -3L, b, n, 0L, paste0(key, seq_len(n)), maxent = n,
+                 jtable = if (sp$given) c(length(sp$points), sp$points), levels = format(seq_len(n)))
+      lf$covariate <- name
+      lf
+    },
+    legendre = {
+      name <- var_name(arg("x", 1L), "the first argument of legendre()")
+      x <- as_model_numeric(data, name, "the argument of legendre()")
+      k <- num_arg(arg("degree", 2L), env, "'degree'")
+      if (k < 1 || k != round(k)) tstop("legendre(): 'degree' must be a positive whole number")
+      ok <- !is.na(x)
+      if (length(unique(x[ok])) <= k) tstop("legendre(): '%s' has too few distinct values for degree %d", name, as.integer(k))
+      cols <- matrix(NA_real_, length(x), k + 1L)
+      cols[ok, ] <- .Call(C_legendre_basis, as.double(x[ok]), as.integer(k))
+      b <- add_columns(store, key, cols)
+      leaf(key, 0L, b, k + 1L, k + 1L, paste0(key, 0:k), maxent = k + 1L)
+    },
     helmert = {
       name <- var_name(arg("f", 1L), "the argument of helmert()")
       f <- as_model_factor(data, name)
@@ -315,6 +339,7 @@ parse_model <- function(fixed, random, residual, data, weights, na_response, na_
   if (!is.null(random)) {
     if (!inherits(random, "formula") || length(random) != 2L) tstop("'random' must be a one-sided formula")
     rx <- parse_random(random, data, env, store)
+    check_spline_trends(fx, rx)
   }
   resid <- if (is.list(residual) && !inherits(residual, "formula")) residual else parse_residual(residual, data, env)
   structure(list(response = yname, y = y, fixed = fx, random = rx, residual = residual, resid = resid,

@@ -354,6 +354,18 @@ parse_coefs <- function(e, data, env, store) {
   for (k in seq_along(attr(tt, "term.labels"))) {
     ex <- lapply(which(tfac[, k] > 0), function(i) ttv[[i + 1L]])
     lv <- lapply(ex, parse_variable, data = data, env = env, store = store)
+    # A basis of several columns (legendre(x, k), opoly(x, k)) alone gives
+    # a coefficient for each of its columns.
+    if (length(lv) == 1L && identical(lv[[1L]]$kind, "leaf") && lv[[1L]]$code == 0L &&
+        lv[[1L]]$flev > 1L && lv[[1L]]$nlev == lv[[1L]]$flev) {
+      v <- lv[[1L]]
+      for (j in seq_len(v$flev)) {
+        cj <- leaf(v$labels[j], 0L, v$b + j - 1L, 1L, 1L, v$labels[j])
+        out[[length(out) + 1L]] <- list(label = paste(fname, v$labels[j], sep = ":"), vars = list(fl, cj))
+        cn <- c(cn, v$labels[j])
+      }
+      next
+    }
     for (v in lv) if (!identical(v$kind, "leaf") || v$flev != 1L)
       tstop("coefs(): '%s' must be a covariate (one value a record)", attr(tt, "term.labels")[k])
     out[[length(out) + 1L]] <- list(label = paste(fname, attr(tt, "term.labels")[k], sep = ":"), vars = c(list(fl), lv))

@@ -200,7 +200,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   nfactp <- length(table$inter$neword)
   iarg <- fresh_int(16L)
   # Conditional (marginal) tests of the fixed terms are always asked for.
-  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, 0L, 0L, 0L, 0L)
+  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
   if (isTRUE(control$keep_order)) {
@@ -252,7 +252,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
                   gmcon = fresh_copy(struc$constr$gmcon)),
     mbfList = list(mbfAddr = fr(0L), mbfX = fr(0)),
     control = list(workspace = fr(as.double(workspace)), pworkspace = fr(0), maxiter = maxiter, knots = fr(0L),
-                   nsppoints = fr(0L), stepsize = fr(1), splstp = fr(0), splinescale = fr(1),
+                   nsppoints = fr(0L), stepsize = fr(1), splstp = fr(0), splinescale = fr(0),
                    trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(1L)),
     aiopt = aiopt,
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),

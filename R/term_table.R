@@ -31,11 +31,14 @@ table_leaf <- function(tab, lf) {
     a <- length(tab$IBV) + 1L
     tab$IBV <- c(tab$IBV, lf$itable)
   }
+  c <- lf$c
   if (!is.null(lf$jtable)) {
-    a <- length(tab$JBV) + 1L
+    # A spline's knot list is found by its fourth value; the engine puts the
+    # number of its table in the second.
+    if (lf$code == -3L) c <- length(tab$JBV) + 1L else a <- length(tab$JBV) + 1L
     tab$JBV <- c(tab$JBV, lf$jtable)
   }
-  table_add(tab, lf$key, lf$code, a, lf$b, lf$c, lf$flev, lf$nlev, lf$faconst, lf$labels, lf$maxent,
+  table_add(tab, lf$key, lf$code, a, lf$b, c, lf$flev, lf$nlev, lf$faconst, lf$labels, lf$maxent,
             if (is.null(lf$levels)) lf$labels else lf$levels)
 }
 

@@ -18,6 +18,7 @@
 #include "control/driver.h"
 #include "control/run_helpers.h"
 #include "design/design.h"
+#include "design/spline.h"
 #include "host/console.h"
 #include "host/messages.h"
 
@@ -72,6 +73,49 @@ void start_run(AiControlArgs& a) {
   }
   if (!a.data.rvec.empty()) a.data.rvec[0] = 1.0;
   a.status.ifault = -1;
+}
+
+// 2b. The spline tables, in the low end of x after the host's tables; the
+// levels of each position again, since a spline sets its own.  Returns false
+// after the fault exit.
+bool spline_tables(AiControlArgs& a) {
+  AiTerms& t = a.terms;
+  bool any = false;
+  for (int k = 0; k < t.nfact; ++k) any = any || t.inter[4 * static_cast<std::size_t>(k)] == -3;
+  if (!any) return true;
+  SplineTables s;
+  s.x = a.work.x;
+  s.kyxz = t.kyxz;
+  s.inter = t.inter;
+  s.flev = t.flev;
+  s.nlev = t.nlev;
+  s.JBV = t.JBV;
+  s.kzbkey = t.kzbkey;
+  s.mxSpline = t.mxSpline;
+  s.ncspln = t.ncspln;
+  s.datafr = a.data.datafr;
+  s.lbin = a.data.lbin;
+  s.nrow = a.data.nrow;
+  s.splinescale = t.splinescale;
+  const int rc = aidsum(s, a.results.errtxt);
+  if (rc == 6) {
+    vprt("Insufficient workspace.\n");
+    a.status.runTrn = static_cast<double>(a.work.lenx[0]);
+    a.status.ifault = 6;
+    return false;
+  }
+  if (rc != 0) {
+    vprt("Fault %d\n", rc);
+    fault_with(a, rc);
+    return false;
+  }
+  t.kyxz = s.kyxz;
+  t.ncspln = s.ncspln;
+  for (int i = 0; i < t.nfactp; ++i) {
+    const int term = t.neword[i];
+    t.rlevel[i] = term >= 1 && term <= t.nfact ? t.flev[term - 1] : 0;
+  }
+  return true;
 }
 
 // 3. Offsets: a word a row for each row's data record, the row starts,
@@ -330,6 +374,7 @@ void aicontrol(AiControlArgs& a) {
   reset_control_state();
   reset_design_state();
   start_run(a);
+  if (!spline_tables(a)) return;
   DesignRun run(a);
   design_offsets(run);
   if (!refuse_unavailable(a)) return;

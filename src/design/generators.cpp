@@ -47,7 +47,8 @@ void aihelm(RowCursor& cur, int level, int m, double w, int base) {
 
 // Table k (from 1) of kzbkey: start s (word), end of the row map e and the
 // row count n.  Record r's row is the map entry x.r[s + r - 1]; the table's
-// values lie by columns from e: value (row, j) at x.r[e + row - 1 + (j-1)n].
+// values lie by columns from e: value (row, j) at x.r[e + row - 1 + (j-1)n];
+// a spline's (code -3) lie by rows: value (row, j) at x.r[e + (row-1)m + j-1].
 int aixspl(RowCursor& cur, int code, int m, int table, span<const int> kzbkey,
            const WorkArray& x, int record, int level, int base, int& nmiss) {
   const std::size_t k = 3 * static_cast<std::size_t>(table - 1);
@@ -62,14 +63,18 @@ int aixspl(RowCursor& cur, int code, int m, int table, span<const int> kzbkey,
   }
   if (row == -1) row = level;
   if (row < 1 || row > n) return 0;
+  if (code == -3) {
+    // A spline's table lies by rows: row `row` holds its m values.
+    const i64 first = e + static_cast<i64>(row - 1) * m;
+    if (first < 0 || static_cast<u64>(first + m) > x.len) return 1;
+    for (int j = 1; j <= m; ++j) cur.add(base + j, x.r[first + j - 1]);
+    return 0;
+  }
   // The table's last value must lie inside the work array.
   if (m > 0 && static_cast<u64>(e + row - 1 + static_cast<i64>(m - 1) * n) >= x.len) return 1;
   if (static_cast<u64>(s + n) > x.len) return 1;
   auto value = [&](int j) { return x.r[e + row - 1 + static_cast<i64>(j - 1) * n]; };
   switch (code) {
-    case -3:
-      for (int j = 1; j <= m; ++j) cur.add(base + j, value(j));
-      return 0;
     case -5:
       cur.add(base + row, 1.0);
       return 0;

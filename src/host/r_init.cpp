@@ -14,6 +14,8 @@ SEXP mvpatch(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP rTextCopy(SEXP, SEXP, SEXP, SEXP);
 SEXP Shelp(SEXP, SEXP);
 SEXP orthpoly(SEXP, SEXP);
+SEXP spline_basis(SEXP, SEXP, SEXP, SEXP);
+SEXP legendre_basis(SEXP, SEXP);
 SEXP tarnel_bench_absorb(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP pdsort(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP sortpedigree(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
@@ -35,6 +37,8 @@ static const R_CallMethodDef call_entries[] = {
     {"rTextCopy", (DL_FUNC)&rTextCopy, 4},
     {"Shelp", (DL_FUNC)&Shelp, 2},
     {"orthpoly", (DL_FUNC)&orthpoly, 2},
+    {"spline_basis", (DL_FUNC)&spline_basis, 4},
+    {"legendre_basis", (DL_FUNC)&legendre_basis, 2},
     {"tarnel_bench_absorb", (DL_FUNC)&tarnel_bench_absorb, 7},
     {"pdsort", (DL_FUNC)&pdsort, 6},
     {"sortpedigree", (DL_FUNC)&sortpedigree, 6},

@@ -552,7 +552,7 @@ TEST(Generators, AixsplReadsBasisTables) {
     return out;
   };
   int nmiss = 0;
-  EXPECT_EQ(run(-3, 1, 0, nmiss), (Row{{11, 2.0}, {12, kMissing}}));  // dense: the mark stays
+  EXPECT_EQ(run(-3, 1, 0, nmiss), (Row{{11, 3.0}, {12, 0.0}}));  // a spline's rows lie by rows, zeros kept
   EXPECT_EQ(run(-7, 1, 0, nmiss), (Row{{11, 2.0}}));                  // column form drops it
   EXPECT_EQ(nmiss, 1);
   EXPECT_EQ(run(-7, 3, 3, nmiss), (Row{{11, 3.0}, {12, 6.0}}));        // row from the level
