@@ -15,6 +15,7 @@
 #include "host/ctrn.h"
 #include "host/messages.h"
 #include "host/r_sexp.h"
+#include "pedigree/band.h"
 #include "pedigree/g5vaig.h"
 #include "pedigree/psort.h"
 
@@ -243,7 +244,10 @@ SEXP pedigree(SEXP plist_, SEXP fgsx_, SEXP nan_, SEXP lenai_, SEXP iopt_, SEXP 
     SEXP llainv = PROTECT(Rf_allocVector(INTSXP, 2 * static_cast<R_xlen_t>(lenai)));
     SEXP ainv = PROTECT(Rf_allocVector(REALSXP, static_cast<R_xlen_t>(lenai)));
     SEXP inb = PROTECT(Rf_allocVector(REALSXP, nan + 1));
-    const u64 words = g5vaig_work_words(nan, o.ibl);
+    // Room for the band of A when the pedigree's lag allows one; the pages
+    // are touched only when g5vaig chooses it.
+    a.opt.band_lag = g5vaig_band_lag(span<const i32>(plist.data(), 2 * n), nan, a.opt);
+    const u64 words = g5vaig_work_words(nan, o.ibl) + band_words(a.opt.band_lag);
     SEXP work = PROTECT(Rf_allocVector(REALSXP, static_cast<R_xlen_t>(words)));
     a.llainv = span<i32>(INTEGER(llainv), 2 * static_cast<std::size_t>(lenai));
     a.ainv = span<double>(REAL(ainv), static_cast<std::size_t>(lenai));

@@ -11,6 +11,15 @@
 // path before it hands them on to its own parents.  Rows of full sibs that
 // follow each other share their inbreeding without a walk.
 //
+// The walk costs one visit per ancestor, which is little in shallow or
+// loosely connected pedigrees but grows with the square of the pedigree
+// once generations overlap and mix (every earlier row an ancestor).  There
+// the same coefficients come from a band of A kept by the tabular
+// recursion (pedigree/band.h), in time n * lag, when the parents lie at most
+// `lag` rows back and the band fits: `use_band` compares the walk's visits,
+// estimated from a sample of rows, with the band's work.  The ancestor walk
+// is the method for genetic groups, X-linked inheritance and inbred lines.
+//
 // Genetic groups are the first ngrp rows.  They have no variance of their
 // own: they count as unknown parents in MV and inbreeding (F = -1, like the
 // unknown parent, and MV 0), but their rows receive the contributions of
@@ -22,6 +31,7 @@
 #include <cstdio>
 
 #include "host/console.h"
+#include "pedigree/band.h"
 #include "host/ctrn.h"
 #include "host/messages.h"
 
@@ -243,6 +253,7 @@ struct AigRun {
   span<i32> dslot;
   double* F = nullptr;     // inbreeding by row, [0] the unknown parent
   bool copy_sibs = false;  // full sibs in a row share their inbreeding
+  InbreedingBand* band = nullptr;  // inbreeding from the band instead of the walk
 
   AigRun(AinvArgs& args, const AigWork& w)
       : a(args), o(args.opt), wk(w), st{args.ainv, args.llainv, args.lenai},
@@ -533,7 +544,7 @@ int inbreeding(AigRun& x, i64 i, RowValues& v) {
     v.Fi = x.F[i - 1];
   } else {
     if (set_record(x, i, v)) return 1;
-    v.Fi = walk_ancestors(x, i, v);
+    v.Fi = x.band ? x.band->inbreeding(v.S, v.D, v.PR, v.MV) : walk_ancestors(x, i, v);
   }
   if (x.o.fmode >= 1 && v.fgen >= 1) {
     const double G = selfing_series(v.Fi, v.fgen);
@@ -582,7 +593,9 @@ int pedigree_row(AigRun& x, i64 i) {
     standard_row(x, v);
   }
   if (v.walk && inbreeding(x, i, v)) return 1;
-  return add_row(x, i, v);
+  if (add_row(x, i, v)) return 1;
+  if (x.band) x.band->add_row(i, v.S, v.D, v.PR, v.MV);
+  return 0;
 }
 
 // Genetic groups with no progeny: each is reported; with `method` set, one
@@ -624,10 +637,40 @@ int empty_groups(AigRun& x) {
   return 0;
 }
 
+// The band applies to the standard method, the maternal grandsire and
+// selfing; not to genetic groups, the X-linked method or inbred lines,
+// whose rows the walk treats apart.
+bool band_applies(const AinvOptions& o) { return o.ngrp == 0 && o.xlink <= 0 && o.ibl != 1; }
+
+// The walk visits each ancestor of each row with both parents, a visit a
+// random read; the band reads and writes about three contiguous values per
+// row and column of the band.  The walk stays where its estimated visits
+// are fewer than the band's work (shallow pedigrees, few ancestors a row),
+// the band takes the deep, well-mixed ones.  The node vectors serve as the
+// estimate's scratch before the rows are cleared.
+bool use_band(const AinvArgs& a, WorkArray work, const AigWork& wk) {
+  const AinvOptions& o = a.opt;
+  if (o.inbreeding_method == 1 || o.band_lag <= 0 || !band_applies(o)) return false;
+  if (work.len < g5vaig_work_words(a.nan, o.ibl) + band_words(o.band_lag)) return false;
+  if (pedigree_lag(a.plist, a.nan) > o.band_lag) return false;
+  if (o.inbreeding_method == 2) return true;
+  const double visits = walk_visits_estimate(a.plist, a.nan, 32, wk.head, wk.node_row);
+  return visits > 0.5 * static_cast<double>(a.nan) * static_cast<double>(o.band_lag);
+}
+
 }  // namespace
+
+i64 g5vaig_band_lag(span<const i32> plist, i64 nan, const AinvOptions& o) {
+  if (!band_applies(o) || o.inbreeding_method == 1 ||
+      plist.size() < static_cast<std::size_t>(2 * nan))
+    return 0;
+  const i64 lag = pedigree_lag(plist, nan);
+  return band_words(lag) <= kBandMaxWords ? lag : 0;
+}
 
 int g5vaig(AinvArgs& a, WorkArray work) {
   a.ifault = 0;
+  a.band_used = 0;
   a.where = 0;
   a.empty_groups = 0;
   a.constraints = 0;
@@ -635,6 +678,11 @@ int g5vaig(AinvArgs& a, WorkArray work) {
   const AinvOptions& o = a.opt;
   if (o.debug) vprt("G5VAIG #IDs= %d Group= %d Xlink= %d\n", a.nan, o.ngrp, o.xlink);
   AigRun x(a, carve_work(work, a.nan));
+  InbreedingBand band(work.r + g5vaig_work_words(a.nan, o.ibl), o.band_lag);
+  if (use_band(a, work, x.wk)) {
+    x.band = &band;
+    a.band_used = 1;
+  }
   clear_rows(x);
   for (i64 i = o.ngrp + 1; i <= a.nan; ++i)
     if (pedigree_row(x, i)) return 1;

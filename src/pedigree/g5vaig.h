@@ -45,6 +45,10 @@ struct AinvOptions {
   double dib = 1;       // inbreeding of an inbred line
   int mgs = 0;          // 1: the second parent is the maternal grandsire
   int debug = 0;        // nonzero: trace line
+  // Inbreeding: 0 chooses, 1 walks the ancestors, 2 keeps a band of A (see
+  // pedigree/band.h; falls back to the walk where the band does not apply).
+  int inbreeding_method = 0;
+  i64 band_lag = 0;     // lag the work array has room for past g5vaig_work_words
 };
 
 struct AinvArgs {
@@ -62,10 +66,15 @@ struct AinvArgs {
   int where = 0;                // out: row of the fault, 0 when none
   int empty_groups = 0;         // out: groups with no progeny
   int constraints = 0;          // out: constraints generated for them
+  int band_used = 0;            // out: 1 when the inbreeding came from the band
 };
 
-// Words of work g5vaig needs for `nan` rows.
+// Words of work g5vaig needs for `nan` rows (without the band).
 u64 g5vaig_work_words(i64 nan, int ibl);
+
+// The lag of the band worth room in the work array for these rows and
+// options (0: none), and the words to add for it.
+i64 g5vaig_band_lag(span<const i32> plist, i64 nan, const AinvOptions& o);
 
 // Adds row I's contribution to the store: with C = 1/MV and parent weights
 // PR, A(I,I) += C; for a known S, A(S,S) += C PR1^2 and A(I,S) -= C PR1;

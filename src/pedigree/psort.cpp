@@ -5,9 +5,14 @@
 // dam; parents without a record are inserted and individuals that appear as
 // a parent before their own record are moved, all of these to the front in
 // the order of `lvls`, with everyone else behind them in the old order.
-// A deep chain of descent takes one pass per level.  A cycle of descent
-// would keep the loop moving for ever, so after the second moving pass the
-// pedigree is searched for one, and the loop has a hard bound besides.
+// A deep chain of descent would take one pass per level, a pass over the
+// whole pedigree each, so when two passes have moved records the rest are
+// put in an order of descent at once (a depth-first walk up the parents,
+// otherwise keeping the given order) and the third pass finds nothing to
+// move.  A cycle of
+// descent would keep the loop moving for ever, so after the second moving
+// pass the pedigree is searched for one, and the loop has a hard bound
+// besides.
 #include "pedigree/psort.h"
 
 #include <algorithm>
@@ -252,6 +257,60 @@ void rebuild(const SortPass& sp, int* newped, double* newfgen, double fg, bool c
   }
 }
 
+// Puts the records in an order of descent: each record goes as soon as the
+// records of its parents have gone, found by a depth-first walk up the
+// parents that keeps one path on `stack` (nan ints), so that the walk is
+// linear in the pedigree whatever its depth.  A parent met again on the
+// path closes a cycle and is passed over here (the passes find it).
+// `state` (nan ints) gets -1 unvisited, -2 on the path, else the new
+// position; `newped`/`newfgen` receive the reordered records, copied back.
+// Result: the records that moved.
+int order_by_descent(SortPass& sp, int* stack, int* newped, double* newfgen) {
+  const std::size_t n = sp.n;
+  const int* sire = sp.ped + n;
+  const int* dam = sp.ped + 2 * n;
+  bool ordered = true;
+  for (int r = 0; r < sp.rows && ordered; ++r)
+    for (const int p : {sire[r], dam[r]})
+      if (p >= 0 && sp.own[p] > r) ordered = false;
+  if (ordered) return 0;
+  int* state = sp.moved;
+  std::fill(state, state + n, -1);
+  int next = 0, moved = 0;
+  for (int r0 = 0; r0 < sp.rows; ++r0) {
+    if (state[sp.ped[r0]] != -1) continue;
+    int top = 0;
+    stack[top++] = sp.ped[r0];
+    state[sp.ped[r0]] = -2;
+    while (top > 0) {
+      const int id = stack[top - 1];
+      const int r = sp.own[id];
+      int up = -1;
+      for (const int p : {sire[r], dam[r]})
+        if (up < 0 && p >= 0 && sp.own[p] >= 0 && state[p] == -1) up = p;
+      if (up >= 0) {
+        state[up] = -2;
+        stack[top++] = up;
+        continue;
+      }
+      state[id] = next++;
+      --top;
+    }
+  }
+  for (int id = 0; id < sp.nan; ++id) {
+    const int r = sp.own[id];
+    if (r < 0) continue;
+    const int k = state[id];
+    if (k != r) ++moved;
+    for (int c = 0; c < 3; ++c) newped[c * n + k] = sp.ped[c * n + r];
+    if (sp.fgen) newfgen[k] = sp.fgen[r];
+  }
+  const std::size_t used = static_cast<std::size_t>(sp.rows);
+  for (std::size_t c = 0; c < 3; ++c) std::memcpy(sp.ped + c * n, newped + c * n, used * sizeof(int));
+  if (sp.fgen) std::memcpy(sp.fgen, newfgen, used * sizeof(double));
+  return moved;
+}
+
 // The ordering loop over identity codes (from 0, -1 unknown).  `ped` holds
 // three columns of stride nan with `lped` records in use; `fgen` (stride
 // nan) may be null.  `convert` turns a selfing generation number into the
@@ -278,6 +337,13 @@ PedigreeSortResult sort_codes(int lped, int nan, span<const char* const> lvls, i
   for (int pass = 1;; ++pass) {
     res.passes = pass;
     if (index_records(sp, errmsg)) return res;
+    // Two passes have moved records and found no cycle: a deep line of
+    // descent, one pass a level.  The rest is ordered in one walk.
+    if (pass == 3) {
+      const int moved = order_by_descent(sp, recid.get(), newped.get(), newfgen.get());
+      if (moved > 0) vprt("Pedigree order: %d records placed after their parents\n", moved);
+      if (index_records(sp, errmsg)) return res;
+    }
     mark_moves(sp);
     if (nan != sp.inserted + sp.rows) {
       errmsg = "nrow(pedigree)+insertions != number of individuals\n";

@@ -9,6 +9,7 @@
 
 #include "console_capture.h"
 #include "host/messages.h"
+#include "pedigree/band.h"
 #include "pedigree/g5vaig.h"
 #include "pedigree/psort.h"
 #include "variance_support.h"
@@ -64,7 +65,7 @@ void run_inverse(Inverse& v, const std::vector<i32>& plist, AinvOptions opt = {}
   v.ainv.assign(lenai, -9);
   v.inb.assign(nan + 1, -9);
   v.ginv.assign(3 * lenai, -9);
-  v.work.assign(g5vaig_work_words(nan, opt.ibl), -9);
+  v.work.assign(g5vaig_work_words(nan, opt.ibl) + band_words(opt.band_lag), -9);
   v.a = AinvArgs();
   v.a.llainv = span<i32>(v.llainv.data(), v.llainv.size());
   v.a.ainv = span<double>(v.ainv.data(), v.ainv.size());
@@ -151,13 +152,14 @@ TEST(PedigreeSort, InsertionAndMoveMessagesWordForWord) {
   EXPECT_EQ(s.out, "");
 }
 
-TEST(PedigreeSort, DeepChainTakesOnePassPerLevelAndFgenIsConverted) {
+TEST(PedigreeSort, DeepChainIsOrderedInThreePassesAndFgenIsConverted) {
   // g3 <- g2 <- g1 <- g0, recorded youngest first.
   Sorted s = run_pdsort({"g3", "g2", "g1", "g0"},
                         {"g3", "g2", "g1", "g0", "g2", "g1", "g0", "0", "0", "0", "0", "0"},
                         {NAN, 2.0, 0.25, 3.0}, 0.125);
   ASSERT_EQ(s.res.status, 0) << s.err;
-  EXPECT_EQ(s.res.passes, 4);
+  EXPECT_EQ(s.res.passes, 3);
+  EXPECT_NE(s.out.find("Pedigree order: 2 records placed after their parents"), std::string::npos);
   for (int r = 0; r < 4; ++r) EXPECT_EQ(std::string(s.ped[r]), "g" + std::to_string(r));
   // Every row here has an unknown parent: a value of 1 or more is a number
   // of selfing generations and becomes 1 - 0.5^value; NA takes the default.
@@ -188,6 +190,48 @@ TEST(PedigreeSort, DeepChainTakesOnePassPerLevelAndFgenIsConverted) {
   r = sortpedigree(2, 2, span<const char* const>(lv.data(), 2), span<int>(ped.data(), 6),
                    span<double>(f.data(), 1), NAN, err);
   EXPECT_EQ(r.status, 1);
+}
+
+// A long chain listed youngest first, with a founder parent lacking a
+// record and a second family mixed in: three passes, every parent before
+// its progeny, the records of each line in order.
+TEST(PedigreeSort, LongChainListedOffspringFirst) {
+  const int depth = 20000;
+  std::vector<std::string> names;
+  for (int k = 0; k < depth; ++k) names.push_back("c" + std::to_string(k));
+  names.push_back("root");
+  names.push_back("x");
+  std::vector<const char*> lv;
+  for (auto& n : names) lv.push_back(n.c_str());
+  const int lped = depth + 1, nan = depth + 2;
+  // Codes from 1, youngest first (so that moving to the front in code
+  // order fixes one level a pass): code j + 1 is the sire of code j; the
+  // oldest, code depth, has the sire root = depth + 1; x = depth + 2.
+  std::vector<int> ped(3 * static_cast<std::size_t>(nan), 0);
+  for (int r = 0; r < depth; ++r) {
+    ped[r] = r + 1;
+    ped[nan + r] = r + 2;
+  }
+  ped[depth] = depth + 2;  // x, a child of c0 and c(depth-1)
+  ped[nan + depth] = 1;
+  ped[2 * nan + depth] = depth;
+  std::vector<double> f(nan, -1);
+  std::string err;
+  tarnel_test::capture_begin();
+  const PedigreeSortResult r = sortpedigree(lped, nan, span<const char* const>(lv.data(), lv.size()),
+                                            span<int>(ped.data(), ped.size()),
+                                            span<double>(f.data(), f.size()), NAN, err);
+  tarnel_test::capture_end();
+  ASSERT_EQ(r.status, 0) << err;
+  EXPECT_EQ(r.passes, 3);
+  std::vector<int> pos(nan + 1, -1);
+  for (int k = 0; k < nan; ++k) pos[ped[k]] = k;
+  for (int k = 0; k < nan; ++k)
+    for (int c = 1; c < 3; ++c)
+      if (ped[c * nan + k] > 0) {
+        EXPECT_LT(pos[ped[c * nan + k]], k);
+      }
+  EXPECT_EQ(ped[0], depth + 1);  // the inserted root first
 }
 
 TEST(PedigreeSort, CyclesDuplicatesAndUnknownIdentitiesAreErrors) {
@@ -274,6 +318,64 @@ TEST(RelationshipInverse, MatchesDenseInverseOfTabularA) {
     }
   }
   EXPECT_EQ(v.linv, v.a.NEXT);
+}
+
+// The band of A and the ancestor walk give the same inverse, inbreeding
+// and log determinant on deep overlapping generations (parents up to `lag`
+// rows back, some unknown, some selfed), under the standard method, the
+// maternal grandsire and partial selfing; the choice left to g5vaig takes
+// the band on such a pedigree and the walk on a shallow one.
+TEST(RelationshipInverse, BandEqualsAncestorWalk) {
+  const int n = 4000, lag = 150;
+  std::mt19937 rng(7);
+  std::vector<i32> plist(2 * n, 0);
+  for (int i = 1; i <= n; ++i) {
+    if (i <= lag) continue;
+    std::uniform_int_distribution<int> back(1, lag);
+    plist[2 * (i - 1)] = i - back(rng);
+    plist[2 * (i - 1) + 1] = rng() % 10 == 0 ? 0 : (rng() % 50 == 0 ? plist[2 * (i - 1)] : i - back(rng));
+  }
+  EXPECT_EQ(pedigree_lag(span<const i32>(plist.data(), plist.size()), n), lag);
+  for (int variant = 0; variant < 3; ++variant) {
+    AinvOptions o;
+    o.mgs = variant == 1;
+    o.pself = variant == 2 ? 0.3 : 0.0;
+    o.inbreeding_method = 1;
+    Inverse walk, band, chosen;
+    run_inverse(walk, plist, o);
+    o.inbreeding_method = 2;
+    o.band_lag = g5vaig_band_lag(span<const i32>(plist.data(), plist.size()), n, o);
+    run_inverse(band, plist, o);
+    o.inbreeding_method = 0;
+    run_inverse(chosen, plist, o);
+    ASSERT_EQ(walk.status, 0);
+    ASSERT_EQ(band.status, 0);
+    EXPECT_EQ(walk.a.band_used, 0);
+    EXPECT_EQ(band.a.band_used, 1);
+    EXPECT_EQ(chosen.a.band_used, 1);
+    double df = 0, fmax = 0;
+    for (int i = 1; i <= n; ++i) {
+      df = std::max(df, std::fabs(walk.inb[i] - band.inb[i]));
+      fmax = std::max(fmax, walk.inb[i]);
+    }
+    EXPECT_GT(fmax, 0.05);
+    EXPECT_LT(df, 1e-12);
+    EXPECT_NEAR(walk.a.det, band.a.det, 1e-9);
+    ASSERT_EQ(walk.linv, band.linv);
+    for (i64 k = 0; k < 3 * walk.linv; ++k) ASSERT_NEAR(walk.ginv[k], band.ginv[k], 1e-10);
+  }
+  // A shallow pedigree: two generations; the walk is cheaper and stays.
+  std::vector<i32> shallow(2 * n, 0);
+  for (int i = n / 2 + 1; i <= n; ++i) {
+    shallow[2 * (i - 1)] = 1 + static_cast<i32>(rng() % (n / 2));
+    shallow[2 * (i - 1) + 1] = 1 + static_cast<i32>(rng() % (n / 2));
+  }
+  AinvOptions o;
+  o.band_lag = g5vaig_band_lag(span<const i32>(shallow.data(), shallow.size()), n, o);
+  Inverse sh;
+  run_inverse(sh, shallow, o);
+  EXPECT_EQ(sh.status, 0);
+  EXPECT_EQ(sh.a.band_used, 0);
 }
 
 TEST(RelationshipInverse, FaultsLeaveClearTextsAndNeverWritePastTheStore) {
