@@ -53,11 +53,11 @@ independent_columns <- function(X, tol = 1e-7) {
 # `basis` ("R", or "engine" when the formula uses terms R's model matrix
 # cannot form: then the engine's own columns, aliased ones dropped).
 fixed_effects_r <- function(fit) {
-  XE <- as.matrix(engine_fixed_design(fit))
+  XS <- engine_fixed_design(fit)
   bE <- fit$fixed_engine$coefficients
   CE <- fit$fixed_engine$vcov
   present <- fit$fixed_engine$present
-  XE <- XE[present, , drop = FALSE]
+  XS <- XS[present, , drop = FALSE]
   XR <- r_model_matrix(fit, length(present))
   basis <- "R"
   if (!is.null(XR) && anyNA(XR[present, , drop = FALSE])) XR <- NULL
@@ -65,16 +65,23 @@ fixed_effects_r <- function(fit) {
     XRp <- XR[present, , drop = FALSE]
     keep <- independent_columns(XRp)
     Xk <- XRp[, keep, drop = FALSE]
-    ok <- length(keep) == qr(XE)$rank
+    # The engine found the rank of its columns when it absorbed them.
+    ok <- length(keep) == sum(diag(CE) > 0)
     if (ok && length(keep)) {
-      Tm <- solve(crossprod(Xk), crossprod(Xk, XE))
-      ok <- max(abs(Xk %*% Tm - XE)) <= 1e-7 * max(1, abs(XE))
+      # X_E must lie in the span of X_R: the squared residual of the least
+      # squares fit of X_E on X_R, from the cross products alone (the
+      # normal equations make it tr(X_E'X_E) - tr(T'X_R'X_E)).
+      XkE <- as.matrix(Matrix::crossprod(Xk, XS))
+      Tm <- solve(crossprod(Xk), XkE)
+      total <- sum(XS^2)
+      ok <- total - sum(Tm * XkE) <= 1e-10 * max(1, total)
     }
     if (!ok) XR <- NULL
   }
   if (is.null(XR)) {
     # The engine's own columns, the dependent ones dropped in model order.
     basis <- "engine"
+    XE <- as.matrix(XS)
     XRp <- XE
     keep <- independent_columns(XE)
     Xk <- XE[, keep, drop = FALSE]
@@ -89,7 +96,7 @@ fixed_effects_r <- function(fit) {
   V <- (V + t(V)) / 2
   names(b) <- nm[keep]
   dimnames(V) <- list(nm[keep], nm[keep])
-  dimnames(Tm) <- list(nm[keep], colnames(XE))
+  dimnames(Tm) <- list(nm[keep], colnames(XS))
   a <- assign[keep]
   if (basis == "R") {
     tt <- stats::terms(fit$fixed_formula, keep.order = TRUE)

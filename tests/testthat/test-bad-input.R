@@ -133,7 +133,7 @@ corpus <- list(
   case("pedigree", "cycle", pedigree_sort(data.frame(id = 1:3, s = c(3, 1, 2), d = 0)), "error", "cycle: individual \"1\" is its own ancestor"),
   case("pedigree", "300 generations listed youngest first",
        pedigree_sort(data.frame(id = 300:1, s = c(299:1, 0), d = 0)), "fit",
-       check = function(s) identical(s$individual, 1:300) && nrow(attr(s, "moves")) == 300 * 299 / 2),
+       check = function(s) identical(s$individual, 1:300) && nrow(attr(s, "moves")) < 3 * 300),
   case("pedigree", "unsorted, quiet with its moves", pedigree_sort(ped4(c("c", "0", "0", "0"), c("0", "0", "0", "b"))), "fit",
        check = function(s) identical(attr(s, "moves")$individual, "c") && identical(attr(s, "moves")$action, "moved (sire)") &&
          identical(s$individual[1], "c"))
