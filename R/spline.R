@@ -132,9 +132,10 @@ plot_fitted_curve <- function(fit, curve, by = NULL, at = NULL, level = 0.95, n 
     as.list(levels(as_model_factor(data, by)))
   }
   y <- data[[fit$model$response]]
-  graphics::plot(data[[curve]], y, xlab = curve, ylab = fit$model$response, col = "grey40", ...)
-  z <- stats::qnorm(1 - (1 - level) / 2)
   cols <- if (length(groups) > 1L) grDevices::hcl.colors(length(groups), "Dark 3") else "black"
+  pcol <- if (is.null(by)) "grey40" else grDevices::adjustcolor(cols, alpha.f = 0.7)[as.integer(as_model_factor(data, by))]
+  graphics::plot(data[[curve]], y, xlab = curve, ylab = fit$model$response, col = pcol, ...)
+  z <- stats::qnorm(1 - (1 - level) / 2)
   for (g in seq_along(groups)) {
     nd <- data.frame(xs)
     names(nd) <- curve
