@@ -107,7 +107,8 @@ update.tarnel <- function(object, ..., evaluate = TRUE) {
 # Residuals against fitted values, and a normal quantile plot of the
 # residuals.
 #' @export
-plot.tarnel <- function(x, which = 1:2, ask = FALSE, ...) {
+plot.tarnel <- function(x, which = 1:2, ask = FALSE, curve = NULL, by = NULL, at = NULL, level = 0.95, ...) {
+  if (!is.null(curve)) return(plot_fitted_curve(x, curve, by = by, at = at, level = level, ...))
   r <- x$residuals
   f <- x$fitted
   ok <- !is.na(r) & !is.na(f)

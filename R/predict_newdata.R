@@ -74,6 +74,20 @@ opoly_columns <- function(fit, lf, x) {
   out
 }
 
+# Spline columns at new values of the covariate: the engine's basis of the
+# fitted covariate (its design points or the knots given, its scale), each
+# new value between points on the natural cubic spline through Z at the
+# points, linear beyond the end points.
+spline_columns <- function(fit, lf, x) {
+  store <- fit$model$store
+  x0 <- as.double(store$values[[match(paste0("num:", lf$covariate), store$keys)]])
+  knots <- if (is.null(lf$jtable)) double() else as.double(lf$jtable[-1L])
+  out <- matrix(NA_real_, length(x), lf$flev)
+  ok <- is.finite(x)
+  if (any(ok)) out[ok, ] <- .Call(C_spline_basis, x0, knots, 0, x[ok])$at
+  out
+}
+
 # Values of the term functions as the engine forms them (its sine and
 # cosine take pi in single precision).
 transform_values <- function(code, x, fc, power) {
@@ -112,6 +126,7 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
     g <- c(0, lf$jtable)[ifelse(is.na(k), NA, k + 1L)]
     return(indicators(as.integer(g), lf$flev))
   }
+  if (code == -3L) return(spline_columns(fit, lf, new_numeric(x, name)))
   if (startsWith(lf$key, "opoly(")) {
     return(opoly_columns(fit, lf, new_numeric(x, name)))
   }
@@ -323,7 +338,8 @@ predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, all
             else tstop("'re.form' must be NULL (all random terms) or NA or ~0 (none); a subset of random terms is not available yet")
   if (!is.logical(allow.new.levels) || length(allow.new.levels) != 1L || is.na(allow.new.levels))
     tstop("'allow.new.levels' must be TRUE or FALSE")
-  fp <- fixed_part(object, newdata, isTRUE(se.fit))
+  joint <- isTRUE(se.fit) && random && has_spline(object)
+  fp <- fixed_part(object, newdata, isTRUE(se.fit) && !joint)
   if (any(!fp$est))
     warning(sprintf("tarnel: %d row(s) of 'newdata' ask for fixed effects the data do not estimate; their predictions are NA",
                     sum(!fp$est)), call. = FALSE)
@@ -331,5 +347,61 @@ predict_newdata <- function(object, newdata, re.form = NULL, se.fit = FALSE, all
   if (random) pred <- pred + random_part(object, newdata, if (allow.new.levels) "zero" else "error")
   names(pred) <- rownames(newdata)
   if (!isTRUE(se.fit)) return(pred)
-  list(fit = pred, se.fit = setNames(fp$se, rownames(newdata)))
+  se <- if (joint) joint_se(object, newdata, fp$est) else fp$se
+  list(fit = pred, se.fit = setNames(se, rownames(newdata)))
+}
+
+has_spline <- function(fit) {
+  any(vapply(fit$model$random$terms, function(t) any(vapply(t$vars, function(v) identical(v$code, -3L), TRUE)), TRUE))
+}
+
+# Standard errors of Xb + Zu at new records, from the joint prediction-error
+# covariance of the fixed and random effects: sigma2 times the inverse of
+# the mixed model equations [X'X, X'Z; Z'X, Z'Z + sigma2 G^-1], formed
+# densely from the fitted records.  It holds for a fit whose residual is a
+# plain scaled identity without weights and whose random terms each have a
+# single variance, G = sigma_t I.
+joint_se <- function(fit, newdata, est) {
+  why <- joint_unavailable(fit)
+  if (!is.null(why)) tstop("standard errors of a spline curve are not available yet for %s", why)
+  fb <- fixed_basis(fit)
+  ok <- !is.na(fb$bhat)
+  present <- fit$fixed_engine$present
+  recs <- fit$model$data[present, , drop = FALSE]
+  vc <- fit$varcomp
+  s2 <- vc[["component"]][match("residual", rownames(vc))]
+  Zr <- Zn <- list()
+  gdiag <- NULL
+  for (t in fit$model$random$terms) {
+    Zr <- c(Zr, term_matrices(fit, t, recs, "error", "random"))
+    Zn <- c(Zn, term_matrices(fit, t, newdata, "zero", "random"))
+    gdiag <- c(gdiag, rep(vc[["component"]][match(t$label, rownames(vc))], ncol(Zr[[length(Zr)]])))
+  }
+  W <- cbind(fb$full[, ok, drop = FALSE], do.call(cbind, Zr))
+  C <- crossprod(W)
+  q <- length(gdiag)
+  ir <- ncol(W) - q + seq_len(q)
+  C[cbind(ir, ir)] <- C[cbind(ir, ir)] + s2 / gdiag
+  Wn <- cbind(fixed_rows(fit, fb, newdata)[, ok, drop = FALSE], do.call(cbind, Zn))
+  out <- rep(NA_real_, nrow(Wn))
+  cc <- stats::complete.cases(Wn) & est
+  if (any(cc)) {
+    A <- solve(C, t(Wn[cc, , drop = FALSE]))
+    out[cc] <- sqrt(pmax(s2 * colSums(A * t(Wn[cc, , drop = FALSE])), 0))
+  }
+  out
+}
+
+# Why the joint covariance cannot be formed (NULL when it can).
+joint_unavailable <- function(fit) {
+  if (inherits(fit, "tarnel_glm")) return("generalised models")
+  if (!identical(fit$model$residual$kind, "identity") || !identical(fit$model$weights_column, 0L))
+    return("a residual with structure or weights")
+  vc <- rownames(fit$varcomp)
+  labs <- vapply(fit$model$random$terms, function(t) t$label, "")
+  if (!setequal(vc, c(labs, "residual")) || length(vc) != length(labs) + 1L)
+    return("random terms with more than one variance parameter")
+  nre <- length(fit$ranef)
+  if (nre > 5000L) return(sprintf("%d random effects (5000 at most)", nre))
+  NULL
 }

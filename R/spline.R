@@ -110,3 +110,46 @@ splinez <- function(x, knots = NULL, scale = NULL) {
 cubic_spline <- function(x, knots = NULL) term_only("cubic_spline")
 
 legendre <- function(x, degree) term_only("legendre")
+
+# The fitted curve along a covariate with its pointwise confidence band, over
+# the data: predictions for new records on a grid of the covariate (one
+# curve for each level of `by`), other variables of the model held at the
+# values in `at`.
+plot_fitted_curve <- function(fit, curve, by = NULL, at = NULL, level = 0.95, n = 200L, ...) {
+  data <- fit$model$data
+  if (!is.character(curve) || length(curve) != 1L || is.na(curve)) tstop("'curve' must name one covariate of the model")
+  if (!curve %in% names(data) || !is.numeric(data[[curve]])) tstop("'curve': '%s' is not a numeric column of the fit's data", curve)
+  if (!is.numeric(level) || length(level) != 1L || !(level > 0 && level < 1)) tstop("'level' must be one number between 0 and 1")
+  if (!is.null(at) && (!is.list(at) || is.null(names(at)) || any(names(at) == "")))
+    tstop("'at' must be a named list of single values, such as list(x = 1)")
+  used <- unique(c(all.vars(fit$formulae$fixed[[3L]]), all.vars(fit$formulae$random)))
+  used <- intersect(used, names(data))
+  others <- setdiff(used, c(curve, by, names(at)))
+  if (length(others)) tstop("give values of %s in 'at' to draw the curve along '%s'", paste0("'", others, "'", collapse = ", "), curve)
+  xs <- seq(min(data[[curve]], na.rm = TRUE), max(data[[curve]], na.rm = TRUE), length.out = n)
+  groups <- if (is.null(by)) list(NULL) else {
+    if (!is.character(by) || length(by) != 1L || !by %in% names(data)) tstop("'by' must name one factor of the fit's data")
+    as.list(levels(as_model_factor(data, by)))
+  }
+  y <- data[[fit$model$response]]
+  cols <- if (length(groups) > 1L) grDevices::hcl.colors(length(groups), "Dark 3") else "black"
+  pcol <- if (is.null(by)) "grey40" else grDevices::adjustcolor(cols, alpha.f = 0.7)[as.integer(as_model_factor(data, by))]
+  graphics::plot(data[[curve]], y, xlab = curve, ylab = fit$model$response, col = pcol, ...)
+  z <- stats::qnorm(1 - (1 - level) / 2)
+  for (g in seq_along(groups)) {
+    nd <- data.frame(xs)
+    names(nd) <- curve
+    for (a in names(at)) nd[[a]] <- at[[a]]
+    if (!is.null(by)) nd[[by]] <- groups[[g]]
+    p <- predict_newdata(fit, nd, se.fit = TRUE)
+    lo <- p$fit - z * p$se.fit
+    hi <- p$fit + z * p$se.fit
+    ok <- !is.na(lo) & !is.na(hi)
+    graphics::polygon(c(xs[ok], rev(xs[ok])), c(lo[ok], rev(hi[ok])), border = NA,
+                      col = grDevices::adjustcolor(cols[g], alpha.f = 0.2))
+    graphics::lines(xs, p$fit, col = cols[g], lwd = 2)
+  }
+  if (length(groups) > 1L)
+    graphics::legend("topleft", legend = unlist(groups), col = cols, lwd = 2, bty = "n", title = by)
+  invisible(fit)
+}

@@ -152,3 +152,62 @@ test_that("a spline without its fixed linear trend is warned about", {
   expect_warning(tarnel(accel ~ g + times, random = ~ cubic_spline(times):g, data = d), "no linear trend 'g:times'")
   expect_no_warning(tarnel(accel ~ g + g:times, random = ~ cubic_spline(times):g, data = d))
 })
+
+test_that("spline predictions for new data follow the fitted curve, with the curve's standard errors", {
+  r <- spline_ref()
+  d <- r$data
+  st <- c("cubic_spline(times)" = r$expected$variance_parameters$spline,
+          residual = r$expected$variance_parameters$residual)
+  fit <- tarnel(accel ~ times, random = ~ cubic_spline(times), data = d, start = st)
+  p <- predict(fit, newdata = d, se.fit = TRUE)
+  expect_equal(unname(p$fit), unname(fitted(fit)), tolerance = 1e-8)
+  # The joint covariance agrees with what the engine reports: vcov for the
+  # fixed effects, the prediction error variances for the spline effects.
+  fb <- tarnel:::fixed_basis(fit)
+  s2 <- fit$varcomp["residual", "component"]
+  W <- cbind(fb$full, splinez(d$times))
+  C <- crossprod(W)
+  q <- seq_len(ncol(W))[-(1:2)]
+  C[cbind(q, q)] <- C[cbind(q, q)] + s2 / fit$varcomp["cubic_spline(times)", "component"]
+  Ci <- solve(C) * s2
+  expect_equal(unname(Ci[1:2, 1:2]), unname(fit$vcov), tolerance = 1e-5)
+  expect_equal(unname(diag(Ci)[q]), unname(fit$ranef_pev), tolerance = 1e-5)
+  # Between the design points and beyond them, against mgcv at the same
+  # smoothing; the standard errors scaled to the same residual variance.
+  skip_if_not_installed("mgcv")
+  ratio <- s2 / fit$varcomp["cubic_spline(times)", "component"]
+  k <- splinek(d$times)
+  gam_at <- function(sp) mgcv::gam(accel ~ s(times, bs = "cr", k = length(k)), data = d,
+                                   knots = list(times = k), sp = sp)
+  g <- gam_at(ratio / (9 / diff(range(d$times)))^3 * gam_at(1)$smooth[[1]]$S.scale)
+  nd <- data.frame(times = c(2.5, 9.9, 14.05, 21.3, 33.33, 47.1, 57.5))
+  pn <- predict(fit, newdata = nd, se.fit = TRUE)
+  pg <- predict(g, newdata = nd, se.fit = TRUE)
+  expect_equal(unname(pn$fit), as.vector(pg$fit), tolerance = 1e-6)
+  expect_equal(unname(pn$se.fit), as.vector(pg$se.fit) * sqrt(s2 / g$sig2), tolerance = 1e-5)
+  ss <- stats::smooth.spline(d$times, d$accel, all.knots = TRUE, lambda = ratio / 9^3)
+  expect_lt(max(abs(predict(ss, nd$times)$y - pn$fit)) / diff(range(d$accel)), 1e-5)
+  # Beyond the data the curve goes on as a line.
+  out <- predict(fit, newdata = data.frame(times = c(60, 70, 80)))
+  expect_equal(diff(diff(unname(out))), 0, tolerance = 1e-8)
+})
+
+test_that("curves for each level of a factor are predicted and plotted with their bands", {
+  d <- spline_ref()$data
+  d <- d[d$times > 10, ]
+  d$g <- factor(rep(c("a", "b"), length.out = nrow(d)))
+  fit <- tarnel(accel ~ g + times:g, random = ~ cubic_spline(times):g, data = d)
+  p <- predict(fit, newdata = d, se.fit = TRUE)
+  expect_equal(unname(p$fit), unname(fitted(fit)), tolerance = 1e-8)
+  expect_true(all(p$se.fit > 0))
+  png(f <- tempfile(fileext = ".png"))
+  on.exit(unlink(f))
+  expect_no_error(plot(fit, curve = "times", by = "g"))
+  expect_error(plot(fit, curve = "times"), "give values of 'g' in 'at'")
+  dev.off()
+  fit1 <- tarnel(accel ~ times, random = ~ cubic_spline(times), data = d)
+  png(f)
+  expect_no_error(plot(fit1, curve = "times", main = "mcycle"))
+  dev.off()
+  expect_error(plot(fit1, curve = "accl"), "not a numeric column")
+})
