@@ -29,6 +29,13 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
     if (v$kind == 1L && !any(vapply(tabs, function(t) nm %in% t$cnames, TRUE)))
       pstop("'at' gives levels of factor '%s', which is not in the classify set", nm)
   }
+  # A spline of a classified covariate would need its basis at the table's
+  # points, which the tables cannot form yet: the curve comes from newdata.
+  splines <- vapply(object$model$random$groups, function(g) as.character(g$label)[1L], "")
+  splines <- splines[grepl("^cubic_spline\\(", splines)]
+  for (t in tabs) for (nm in t$cnames)
+    if (any(grepl(sprintf("^cubic_spline\\(%s[,)]", nm), splines)))
+      pstop("tables along the spline of '%s' are not available yet; predict(fit, newdata = ) gives the curve with standard errors", nm)
   big <- vapply(tabs, `[[`, 1L, "n") > max_full_table
   if (any(big) && (isTRUE(sed) || isTRUE(vcov)))
     pstop("the table '%s' has %d cells: SED and variance matrices are formed for tables of at most %d cells",

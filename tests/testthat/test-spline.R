@@ -161,6 +161,8 @@ test_that("spline predictions for new data follow the fitted curve, with the cur
   fit <- tarnel(accel ~ times, random = ~ cubic_spline(times), data = d, start = st)
   p <- predict(fit, newdata = d, se.fit = TRUE)
   expect_equal(unname(p$fit), unname(fitted(fit)), tolerance = 1e-8)
+  # Tables cannot form the spline's basis yet, and say so rather than give the trend alone.
+  expect_error(predict(fit, classify = "times", at = list(times = 10)), "along the spline of 'times' are not available yet")
   # The joint covariance agrees with what the engine reports: vcov for the
   # fixed effects, the prediction error variances for the spline effects.
   fb <- tarnel:::fixed_basis(fit)
@@ -199,6 +201,8 @@ test_that("curves for each level of a factor are predicted and plotted with thei
   fit <- tarnel(accel ~ g + times:g, random = ~ cubic_spline(times):g, data = d)
   p <- predict(fit, newdata = d, se.fit = TRUE)
   expect_equal(unname(p$fit), unname(fitted(fit)), tolerance = 1e-8)
+  # Tables cannot form the spline's basis yet, and say so rather than give the trend alone.
+  expect_error(predict(fit, classify = "times", at = list(times = 10)), "along the spline of 'times' are not available yet")
   expect_true(all(p$se.fit > 0))
   png(f <- tempfile(fileext = ".png"))
   on.exit(unlink(f))
