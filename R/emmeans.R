@@ -58,5 +58,12 @@ emm_basis.tarnel <- function(object, trms, xlev, grid, ...) {
   dffun <- function(k, dfargs) Inf
   attr(dffun, "mesg") <- "asymptotic"
   list(X = fixed_rows(object, fb, grid), bhat = unname(fb$bhat), nbasis = null_basis(fb), V = fb$V,
-       dffun = dffun, dfargs = list(), misc = list())
+       dffun = dffun, dfargs = list(), misc = emm_misc(object))
+}
+
+# A generalised fit's link, so that emmeans(..., type = "response") and
+# regrid() back-transform as they do for glm().
+emm_misc <- function(object) {
+  if (!inherits(object, "tarnel_glm")) return(list())
+  emmeans::.std.link.labels(object$family, list())
 }

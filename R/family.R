@@ -266,3 +266,32 @@ print.tarnel_glm <- function(x, ...) {
   cat("Note:", x$note, "\n")
   invisible(x)
 }
+
+# Predictions of a generalised model from new data on the scale of the
+# linear predictor or, through the inverse link, of the mean, with
+# delta-method standard errors se(eta) * |dmu/deta|.
+#' @export
+predict.tarnel_glm <- function(object, newdata = NULL, ..., type = c("link", "response")) {
+  type <- match.arg(type)
+  if (is.null(newdata)) return(NextMethod())
+  p <- predict_newdata(object, newdata = newdata, ...)
+  if (type == "link") return(p)
+  fam <- object$family
+  if (!is.list(p)) return(glm_linkinv(fam, p))
+  list(fit = glm_linkinv(fam, p$fit), se.fit = p$se.fit * abs(glm_mu_eta(fam, p$fit)))
+}
+
+# The inverse link and its derivative, NA kept where the predictor is NA.
+glm_linkinv <- function(fam, eta) {
+  out <- eta
+  ok <- !is.na(eta)
+  out[ok] <- fam$linkinv(eta[ok])
+  out
+}
+
+glm_mu_eta <- function(fam, eta) {
+  out <- eta
+  ok <- !is.na(eta)
+  out[ok] <- fam$mu.eta(eta[ok])
+  out
+}

@@ -122,3 +122,29 @@ test_that("complete separation ends in a warning, not a crash", {
   expect_true(any(grepl("bounds", said)))
   expect_true(all(is.finite(fitted(fit))))
 })
+
+test_that("new-data predictions and emmeans back-transform as they do for glm", {
+  skip_if_not_installed("emmeans")
+  d <- sim()
+  nd <- d[c(1:4, 1), ]
+  nd$x[5] <- NA
+  for (fam in list(binomial("probit"), poisson("sqrt"))) {
+    y <- if (fam$family == "binomial") "yb" else "yp"
+    fo <- stats::as.formula(paste(y, "~ x + f"))
+    g <- glm(fo, fam, data = d, control = glm.control(epsilon = 1e-14, maxit = 100))
+    fit <- quiet(tarnel(fo, data = d, family = fam))
+    for (type in c("link", "response")) {
+      pg <- predict(g, nd, type = type, se.fit = TRUE)
+      pt <- predict(fit, newdata = nd, type = type, se.fit = TRUE)
+      expect_equal(pt$fit, pg$fit, tolerance = 1e-6, label = paste(fam$link, type))
+      expect_equal(pt$se.fit, pg$se.fit, tolerance = 1e-5, label = paste(fam$link, type))
+    }
+    expect_equal(predict(fit, newdata = nd), predict(g, nd), tolerance = 1e-6)
+    for (type in c("link", "response")) {
+      eg <- summary(emmeans::emmeans(g, ~ f, type = type))
+      et <- summary(emmeans::emmeans(fit, ~ f, type = type))
+      expect_equal(names(et), names(eg))
+      for (k in 2:3) expect_equal(et[[k]], eg[[k]], tolerance = 1e-6, label = paste(fam$link, type, names(eg)[k]))
+    }
+  }
+})
