@@ -295,3 +295,52 @@ glm_mu_eta <- function(fam, eta) {
   out[ok] <- fam$mu.eta(eta[ok])
   out
 }
+
+# The weighted linear mixed model of a converged generalised fit: the
+# working variate z = eta + (y - mu) / (dmu/deta) as the response and the
+# working weights n (dmu/deta)^2 / V(mu) in the residual's known diagonal,
+# both from the final linear predictor.  Solved with the fit's variance
+# parameters held, it gives the fit's estimates again, so prediction tables
+# formed from it are those of the fit on the scale of the linear predictor.
+glm_working_model <- function(fit) {
+  fam <- fit$family
+  model <- fit$model
+  table <- fit$table
+  rows <- fit$record_rows
+  eta <- rep(NA_real_, length(rows))
+  eta[!is.na(rows)] <- fit$eta[rows[!is.na(rows)]]
+  y <- model$data[[".glm_y"]]
+  n <- if (is.null(model$data[[".glm_n"]])) rep(1, length(y)) else model$data[[".glm_n"]]
+  ok <- !is.na(eta) & !is.na(y)
+  z <- rep(NA_real_, length(y))
+  w <- rep(1, length(y))
+  mu <- fam$linkinv(eta[ok])
+  dmu <- fam$mu.eta(eta[ok])
+  z[ok] <- eta[ok] + (y[ok] - mu) / dmu
+  w[ok] <- n[ok] * dmu^2 / fam$variance(mu)
+  table$data[, 1L] <- z
+  # The prior weights are inside the working weights.
+  model$weights_column <- 0L
+  list(model = model, table = table, weights = w)
+}
+
+# The engine's structures of the working model: those of the fit, with the
+# working weights written into the known diagonal and no generalised step.
+glm_working_struc <- function(fit, wm) {
+  g <- c(fit$glm, list(family = fit$family))
+  struc <- glm_struc(g, wm$model, wm$table, build_struc(wm$model, wm$table))
+  at <- struc$glm_weights
+  struc$ainv$ainv[at - 1L + seq_along(wm$weights)] <- wm$weights
+  struc$glm <- NULL
+  struc$glm_weights <- NULL
+  struc
+}
+
+# Prediction-table rows on the scale of the mean: the inverse link of the
+# predicted value, with the delta-method standard error.
+glm_table_response <- function(x, fam) {
+  eta <- x$pvals$predicted.value
+  x$pvals$response <- glm_linkinv(fam, eta)
+  x$pvals$response.se <- x$pvals$std.error * abs(glm_mu_eta(fam, eta))
+  x
+}

@@ -10,8 +10,6 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
     return(predict_newdata(object, newdata = newdata, ...))
   }
   if (is.null(classify)) pstop("give 'classify' (the factors of the table) or 'newdata'")
-  if (inherits(object, "tarnel_glm"))
-    pstop("prediction tables of generalised models are not available yet; predict(fit, newdata =) gives the linear predictor")
   if (!is.character(classify) || anyNA(classify) || !length(classify))
     pstop("'classify' must be a character vector, one table an element, such as \"A:B\"")
   for (a in list(average, present, associate))
@@ -42,6 +40,7 @@ predict.tarnel <- function(object, newdata = NULL, classify = NULL, average = NU
           tabs[[which(big)[1L]]]$cls, tabs[[which(big)[1L]]]$n, max_full_table)
   out <- pred_run(object, pm, tabs)
   res <- lapply(seq_along(tabs), function(k) pred_result(out, pm, tabs[[k]], k, sed, vcov))
+  if (inherits(object, "tarnel_glm")) res <- lapply(res, glm_table_response, fam = object$family)
   # A response the fit scaled for the engine: the tables back in its units.
   ys <- if (is.null(object$yscale)) 1 else object$yscale
   if (ys != 1) res <- lapply(res, rescale_prediction, s = ys)
@@ -249,6 +248,13 @@ pred_run <- function(fit, pm, tabs) {
   model <- fit$model
   table <- fit$table
   struc <- build_struc(model, table)
+  if (inherits(fit, "tarnel_glm")) {
+    # Tables of a generalised model come from its working model.
+    wm <- glm_working_model(fit)
+    model <- wm$model
+    table <- wm$table
+    struc <- glm_working_struc(fit, wm)
+  }
   pars <- struc$params
   free <- pars$kind == "scale" & fit$profiled
   con <- stats::setNames(rep("fixed", sum(!free)), pars$name[!free])
@@ -378,7 +384,7 @@ as.data.frame.tarnel_prediction <- function(x, row.names = NULL, optional = FALS
 #' @export
 plot.tarnel_prediction <- function(x, level = 0.95, xlab = NULL, ylab = "predicted value", main = NULL, ...) {
   df <- x$pvals
-  cn <- setdiff(names(df), c("predicted.value", "std.error", "status"))
+  cn <- setdiff(names(df), c("predicted.value", "std.error", "status", "response", "response.se"))
   n <- nrow(df)
   q <- stats::qnorm(1 - (1 - level) / 2)
   lo <- df$predicted.value - q * df$std.error

@@ -123,7 +123,7 @@ test_that("complete separation ends in a warning, not a crash", {
   expect_true(all(is.finite(fitted(fit))))
 })
 
-test_that("new-data predictions and emmeans back-transform as they do for glm", {
+test_that("new-data predictions, tables and emmeans back-transform as they do for glm", {
   skip_if_not_installed("emmeans")
   d <- sim()
   nd <- d[c(1:4, 1), ]
@@ -146,5 +146,21 @@ test_that("new-data predictions and emmeans back-transform as they do for glm", 
       expect_equal(names(et), names(eg))
       for (k in 2:3) expect_equal(et[[k]], eg[[k]], tolerance = 1e-6, label = paste(fam$link, type, names(eg)[k]))
     }
+    # Tables from the working model: the link scale and the means.
+    tab <- quiet(predict(fit, classify = "f"))$pvals
+    eg <- summary(emmeans::emmeans(g, ~ f))
+    expect_equal(tab$predicted.value, eg$emmean, tolerance = 1e-6)
+    expect_equal(tab$std.error, eg$SE, tolerance = 1e-6)
+    eg <- summary(emmeans::emmeans(g, ~ f, type = "response"))
+    expect_equal(tab$response, eg[[2]], tolerance = 1e-6)
+    expect_equal(tab$response.se, eg$SE, tolerance = 1e-6)
   }
+  # With a random term, the tables agree with the fit's own estimates.
+  d$h <- factor(rep(1:12, length.out = nrow(d)))
+  d$yp <- d$yp + rpois(nrow(d), as.integer(d$h) %% 3)
+  fit <- quiet(tarnel(yp ~ x + f, random = ~ h, data = d, family = poisson()))
+  tab <- quiet(predict(fit, classify = "f"))$pvals
+  et <- summary(emmeans::emmeans(fit, ~ f, type = "response"))
+  expect_equal(tab$response, et$rate, tolerance = 1e-5)
+  expect_equal(tab$response.se, et$SE, tolerance = 1e-4)
 })
