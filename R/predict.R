@@ -269,9 +269,13 @@ pred_run <- function(fit, pm, tabs) {
   repeat {
     args <- ctrn_args(model, table, struc, keep_design = FALSE, control = control, workspace = ws,
                       predict = list(request = pred_request(pm, tabs), pworkspace = pws))
-    status <- .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
-                    args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
-                    args$trn, args$design)
+    # The engine's text goes into a log, as in a fit: the run prints nothing.
+    status <- with_engine_console(
+      .Call(C_ctrn, args$datafr, args$iarg, args$dpmv, args$inter, args$struc, args$ainv,
+            args$glm, args$predict, args$constr, args$mbfList, args$control, args$aiopt,
+            args$trn, args$design),
+      trace = FALSE, progress = FALSE, trn = args$trn, stride = length(args$struc$gammas) + 2L)
+    attr(status, "log") <- NULL
     text <- engine_error_text(args$trn$errtxt)
     if (status != 0L && grepl("Insufficient predict workspace", text, fixed = TRUE)) {
       if (pws * 4 > control$max_workspace) pstop("the tables need more than %.0f words of prediction work array", pws)
