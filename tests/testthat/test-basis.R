@@ -60,6 +60,7 @@ test_that("a basis matrix that does not fit the data is refused", {
 })
 
 test_that("value_factor() groups a covariate by its values, levels in numeric order", {
+  skip_if_not_installed("lme4")
   b <- basis_data()
   d <- b$d
   fit <- tarnel(y ~ 1, random = ~ value_factor(x), data = d)
