@@ -23,7 +23,7 @@ term_standins <- function(parent) {
   env <- new.env(parent = if (is.null(parent)) baseenv() else parent)
   as_factor <- function(f, ...) factor(f)
   as_number <- function(x, ...) as.numeric(x)
-  for (fn in c("at", "grp", "helmert", "marker")) assign(fn, as_factor, envir = env)
+  for (fn in c("at", "grp", "helmert", "marker", "value_factor")) assign(fn, as_factor, envir = env)
   for (fn in c(names(transform_codes), "opoly")) assign(fn, as_number, envir = env)
   assign("rec", function(...) 1, envir = env)
   env

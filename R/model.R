@@ -210,6 +210,8 @@ parse_variable <- function(e, data, env, store) {
       b <- add_columns(store, key, cols)
       leaf(key, 0L, b, k + 1L, k + 1L, paste0(key, 0:k), maxent = k + 1L)
     },
+    basis = basis_leaf(e, key, arg, data, env, store),
+    value_factor = value_factor_leaf(key, arg, data, store),
     helmert = {
       name <- var_name(arg("f", 1L), "the argument of helmert()")
       f <- as_model_factor(data, name)

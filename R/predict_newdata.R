@@ -127,6 +127,17 @@ leaf_matrix <- function(fit, lf, newdata, new_levels, what) {
     return(indicators(as.integer(g), lf$flev))
   }
   if (code == -3L) return(spline_columns(fit, lf, new_numeric(x, name)))
+  if (!is.null(lf$basis_matrix)) {
+    if (is.null(basis_row_values(lf$basis_matrix)))
+      tstop("predictions for new data from '%s' need a matrix whose rows are labelled by values of '%s' (row names or attribute \"values\")",
+            lf$key, name)
+    return(basis_columns(new_numeric(x, name), name, lf$basis_matrix, n))
+  }
+  if (isTRUE(lf$value_factor)) {
+    k <- level_numbers(new_numeric(x, name), lf$levels)
+    unseen_levels(k, x, name, what, new_levels)
+    return(indicators(k, lf$flev))
+  }
   if (startsWith(lf$key, "opoly(")) {
     return(opoly_columns(fit, lf, new_numeric(x, name)))
   }
