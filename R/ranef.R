@@ -66,7 +66,8 @@ print.ranef.tarnel <- function(x, ...) {
   if (!length(x)) cat("No random terms in the model\n")
   for (g in names(x)) {
     cat("$", g, "\n", sep = "")
-    print(as.data.frame(unclass(x[[g]]), check.names = FALSE), ...)
+    d <- x[[g]]
+    print(data.frame(unclass(d), check.names = FALSE, row.names = rownames(d)), ...)
     cat("\n")
   }
   if (length(x)) cat("(conditional standard errors: attr(, \"se\") of each table)\n")
