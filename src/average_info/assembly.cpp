@@ -150,8 +150,9 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 // diagonals as in the element recursion.  Singular positions keep zero rows
 // and columns (their multipliers are set to zero).  The result goes back
 // into the packed rows, column 1 cleared.  Returns false when `room` is too
-// small (nothing is changed then).
-static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
+// small (nothing is changed then); on an interrupt it returns true at once
+// with nothing written back, and `interrupted` says yes from then on.
+static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, InterruptPoll& interrupted) {
   constexpr i32 NB = 64;
   constexpr i64 CH = 256;
   constexpr i64 KC = 128;
@@ -168,6 +169,8 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room) {
   for (i32 k = 2; k <= nd; ++k)
     for (i32 c = 2; c <= k; ++c) z(k, c) = z(c, k) = st.dense(k, c);
   for (i32 p0 = nd + 1; p0 <= top; p0 += NB) {
+    // On an interrupt nothing is written back; the caller sees it too.
+    if (interrupted(NB)) return true;
     const i32 p1 = std::min(top, p0 + NB - 1);
     const i32 nb = p1 - p0 + 1;
     const i64 na = p0 - 2;  // positions 2..p0-1
@@ -279,11 +282,13 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
   i32 top = ctop;
   if (top - st.ndense < 32) top = st.ndense;
   span<double> room(g_aistate.lists.w, g_aistate.lists.w ? 2 * g_aistate.lists.n : 0);
+  InterruptPoll interrupted(64);
   for (i32 p = 2; p <= st.neq; ++p) {
-    if (p == st.ndense + 1 && top > st.ndense && dense_tail(a, top, room)) {
+    if (p == st.ndense + 1 && top > st.ndense && dense_tail(a, top, room, interrupted)) {
       p = top;
       continue;
     }
+    if (interrupted(p <= st.ndense ? 64 : 1)) break;
     bool sing = singular_at(a, p);
     if (p <= st.ndense) {
       if (sing) {
@@ -375,6 +380,11 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
       }
       pl.val(dslot) = zpp;
     }
+  }
+  // An interrupt leaves the inverse unfinished: the run ends with the fault.
+  if (interrupted(0)) {
+    g5verror("Interrupted by the user", 4);
+    return g5vflt(a.nfault, 1);
   }
   return 0;
 }

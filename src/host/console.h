@@ -7,6 +7,7 @@
 #ifndef TARNEL_HOST_CONSOLE_H
 #define TARNEL_HOST_CONSOLE_H
 
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -20,6 +21,34 @@ void host_vprintf(const char* format, std::va_list ap);
 // True when the user asked to interrupt (Ctrl-C in R).  Checking never
 // leaves the engine by a jump: the engine polls it and ends the run itself.
 bool host_interrupt_pending();
+// Forgets an interrupt of an earlier run (the R entry calls it on entry).
+void host_interrupt_reset();
+
+// The check for an interrupt inside a long loop, kept cheap: a count down
+// by the work of each call, the clock read when it runs out, and the host
+// asked at most every quarter second.  Once the host has said yes it says
+// yes to every later check of the same run, so a routine that stops early
+// on an interrupt leaves its caller to see it too.
+class InterruptPoll {
+ public:
+  explicit InterruptPoll(long long stride) : stride_(stride), left_(stride), last_(Clock::now()) {}
+  bool operator()(long long work = 1) {
+    left_ -= work;
+    if (left_ > 0 || yes_) return yes_;
+    left_ = stride_;
+    const Clock::time_point now = Clock::now();
+    if (now - last_ < std::chrono::milliseconds(250)) return false;
+    last_ = now;
+    yes_ = host_interrupt_pending();
+    return yes_;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  long long stride_, left_;
+  Clock::time_point last_;
+  bool yes_ = false;
+};
 
 // Handle of a copy of the output.  Nothing in this system opens it, so it
 // stays null and all output goes to the host console; the routines keep

@@ -39,6 +39,7 @@ struct ConsoleRoute {
   int stride = 0;
   Clock::time_point start;
   std::size_t width = 0;  // characters of the line on screen, 0 if none
+  bool interrupted = false;  // the user interrupted this run
 };
 ConsoleRoute route;
 
@@ -116,12 +117,17 @@ void host_vprintf(const char* format, std::va_list ap) {
 
 // R_CheckUserInterrupt leaves by a jump when the user interrupted; run it
 // under R_ToplevelExec so the jump stops there and the engine can end the
-// run in order.  The engine polls this once an iteration, which is also
-// when the progress line is brought up to date.
+// run in order.  The engine polls this between the steps of an iteration
+// and now and then inside its long loops, which is also when the progress
+// line is brought up to date.  R forgets the interrupt once it has been
+// caught, so the answer is kept for the rest of the run.
 bool host_interrupt_pending() {
   draw_progress();
-  return R_ToplevelExec(check_interrupt_fn, nullptr) == FALSE;
+  if (!route.interrupted) route.interrupted = R_ToplevelExec(check_interrupt_fn, nullptr) == FALSE;
+  return route.interrupted;
 }
+
+void host_interrupt_reset() { route.interrupted = false; }
 
 }  // namespace tarnel
 

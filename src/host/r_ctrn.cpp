@@ -8,6 +8,7 @@
 #include <cmath>
 #include <vector>
 
+#include "host/console.h"
 #include "host/ctrn.h"
 #include "host/r_sexp.h"
 
@@ -332,6 +333,7 @@ extern "C" SEXP ctrn(SEXP datafr, SEXP iarg, SEXP dpmv, SEXP inter, SEXP struc, 
   msg[0] = '\0';
   SEXP status = PROTECT(Rf_allocVector(INTSXP, 1));
   INTEGER(status)[0] = 0;
+  tarnel::host_interrupt_reset();
   try {
     tarnel::CtrnInput in;
     std::vector<const char*> names;

@@ -223,6 +223,7 @@ struct Absorption {
   StripRuns runs;
   BlockLayout block;
   i32 p = 0;          // the position being absorbed
+  InterruptPoll interrupted{32};
 
   Absorption(MmeStore& s, AbsorbArgs& args, int& nf)
       : st(s), a(args), nfault(nf), err(*args.err), pool(s.pool()), neq(s.neq), nd(s.ndense),
@@ -601,6 +602,8 @@ i32 absorb_block(Absorption& x, i32 q) {
     update_below_panel(x, pn);
     if (stopped > 0) return stopped;
     q = pn.end - 1;
+    // On an interrupt the element path takes over, and stops at once.
+    if (q > x.nd && x.interrupted(32)) return q;
   }
   return x.nd;
 }
@@ -955,6 +958,11 @@ int absorb_positions(Absorption& x) {
   i64 nextreport = step + step / 2;
   x.p = x.neq;
   while (x.p >= 2) {
+    // A dense position costs as much as many sparse ones: it reads the clock.
+    if (x.interrupted(x.p > x.nd ? 1 : 32)) {
+      g5verror("Interrupted by the user", 4);
+      return g5vflt(x.nfault, 1);
+    }
     const int taken = lay_out_and_take_block(x);
     if (taken < 0) return 1;
     if (taken > 0) continue;

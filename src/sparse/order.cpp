@@ -839,6 +839,9 @@ struct Selection {
   int idle = 0;                // passes in a row that chose nothing
   i64 laid = 0;                // pattern slots at the last lay-out
   i64 since_groups = -1;       // eliminations since the last search for groups
+  // On an interrupt the search stops early: the rows left fill in as the
+  // dense block, and the run ends before that is absorbed.
+  InterruptPoll interrupted{16};
 
   // Rows in selection that the rows left would fill in anyway.
   bool full(i32 e) { return o.ISZ1(e) >= o.netop - o.nebot + 1; }
@@ -1037,7 +1040,7 @@ struct Selection {
         chosen_now = true;
         chose = true;
         limit = count + 12;
-        if (o.nemid <= o.nebot + 1) {
+        if (o.nemid <= o.nebot + 1 || interrupted()) {
           stop = true;
           break;
         }
@@ -1056,7 +1059,7 @@ struct Selection {
   // The passes, until the rows left fill in anyway.  Result 1 on failure.
   int run() {
     const OrderArgs& a = o.a;
-    while (o.nemid > o.nebot) {
+    while (o.nemid > o.nebot && !interrupted(16)) {
       // The nesting rule holds while rows of the block are left.
       if (o.nestact) {
         bool left = false;
