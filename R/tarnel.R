@@ -64,8 +64,12 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     fixed <- g$fixed; data <- g$data; wexpr <- g$weights; glm <- g$glm
   }
   prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env)
-  if (!is.null(glm) && !is.null(prep$offset))
-    tstop("offset() in a generalised model is not available yet")
+  if (!is.null(glm)) {
+    if (!is.null(prep$offset)) tstop("offset() in a generalised model is not available yet")
+    # The response and group sizes of the records the subset keeps.
+    glm$y <- prep$data_user[[".glm_y"]]
+    glm$n <- if (is.null(prep$data_user[[".glm_n"]])) rep(1, prep$n_user) else prep$data_user[[".glm_n"]]
+  }
   fixed <- prep$fixed
   random <- prep$random
   data <- prep$data

@@ -63,6 +63,11 @@ test_that("without a random term every family and link is stats::glm", {
   expect_match(f1$note, "not for comparing generalised models")
   expect_true("deviance" %in% names(f1$iterations))
   expect_equal(f1$iterations$deviance[nrow(f1$iterations)], deviance(g), tolerance = 1e-5)
+  # A subset keeps the response and group sizes of its own records.
+  gs <- glm(cbind(succ, fail) ~ x, binomial, data = d, subset = x > min(x))
+  fs <- quiet(tarnel(cbind(succ, fail) ~ x, data = d, family = binomial(), subset = x > min(x)))
+  expect_equal(deviance(fs), deviance(gs), tolerance = 1e-6)
+  expect_equal(unname(coef(fs)), unname(coef(gs)), tolerance = 1e-6)
 })
 
 test_that("the reference binomial and Poisson GLMMs reach the PQL REML fixed point", {
