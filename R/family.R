@@ -344,3 +344,8 @@ glm_table_response <- function(x, fam) {
   x$pvals$response.se <- x$pvals$std.error * abs(glm_mu_eta(fam, eta))
   x
 }
+
+# The scale of a generalised fit: the square root of its dispersion (1 for
+# the binomial, Poisson and negative binomial families).
+#' @export
+sigma.tarnel_glm <- function(object, ...) sqrt(object$dispersion)
