@@ -117,7 +117,7 @@ fixed_effects_r <- function(fit) {
 
 #' @importFrom nlme fixef
 #' @export
-fixef.tarnel <- function(object, ...) fixed_effects_r(object)$coefficients
+fixef.tarnel <- function(object, ...) object$coefficients
 
 # Called once a fit is assembled: the fixed formula is kept, and the
 # coefficients and their covariance are put in R's convention.  The model

@@ -163,6 +163,20 @@ class Former {
     if (p == 0) g5vflt(ifault_, 6);
     return p;
   }
+  // The scratch of a dense inversion of order n: two integer permutations
+  // and n reals.  Returns false after setting fault 6.
+  struct InverseScratch {
+    span<int> perm, perm2;
+    i64 pscr = 0;
+  };
+  bool take_inverse_scratch(int n, InverseScratch& sc) {
+    const i64 psc = take(2 * static_cast<i64>(n));
+    if (!psc) return false;
+    sc.perm = span<int>(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
+    sc.perm2 = span<int>(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
+    sc.pscr = take(n);
+    return sc.pscr != 0;
+  }
   // Writes the form record of parameter p.
   void stlbri(int p, i64 kind, i64 scale, i64 pos, i64 kindi, i64 scalei, i64 posi) {
     FormRecord& r = pf(p);
@@ -1011,12 +1025,10 @@ int Former::moving_average(Section& S, int which) {
     a_.logdet.at1(S.s) = ld;
   } else {
     expand_toeplitz(pinv, pr, n);
-    const i64 psc = take(2 * static_cast<i64>(n));
-    if (!psc) return 1;
-    span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
-    span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
-    const i64 pscr = take(n);
-    if (!pscr) return 1;
+    InverseScratch sc;
+    if (!take_inverse_scratch(n, sc)) return 1;
+    span<int> perm = sc.perm, perm2 = sc.perm2;
+    const i64 pscr = sc.pscr;
     int mode = 0, rank = n, neg = 0;
     double ld = 0.0;
     g5vsmi(WS(pinv, np), WS(pscr, n), perm, perm2, mode, rank, ld, neg);
@@ -1104,12 +1116,10 @@ int Former::corb_corg(Section& S, bool corg) {
   const i64 pinv = take(np);
   if (!pinv) return 1;
   const i64 saved = a_.top;
-  const i64 psc = take(2 * static_cast<i64>(n));
-  if (!psc) return 1;
-  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
-  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
-  const i64 pscr = take(n);
-  if (!pscr) return 1;
+  InverseScratch sc;
+  if (!take_inverse_scratch(n, sc)) return 1;
+  span<int> perm = sc.perm, perm2 = sc.perm2;
+  const i64 pscr = sc.pscr;
 
   auto element = [&](int i, int j) -> double {  // i > j
     if (corg) return gam(g + static_cast<int>(packed_index(i - 1, j)));
@@ -1493,12 +1503,10 @@ int Former::factor_form(Section& S, bool ante) {
   const i64 pgi = take(np);  // G^-1
   if (!pgi) return 1;
   const i64 saved = a_.top;
-  const i64 psc = take(2 * static_cast<i64>(n));
-  if (!psc) return 1;
-  span<int> perm(a_.work.i + 2 * (psc - 1), static_cast<std::size_t>(n));
-  span<int> perm2(a_.work.i + 2 * (psc - 1) + n, static_cast<std::size_t>(n));
-  const i64 pscr = take(n);
-  if (!pscr) return 1;
+  InverseScratch sc;
+  if (!take_inverse_scratch(n, sc)) return 1;
+  span<int> perm = sc.perm, perm2 = sc.perm2;
+  const i64 pscr = sc.pscr;
 
   if (factor_parameters(S, ante, bw, pf_, pscr, perm, perm2)) return 1;
   for (i64 k = 0; k < np; ++k) W(pf_ + k) = gam(g + static_cast<int>(k));
