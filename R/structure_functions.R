@@ -32,8 +32,13 @@
 #'     value of \code{f} must have a row, rows with no records are kept as
 #'     effects without data, and the effects come in the order of \code{K}.
 #'     A dense matrix given as the matrix is inverted in R and must be
-#'     positive definite; a sparse inverse is used as it stands.  The term
-#'     stands alone: it cannot yet be one factor of a direct product.}
+#'     positive definite; a sparse inverse is used as it stands.  It may
+#'     also be one factor of a direct product, for example
+#'     \code{cov_us(env):cov_known(animal, A)} (genetic covariances across
+#'     environments), \code{cov_diag(env):cov_known(animal, A)}, or
+#'     \code{site:cov_known(animal, A)} (one variance, independent across
+#'     sites); there it carries the term's variance only when no other
+#'     factor has one.}
 #'   \item{\code{het(f)}}{residual formula only: a separate residual variance
 #'     for each level of \code{f}.}
 #'   \item{\code{coefs(f, terms, cov = "us")}}{random formula only: random

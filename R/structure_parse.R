@@ -187,8 +187,12 @@ section_spec <- function(spec, levels, ratio_start, comp_start) {
   if (identical(spec$fn, "cov_known"))
     # The model code (minus the row of the table of known matrices) is set
     # when the table is built.
-    return(list(fn = spec$fn, factor = spec$factor, model = 0L, order = n, band = 0L, names = "variance",
-                kind = "variance", start = ratio_start, key = spec$key, known = spec$known))
+    # Inside a direct product the matrix carries no variance of its own when
+    # another factor has variances (the term's table decides).
+    return(list(fn = spec$fn, factor = spec$factor, model = 0L, order = n, band = 0L,
+                names = if (isTRUE(spec$in_product)) character() else "variance",
+                kind = if (isTRUE(spec$in_product)) character() else "variance",
+                start = if (isTRUE(spec$in_product)) double() else ratio_start, key = spec$key, known = spec$known))
   cat_ <- cov_catalogue[[spec$fn]]
   if (n < cat_$least) tstop("%s: '%s' has %d level(s); the structure needs at least %d", spec$key, spec$factor, n, cat_$least)
   ncor <- as.integer(cat_$ncor(n))
@@ -270,9 +274,7 @@ parse_random <- function(random, data, env, store) {
                           factor = g$factor, levels = g$levels)
       next
     }
-    if (any(vapply(exprs, is_known_call, TRUE))) {
-      if (length(exprs) > 1L)
-        tstop("'%s': cov_known() as one factor of a direct product is not available yet; it must stand alone", labels[j])
+    if (length(exprs) == 1L && is_known_call(exprs[[1L]])) {
       sp <- known_call_spec(exprs[[1L]], data, env)
       b <- add_columns(store, paste0("known:", sp$key), as.integer(sp$fvalues))
       sp$fvalues <- NULL
@@ -296,6 +298,17 @@ parse_random <- function(random, data, env, store) {
       specs <- vector("list", length(exprs))
       leaves <- vector("list", length(exprs))
       for (k in seq_along(exprs)) {
+        if (is_known_call(exprs[[k]])) {
+          # A known matrix as one factor: its levels are the matrix's rows,
+          # whether or not every row has records.
+          sp <- known_call_spec(exprs[[k]], data, env)
+          b <- add_columns(store, paste0("known:", sp$key), as.integer(sp$fvalues))
+          leaves[[k]] <- leaf(sp$key, 0L, b, length(sp$levels), 1L, paste0(sp$factor, sp$levels), levels = sp$levels)
+          sp$fvalues <- NULL
+          sp$in_product <- TRUE
+          specs[[k]] <- sp
+          next
+        }
         if (iscov[k]) {
           specs[[k]] <- cov_call_spec(exprs[[k]], env)
           f <- structure_factor(data, specs[[k]]$factor)

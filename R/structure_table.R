@@ -79,14 +79,15 @@ build_struc <- function(model, table) {
     }
     has_var <- any(vapply(secs_specs, function(s) any(s$kind == "variance"), TRUE))
     if (!has_var) {
-      # The overall variance rides on the first correlation structure as its
-      # scale; on an identity only when there is nothing else.
+      # The overall variance rides on the first correlation structure or
+      # known matrix as its scale; on an identity only when there is nothing
+      # else.  A known matrix takes it as its own single parameter.
       cors <- which(vapply(secs_specs, function(s) s$model != 0L, TRUE))
       at <- if (length(cors)) cors[1] else 1L
       secs_specs[[at]]$names <- c(secs_specs[[at]]$names, "variance")
       secs_specs[[at]]$kind <- c(secs_specs[[at]]$kind, "variance")
       secs_specs[[at]]$start <- c(secs_specs[[at]]$start, v0)
-      secs_specs[[at]]$scalepos <- secs_specs[[at]]$model != 0L
+      secs_specs[[at]]$scalepos <- secs_specs[[at]]$model != 0L && is.null(secs_specs[[at]]$known)
     }
     for (s in secs_specs) {
       npar <- length(s$names)

@@ -49,6 +49,27 @@ inline int wvcol(const AiPhaseArgs& a, int p) {
   return (c >= 1 && c <= a.nwv) ? c : 0;
 }
 
+// The order a section counts with in a direct product: its order, or for
+// a known matrix held by a singular inverse (genetic groups) the rank of
+// that inverse, so that the other factors' log determinants and traces are
+// taken as often as the known matrix has proper dimensions.
+inline int effective_order(const AiPhaseArgs& a, int r) {
+  const int order = a.var.field(r, kOrder);
+  const int link = -a.var.field(r, kModel);
+  if (link < 1 || a.var.giv == nullptr || link > a.var.giv->count) return order;
+  const int m = a.var.giv->size(link) - a.var.giv->rank(link);
+  return m < order ? m : order;
+}
+
+// The multiplicity of factor k of the product of n sections from row r:
+// the effective orders of the other factors multiplied.
+inline i64 multiplicity(const AiPhaseArgs& a, int n, int r, int k) {
+  i64 m = 1;
+  for (int f = 0; f < n; ++f)
+    if (f != k) m *= effective_order(a, r + f);
+  return m;
+}
+
 // One row of a structure through the row routine: clears the scattered
 // buffer of the last row first.  Returns 1 on a fault (nfault set).
 int structure_row(const AiPhaseArgs& a, int srow, const i64* record, int selector, int irow,

@@ -112,9 +112,7 @@ static int g5vscf(AiPhaseArgs& a, AiScratch& s, int n, int r, int k, int p, int 
 static int makescore(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k) {
   int rk = r + k;
   int npar = a.var.field(rk, kNpar), gfirst = a.var.field(rk, kGfirst);
-  i64 nn = 1;
-  for (int f = 0; f < n; ++f) nn *= a.var.field(r + f, kOrder);
-  i64 mult = nn / a.var.field(rk, kOrder);
+  const i64 mult = multiplicity(a, n, r, k);
   for (int m = 0; m < npar; ++m) {
     int p = gfirst + m;
     if (!admits(a, p)) continue;
@@ -132,13 +130,16 @@ static int makescore(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r, int k) 
   return 0;
 }
 
-// g5vsca: the scale of a term whose covariance is sigma times a known
-// matrix A, held by its inverse (the section links to a GIV row).  The
-// parameter's inverse-side record delivers the rows of A^-1 / sigma^2, so
-// g5vscf gives (u'A^-1 u / sigma2 + tr(A^-1 C^-1_aa)) / sigma^2, and
-// tr(G^-1 dG/dsigma) = m / sigma with m the rank of A^-1 (its order less
-// the singularities the GIV row records, e.g. genetic groups).
-static int g5vsca(AiPhaseArgs& a, AiScratch& s, i64 e0, int r) {
+// g5vsca: the scale sigma of a known matrix A, held by its inverse (the
+// section links to a GIV row), alone or as factor k of a product of n
+// sections from row r0.  The parameter's inverse-side record delivers the
+// rows of A^-1 / sigma^2 and the other factors their inverses, so g5vscf
+// gives tr(G^-1 dG/dsigma G^-1 (uu'/sigma2 + C^-1_aa)); and
+// tr(G^-1 dG/dsigma) = m / sigma times the multiplicity of the factor,
+// with m the rank of A^-1 (its order less the singularities the GIV row
+// records, e.g. genetic groups).  The trace needs no row of A itself.
+static int g5vsca(AiPhaseArgs& a, AiScratch& s, i64 e0, int n, int r0, int k) {
+  const int r = r0 + k;
   if (a.var.field(r, kNpar) != 1) {
     g5verror(" A known matrix takes one scale parameter", 3);
     return g5vflt(a.nfault, 3004);
@@ -150,16 +151,15 @@ static int g5vsca(AiPhaseArgs& a, AiScratch& s, i64 e0, int r) {
   const double g = a.gammas[p - 1];
   if (g == 0.0 || !admits(a, p)) return 0;
   const int link = -a.var.field(r, kModel);
-  const int order = a.var.field(r, kOrder);
   if (a.var.giv == nullptr || link < 1 || link > a.var.giv->count) return g5vflt(a.nfault, 3001);
-  const int m = std::min(order, a.var.giv->size(link) - a.var.giv->rank(link));
+  const double m = static_cast<double>(effective_order(a, r)) * static_cast<double>(multiplicity(a, n, r0, k));
   auto pair = [&](i64 I, i64 J) {
     return a.soln[e0 + I] * a.soln[e0 + J] / a.sigma2 +
            zeq(a, s, static_cast<i32>(e0 + I + 1), static_cast<i32>(e0 + J + 1));
   };
   double q;
-  if (g5vscf(a, s, 1, r, 0, p, 0, pair, q)) return 1;
-  a.score[wvcol(a, p) - 1] += 0.5 * (q - static_cast<double>(m) / g);
+  if (g5vscf(a, s, n, r0, k, p, 0, pair, q)) return 1;
+  a.score[wvcol(a, p) - 1] += 0.5 * (q - m / g);
   return 0;
 }
 
@@ -193,17 +193,11 @@ int g5vscg(AiPhaseArgs& a, AiScratch& s) {
       g5vsci(a, s, e0, q, g, a.score[wvcol(a, p) - 1]);
       continue;
     }
-    if (n == 1 && a.var.field(r, kModel) < 0) {
-      if (g5vsca(a, s, e0, r)) return 1;
-      continue;
-    }
     for (int k = 0; k < n; ++k) {
       if (a.var.field(r + k, kNpar) == 0) continue;
       if (a.var.field(r + k, kModel) < 0) {
-        // The scale of a known matrix inside a product: its trace term
-        // needs the matrix itself, which only its inverse rows give.
-        g5verror(" Scores of a scaled known matrix in a direct product are not available yet", 3);
-        return g5vflt(a.nfault, 3005);
+        if (g5vsca(a, s, e0, n, r, k)) return 1;
+        continue;
       }
       if (makescore(a, s, e0, n, r, k)) return 1;
     }

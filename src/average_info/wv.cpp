@@ -212,8 +212,10 @@ int g5vwvr(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64& next, i64 lim
         g5verror(" Half-order and XFA working variates are not available yet", 3);
         return g5vflt(a.nfault, 2015);
       }
-      if (code < 1 && nfac == 1) {
-        // A single scaled known matrix sigma*A: (d/dsigma) G G^-1 u = u/sigma.
+      if (code < 0 || (code == 0 && nfac == 1)) {
+        // A scaled known matrix sigma*A, alone or as one factor of a product
+        // (and a lone scaled identity): (dG/dsigma) G^-1 = I/sigma, whatever
+        // the other factors, so the working variate is u/sigma.
         double g = (gfirst >= 1 && static_cast<std::size_t>(gfirst) <= a.gammas.size())
                        ? a.gammas[gfirst - 1] : 0.0;
         if (g != 0.0 && admits(a, gfirst)) {
@@ -301,7 +303,7 @@ int g5vwvg(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64& next, i64 lim
     }
     for (int k = 0; k < n; ++k) {
       if (a.var.field(r + k, kField14) == 1 && static_cast<std::size_t>(r + k) <= a.var.logdet.size())
-        a.logdetg += static_cast<double>(nn / a.var.field(r + k, kOrder)) * a.var.logdet[r + k - 1];
+        a.logdetg += static_cast<double>(multiplicity(a, n, r, k)) * a.var.logdet[r + k - 1];
       if (a.xfa && a.var.field(r + k, kModel) == 15 && a.var.field(r + k, 6) > 0) {
         g5verror(" XFA terms with zero specific variances are not available yet", 3);
         return g5vflt(a.nfault, 2015);

@@ -141,8 +141,19 @@ int iteration_setup(AiControlArgs& a, IterationState& st, int& ifault) {
   return 0;
 }
 
+// The order a section counts with in a direct product: for a known matrix
+// held by a singular inverse (genetic groups) the rank of that inverse.
+static int counted_order(const AiControlArgs& a, StrucRow row) {
+  const int order = std::max(1, row.field(kOrder));
+  const int g = -row.field(kModel);
+  if (g < 1 || g > a.known.nainv || a.known.lcainv.size() < static_cast<std::size_t>(5 * g)) return order;
+  const int m = a.known.lcainv[5 * (g - 1)] - a.known.lcainv[5 * (g - 1) + 4];
+  return std::max(1, std::min(order, m));
+}
+
 // log|G| of the random terms, from the parameters and section log
-// determinants.
+// determinants.  In a direct product each factor's log determinant counts
+// once for every level of the other factors.
 static double logdet_g(AiControlArgs& a, IterationState& st) {
   AiStructures& s = a.structures;
   double ld = 0;
@@ -160,13 +171,13 @@ static double logdet_g(AiControlArgs& a, IterationState& st) {
     }
     int n, r;
     product_code(code, n, r);
-    i64 N = 1;
-    for (int k = 0; k < n; ++k) N *= std::max(1, struc_row(s, r + k).field(kOrder));
     for (int k = 0; k < n; ++k) {
       StrucRow row = struc_row(s, r + k);
       if (row.field(kField14) != 1) continue;
-      const int ord = std::max(1, row.field(kOrder));
-      ld += static_cast<double>(N / ord) * st.tabs.logdet[r + k - 1];
+      i64 mult = 1;
+      for (int f = 0; f < n; ++f)
+        if (f != k) mult *= counted_order(a, struc_row(s, r + f));
+      ld += static_cast<double>(mult) * st.tabs.logdet[r + k - 1];
     }
   }
   return ld;

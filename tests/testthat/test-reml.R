@@ -401,7 +401,6 @@ test_that("known matrices: levels matched by name, and clear errors for what can
   G <- matrix(1, 2, 2, dimnames = list(c("1", "2"), c("1", "2")))
   expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, G), data = d), "not positive definite")
   expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv, FALSE), data = d), "is an inverse")
-  expect_error(tarnel(y ~ sex, random = ~ cov_known(animal, animal_ainv):sex, data = d), "not available yet")
   expect_error(tarnel(y ~ sex, residual = ~ cov_known(animal, animal_ainv), data = d), "random formula")
   # A damaged table of known matrices reaches the entry: an error, no crash.
   ns <- asNamespace("tarnel")
