@@ -323,6 +323,10 @@ parse_random <- function(random, data, env, store) {
         leaves[[k]] <- leaf(key, 0L, b, nlevels(f), 1L, paste0(fname, levels(f)), levels = levels(f))
         specs[[k]]$levels <- levels(f)
       }
+      # The scores of a product of three take the outer two with an
+      # identity between them.
+      if (length(specs) > 3L || (length(specs) == 3L && specs[[2L]]$fn != "cov_id"))
+        tstop("'%s': a direct product of more than two structures needs exactly three factors with a plain factor (an identity) in the middle; reorder the factors", labels[j])
       terms[[length(terms) + 1L]] <- list(label = labels[j], vars = leaves)
       groups[[j]] <- list(label = labels[j], kind = "product", terms = length(terms), specs = specs)
       next

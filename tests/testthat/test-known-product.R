@@ -179,4 +179,6 @@ test_that("a known matrix in a product is checked like one standing alone", {
   expect_error(tarnel(y ~ env, random = ~ cov_us(env):cov_known(animal), data = tr$d), "needs the known matrix")
   expect_error(tarnel(y ~ env, residual = ~ cov_ar1(env):cov_known(animal, ainv), data = tr$d),
                "belongs in the random formula")
+  expect_error(tarnel(y ~ env, random = ~ cov_us(env):cov_known(animal, ainv):rep, data = tr$d),
+               "plain factor \\(an identity\\) in the middle")
 })
