@@ -702,6 +702,67 @@ TEST(AverageInfoPipeline, ScaledKnownMatrixThroughItsInverse) {
   }
 }
 
+// A known matrix as the second factor of a product, given by a sparse
+// inverse: I(2) x sigma A (the scale on the known factor) and US(2) x A (the
+// variances on the other factor).  Scores, AI and log|G| against dense
+// formulas; A's rows are asked for once for each level of the first factor.
+TEST(AverageInfoPipeline, KnownMatrixAsAFactorOfAProduct) {
+  const int q = 4, ns = 2;
+  vtest::Mat ai(q * q, 0.0);
+  for (int i = 1; i <= q; ++i) {
+    vtest::at(ai, q, i, i) = 1.8 + 0.2 * i;
+    if (i > 1) vtest::at(ai, q, i, i - 1) = vtest::at(ai, q, i - 1, i) = -0.6;
+  }
+  const vtest::Mat A = vtest::inverse(ai, q);
+  const double ldA = vtest::log_abs_det(A, q);
+  // S x A over ns x q effects, the first factor's levels slowest.
+  auto kron = [&](const vtest::Mat& S) {
+    vtest::Mat K(ns * q * ns * q, 0.0);
+    for (int a = 0; a < ns; ++a)
+      for (int b = 0; b < ns; ++b)
+        for (int i = 0; i < q; ++i)
+          for (int j = 0; j < q; ++j) K[(a * q + i) * ns * q + b * q + j] = S[a * ns + b] * A[i * q + j];
+    return K;
+  };
+  for (int us = 0; us < 2; ++us) {
+    SCOPED_TRACE(us);
+    const double sg = 0.8, s11 = 1.2, s21 = 0.5, s22 = 0.9;
+    Model m = one_way(ns * q, 2, 1.0, 1.0, true);
+    vtest::Fit f;
+    std::vector<double> vals;
+    std::vector<int> ints = {0};
+    vtest::sparse_lower(ai, q, true, vals, ints);
+    f.givreal = {ldA};
+    f.givreal.insert(f.givreal.end(), vals.begin(), vals.end());
+    f.givint = ints;
+    f.givtab = {q, 7, 1, 1, 0};
+    if (us) {
+      f.gammas = {1.0, s11, s21, s22};
+      f.add_section(ns, 3, 9, 2);
+      f.add_section(q, 0, -1, 0, 0);
+    } else {
+      f.gammas = {1.0, sg};
+      f.add_section(ns, 0, 0, 0);
+      f.add_section(q, 1, -1, 2, 0);
+    }
+    ASSERT_EQ(f.run(), 0) << f.ifault;
+    for (int r = 1; r <= 2; ++r) f.struc[(r - 1) * 15 + kField14 - 1] = 1;
+    m.tcode = {0, 20001};
+    use_fit(m, f);
+    all_free(m);
+    if (us) {
+      kron_g(m, 1, kron({s11, s21, s21, s22}),
+             {{}, kron({1, 0, 0, 0}), kron({0, 1, 1, 0}), kron({0, 0, 0, 1})});
+      expect_rel(check_model(m, reversed(m.neq), 1, false, 0, &f.a.giv),
+                 q * std::log(s11 * s22 - s21 * s21) + ns * ldA, "log|G| of US x A");
+    } else {
+      kron_g(m, 1, kron({sg, 0, 0, sg}), {{}, kron({1, 0, 0, 1})});
+      expect_rel(check_model(m, reversed(m.neq), 1, false, 0, &f.a.giv), ns * (q * std::log(sg) + ldA),
+                 "log|G| of I x sigma A");
+    }
+  }
+}
+
 // G = sigma AR1(rho) as one section whose last parameter is its overall
 // scale (scalepos), alone and in a product I(ns) x sigma AR1: the scale's
 // score reads the inverse side with the scale squared.
