@@ -53,6 +53,7 @@ independent_columns <- function(X, tol = 1e-7) {
 # `basis` ("R", or "engine" when the formula uses terms R's model matrix
 # cannot form: then the engine's own columns, aliased ones dropped).
 fixed_effects_r <- function(fit) {
+  if (!is.null(fit$sparse_fixed)) return(fixed_effects_sparse(fit))
   XS <- engine_fixed_design(fit)
   bE <- fit$fixed_engine$coefficients
   CE <- fit$fixed_engine$vcov
@@ -129,6 +130,7 @@ finish_fixed <- function(fit, fixed) {
     fit$coefficients <- fr$coefficients
     fit$vcov <- fr$vcov
     fit$fixed_info <- fr[c("aliased", "loglik_shift", "basis", "assign", "term_labels")]
+    if (!is.null(fit$sparse_fixed)) fit$fixed_info$sparse <- TRUE
   }
   fit
 }
