@@ -266,9 +266,15 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   out$Pr.inc <- stats::pf(out$F.inc, out$Df, out$denDF.inc, lower.tail = FALSE)
   out$Pr.con <- stats::pf(out$F.con, out$Df, out$denDF.con, lower.tail = FALSE)
   if (!is.null(terms)) out <- out[terms, , drop = FALSE]
-  if (!is.null(object$sparse_fixed))
+  if (!is.null(object$sparse_fixed)) {
+    sp <- unique(object$sparse_fixed$term)
     note <- c(note, sprintf("%s: in the sparse equations, not tested; absorbed before the terms above are tested",
-                            paste(unique(object$sparse_fixed$term), collapse = ", ")))
+                            paste(sp, collapse = ", ")))
+    gone <- setdiff(fr$term_labels, c(sp, tab$term))
+    if (length(gone))
+      note <- c(note, sprintf("%s: no test, every column aliased with the terms in the sparse equations",
+                              paste(gone, collapse = ", ")))
+  }
   structure(out, class = c("tarnel_wald", "data.frame"), ddf = ddf, note = note,
             heading = "Wald tests of fixed terms")
 }

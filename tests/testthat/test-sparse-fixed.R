@@ -78,6 +78,11 @@ test_that("levels aliased in the sparse equations are found and reported", {
   expect_equal(both$nedf, dense$nedf)
   expect_lt(abs(both$loglik - dense$loglik), 1e-8)
   expect_lt(rel(fitted(both, "fixed"), fitted(dense, "fixed")), 1e-8)
+  # With h dense, all of it is aliased with f: no test, and the table says so.
+  hd <- tarnel(y ~ x + h + f, random = ~ g, data = d, control = sparse_at(50))
+  expect_equal(rownames(wald(hd)), "x")
+  expect_match(attr(wald(hd), "note"), "(Intercept), h: no test, every column aliased", fixed = TRUE, all = FALSE)
+  expect_true(all(paste0("h", 0:9) %in% hd$fixed_info$aliased))
   out <- paste(capture.output(print(summary(both))), collapse = "\n")
   expect_match(out, "f: 90 levels in the sparse equations (90 estimated, 0 aliased", fixed = TRUE)
   expect_error(tarnel_control(sparse_fixed = 1), "sparse_fixed")
