@@ -239,7 +239,7 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
         else tryCatch(fixed_effects_r(object), error = function(e) NULL)
   if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
   if (is.null(tab)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
-  if (!nrow(tab))
+  if (!nrow(tab) && is.null(object$sparse_fixed))
     tstop("the engine formed no Wald table for this fit: the work array had no room to keep the fixed equations (raise tarnel_control(workspace =)), or the fit was aborted")
   if (is.null(fr) || !length(fr$coefficients)) tstop("the fixed effects of this fit could not be put in R's coding")
   if (!is.null(terms)) {
@@ -253,11 +253,12 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
       tstop("not a fixed term of the model: %s (the terms are %s)", paste(bad, collapse = ", "),
             paste(tab$term, collapse = ", "))
   }
-  out <- data.frame(Df = tab$df, Wald.inc = tab$F.inc * tab$df, F.inc = tab$F.inc, denDF.inc = NA_real_,
-                    Pr.inc = NA_real_, Wald.con = tab$F.con * tab$df, F.con = tab$F.con, denDF.con = NA_real_,
-                    Pr.con = NA_real_, row.names = tab$term)
+  none <- rep(NA_real_, nrow(tab))
+  out <- data.frame(Df = tab$df, Wald.inc = tab$F.inc * tab$df, F.inc = tab$F.inc, denDF.inc = none,
+                    Pr.inc = none, Wald.con = tab$F.con * tab$df, F.con = tab$F.con, denDF.con = none,
+                    Pr.con = none, row.names = tab$term)
   note <- character()
-  if (ddf != "none") {
+  if (ddf != "none" && nrow(tab)) {
     d <- wald_ddf(object, tab, fr, ddf)
     out$denDF.inc <- d$inc
     out$denDF.con <- d$con
@@ -268,7 +269,7 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   if (!is.null(terms)) out <- out[terms, , drop = FALSE]
   if (!is.null(object$sparse_fixed)) {
     sp <- unique(object$sparse_fixed$term)
-    note <- c(note, sprintf("%s: in the sparse equations, not tested; absorbed before the terms above are tested",
+    note <- c(note, sprintf("%s: in the sparse equations, not tested; absorbed before the dense terms are tested",
                             paste(sp, collapse = ", ")))
     gone <- setdiff(fr$term_labels, c(sp, tab$term))
     if (length(gone))
