@@ -61,6 +61,8 @@ test_that("the dense terms' Wald tests follow the sparse terms, as in the dense 
   pd <- predict(fd, classify = "s")
   expect_lt(rel(ps$pvals$predicted.value, pd$pvals$predicted.value), 1e-8)
   expect_lt(rel(ps$pvals$std.error, pd$pvals$std.error), 1e-8)
+  pf <- predict(fs, classify = "f")$pvals
+  expect_lt(rel(pf$predicted.value, predict(fd, classify = "f")$pvals$predicted.value), 1e-8)
   expect_error(predict(fs, newdata = d[1:3, ]), "not available yet")
 })
 
