@@ -235,9 +235,11 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   ddf <- match.arg(ddf)
   tab <- object$wald_table
-  fr <- if (is.null(object$fixed_design) || !ncol(object$fixed_design)) NULL
+  sparse <- !is.null(object$sparse_fixed)
+  dense_none <- !is.null(object$fixed_design) && !ncol(object$fixed_design)
+  fr <- if ((is.null(object$fixed_design) || dense_none) && !sparse) NULL
         else tryCatch(fixed_effects_r(object), error = function(e) NULL)
-  if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
+  if (dense_none && !sparse) tstop("the model has no fixed terms to test")
   if (is.null(tab)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
   if (!nrow(tab) && is.null(object$sparse_fixed))
     tstop("the engine formed no Wald table for this fit: the work array had no room to keep the fixed equations (raise tarnel_control(workspace =)), or the fit was aborted")
