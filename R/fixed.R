@@ -9,6 +9,9 @@
 # T = (X_R'X_R)^-1 X_R'X_E and C_E is the fixed block of the inverse of the
 # mixed model equations.  Every row of T is an estimable function, so the
 # result does not depend on which engine columns were found aliased.
+# A fit with fixed factors among the sparse equations keeps the engine's
+# coding instead (fixed_effects_sparse()): T would be as large as those
+# factors' levels squared.
 
 # The engine's fixed-effect columns of the design, over the records of the
 # fit, without the equations of missing responses.
