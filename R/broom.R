@@ -7,10 +7,7 @@ tidy.tarnel <- function(x, effects = c("fixed", "ran_pars"), conf.int = FALSE, c
   ci <- if (conf.int) stats::confint(x, level = conf.level) else NULL
   if ("fixed" %in% effects) {
     b <- stats::coef(x)
-    V <- stats::vcov(x)
-    se <- rep(NA_real_, length(b))
-    hit <- match(rownames(V), names(b))
-    se[hit] <- sqrt(diag(V))
+    se <- unname(fixed_se(x))
     d <- data.frame(effect = "fixed", group = NA_character_, term = names(b), estimate = unname(b),
                     std.error = se, statistic = unname(b) / se, stringsAsFactors = FALSE)
     if (conf.int) { d$conf.low <- ci[names(b), 1]; d$conf.high <- ci[names(b), 2] }

@@ -85,11 +85,15 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   bE[aliased] <- 0
   fpos <- table$fixed_positions[table$position_names[table$fixed_positions] != "(missing)"]
   fixed_engine <- list(coefficients = bE[keep_fe], vcov = C[keep_fe, keep_fe, drop = FALSE],
-                       assign = rep(seq_along(table$fixed_positions), table$position_levels[table$fixed_positions])[keep_fe],
+                       assign = rep(seq_along(table$fixed_positions), table$position_levels[table$fixed_positions])[fe_eq][keep_fe],
                        term_labels = table$position_names[fpos])
 
+  # Fixed terms in the sparse equations come after the random ones.
+  sparse_fixed <- sparse_fixed_table(trn, table, !is.na(model$y))
+  nsf <- sum(table$position_levels[vapply(table$sparse_fixed, `[[`, 1L, "position")])
+
   # Random effects, with their prediction error variances.
-  re_eq <- if (neq - 1L > nfe) (nfe + 1L):(neq - 1L) else integer()
+  re_eq <- if (neq - 1L - nsf > nfe) (nfe + 1L):(neq - 1L - nsf) else integer()
   ranef <- setNames(soln[1L + re_eq], lab[re_eq])
   ranef_pev <- setNames(trn$vsoln[1L + re_eq], lab[re_eq])
 
@@ -108,6 +112,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
   xb <- drop(X %*% bx)
+  if (!is.null(sparse_fixed)) xb <- xb + sparse_fixed_xb(table, sparse_fixed)
   fixed_engine$present <- present
   fixed_design <- X[, keep_fe, drop = FALSE]
   colnames(fixed_design) <- lab[fe_eq][keep_fe]
@@ -131,7 +136,8 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
     constraints = setNames(codes[pars$gamma], pars$name),
     nobs = sum(present), records = out$records, record_rows = rows, neq = neq, nonzero = out$nonzero,
     workspace = out$workspace, status = out$status, model = model, table = table, params = pars,
-    fixed_engine = fixed_engine, fixed_design = fixed_design, wald_table = engine_wald_table(trn, table))
+    fixed_engine = fixed_engine, fixed_design = fixed_design, sparse_fixed = sparse_fixed,
+    wald_table = engine_wald_table(trn, table))
   fit <- unscale_fit(fit, model$yscale)
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
@@ -233,18 +239,19 @@ summary.tarnel <- function(object, ...) {
     vp$ratio[!object$params$kind[match(rownames(vp), object$params$name)] %in% c("variance", "covariance", "scale")] <- NA
     cols <- c("ratio", cols)
   }
-  se <- sqrt(diag(object$vcov))
   b <- object$coefficients
-  fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
-  fe[names(se), "std.error"] <- se
-  fe$z.ratio <- fe$estimate / fe$std.error
+  se <- fixed_se(object)
+  # The levels of sparse fixed terms are listed in $sparse_fixed, not here.
+  dense <- !names(b) %in% object$sparse_fixed$level
+  fe <- data.frame(estimate = b[dense], std.error = se[dense], z.ratio = b[dense] / se[dense], row.names = names(b)[dense])
   aliased <- if (is.null(object$fixed_info)) character() else object$fixed_info$aliased
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], correlations = covariance_correlations(object),
                  fixed = fe, aliased = aliased,
                  loglik = object$loglik_standard, loglik_engine = object$loglik, nedf = object$nedf,
                  iterations = nrow(object$iterations), converged = object$converged,
                  message = object$message, sigma2 = object$sigma2, profiled = object$profiled,
-                 notes = spatial_notes(object)),
+                 notes = spatial_notes(object), sparse_notes = sparse_fixed_notes(object$sparse_fixed),
+                 sparse_fixed = object$sparse_fixed),
             class = "summary.tarnel")
 }
 
@@ -260,8 +267,12 @@ print.summary.tarnel <- function(x, digits = max(4L, getOption("digits") - 3L), 
   }
   cat("\nFixed effects:\n")
   print(x$fixed, digits = digits)
-  if (length(x$aliased))
-    cat(sprintf("Not estimable (aliased with earlier columns): %s\n", paste(x$aliased, collapse = ", ")))
+  if (length(x$sparse_notes)) cat(paste0(x$sparse_notes, "\n"), sep = "")
+  if (length(x$aliased)) {
+    al <- x$aliased
+    more <- if (length(al) > 20L) sprintf(" and %d more", length(al) - 20L) else ""
+    cat(sprintf("Not estimable (aliased with earlier columns): %s%s\n", paste(utils::head(al, 20L), collapse = ", "), more))
+  }
   cat(sprintf("\nREML log-likelihood %.4f (standard; %.4f leaving out the 2 pi term), %d residual df\n",
               x$loglik, x$loglik_engine, x$nedf))
   cat(sprintf("%d iterations: %s\n", x$iterations, if (nzchar(x$message)) x$message else if (x$converged) "converged" else "not converged"))

@@ -9,6 +9,9 @@
 # T = (X_R'X_R)^-1 X_R'X_E and C_E is the fixed block of the inverse of the
 # mixed model equations.  Every row of T is an estimable function, so the
 # result does not depend on which engine columns were found aliased.
+# A fit with fixed factors among the sparse equations keeps the engine's
+# coding instead (fixed_effects_sparse()): T would be as large as those
+# factors' levels squared.
 
 # The engine's fixed-effect columns of the design, over the records of the
 # fit, without the equations of missing responses.
@@ -53,6 +56,7 @@ independent_columns <- function(X, tol = 1e-7) {
 # `basis` ("R", or "engine" when the formula uses terms R's model matrix
 # cannot form: then the engine's own columns, aliased ones dropped).
 fixed_effects_r <- function(fit) {
+  if (!is.null(fit$sparse_fixed)) return(fixed_effects_sparse(fit))
   XS <- engine_fixed_design(fit)
   bE <- fit$fixed_engine$coefficients
   CE <- fit$fixed_engine$vcov
@@ -129,6 +133,7 @@ finish_fixed <- function(fit, fixed) {
     fit$coefficients <- fr$coefficients
     fit$vcov <- fr$vcov
     fit$fixed_info <- fr[c("aliased", "loglik_shift", "basis", "assign", "term_labels")]
+    if (!is.null(fit$sparse_fixed)) fit$fixed_info$sparse <- TRUE
   }
   fit
 }

@@ -120,6 +120,11 @@ finish_fit <- function(fit, out, arranged, prep, formulae) {
   Xu <- Xu[o, , drop = FALSE]
   miss <- grepl("^\\(missing\\)", colnames(Xu))
   fit$X <- Matrix::Matrix(Xu[, !miss, drop = FALSE], sparse = TRUE)
+  if (!is.null(fit$sparse_fixed)) {
+    XS <- sparse_fixed_design(fit, which(ok)[o], all = TRUE)
+    rownames(XS) <- rownames(Xu)
+    fit$X <- cbind(fit$X, XS)
+  }
   if (!is.null(prep$offset)) {
     off <- rep(NA_real_, prep$n_user)
     off[prep$kept] <- prep$offset

@@ -32,6 +32,8 @@ model.frame.tarnel <- function(formula, ...) formula$frame
 
 #' @export
 model.matrix.tarnel <- function(object, ...) {
+  # With fixed terms in the sparse equations the matrix stays sparse.
+  if (!is.null(object$sparse_fixed)) return(object$X)
   X <- as.matrix(object$X)
   rownames(X) <- rownames(object$frame)
   X
@@ -45,11 +47,7 @@ model.matrix.tarnel <- function(object, ...) {
 confint.tarnel <- function(object, parm, level = 0.95, ...) {
   z <- stats::qnorm(1 - (1 - level) / 2)
   b <- stats::coef(object)
-  V <- stats::vcov(object)
-  se <- rep(NA_real_, length(b))
-  names(se) <- names(b)
-  hit <- intersect(names(b), rownames(V))
-  se[hit] <- sqrt(diag(V)[hit])
+  se <- fixed_se(object)
   fe <- cbind(b - z * se, b + z * se)
   vc <- object$varcomp
   kind <- object$params$kind[match(rownames(vc), object$params$name)]

@@ -88,10 +88,9 @@ pred_model <- function(fit) {
     NA_integer_
   }
   pos <- tab$inter$neword
-  nfixed <- length(tab$fixed_positions)
   positions <- lapply(seq_along(pos), function(i) {
     k <- pos[i]
-    list(name = keys[k], random = i > nfixed, missing = inter[1L, k] == -4L, vars = comps(k))
+    list(name = keys[k], random = !i %in% tab$fixed_positions, missing = inter[1L, k] == -4L, vars = comps(k))
   })
   list(vars = vars, names = vapply(vars, `[[`, "", "name"), termvar = termvar, positions = positions,
        data_names = names(data))

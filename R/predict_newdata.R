@@ -242,7 +242,7 @@ random_part <- function(fit, newdata, new_levels) {
   if (is.null(fit$model$random)) return(zu)
   tab <- fit$table
   ends <- cumsum(tab$position_levels)
-  nfe <- sum(tab$position_levels[tab$fixed_positions])
+  nfe <- sum(tab$position_levels[seq_len(dense_fixed_positions(tab))])
   for (t in seq_along(fit$model$random$terms)) {
     mats <- term_matrices(fit, fit$model$random$terms[[t]], newdata, new_levels, "random")
     pos <- tab$random_positions[[t]]
@@ -261,6 +261,9 @@ random_part <- function(fit, newdata, new_levels) {
 # a coefficient a column, NA for those left out as depending on others, and
 # `V` the covariance matrix of the others.
 fixed_basis <- function(fit) {
+  if (!is.null(fit$sparse_fixed))
+    tstop("predictions for new records (and emmeans) of a model with fixed terms in the sparse equations (%s) are not available yet; refit with tarnel_control(sparse_fixed = Inf) to keep them dense",
+          paste(unique(fit$sparse_fixed$term), collapse = ", "))
   present <- fit$fixed_engine$present
   if (identical(fit$fixed_info$basis, "R")) {
     XR <- r_model_matrix(fit, length(present))

@@ -8,7 +8,7 @@ random_groups <- function(fit) {
   groups <- fit$model$random$groups
   if (is.null(groups)) return(list())
   tab <- fit$table
-  nfixed <- length(tab$fixed_positions)
+  nfixed <- dense_fixed_positions(tab)
   # First equation of each position among the random effects.
   lev <- tab$position_levels
   rstart <- cumsum(c(0, lev))[seq_along(lev)] - sum(lev[seq_len(nfixed)])

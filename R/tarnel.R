@@ -16,10 +16,14 @@
 #'   of the equations in the file \code{EQNORD.BIN} of the working directory
 #'   and use it again in a later fit of the same model and work array, which
 #'   saves the search for an order.
+#' @param sparse_fixed a fixed factor (or interaction of factors) with at
+#'   least this many levels is put among the sparse equations with the
+#'   random terms; smaller ones, and every term with covariates, stay in the
+#'   dense block.  \code{Inf} keeps every fixed term dense.
 #' @return A list of options.
 #' @export
 tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L, trace = FALSE,
-                           keep_order = FALSE, progress = NULL) {
+                           keep_order = FALSE, progress = NULL, sparse_fixed = 500L) {
   # Work arrays are counted in 8-byte words; 1e15 words is far beyond any
   # machine, and below it every count is exact in a double.
   if (!is.null(workspace)) check_number(workspace, "workspace", 1, 1e15)
@@ -28,8 +32,9 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
   check_flag(trace, "trace")
   check_flag(keep_order, "keep_order")
   if (!is.null(progress)) check_flag(progress, "progress")
+  if (!identical(sparse_fixed, Inf)) check_number(sparse_fixed, "sparse_fixed", 2, .Machine$integer.max, whole = TRUE)
   list(workspace = workspace, max_workspace = max_workspace, maxiter = as.integer(maxiter),
-       keep_order = keep_order, trace = trace, progress = progress)
+       keep_order = keep_order, trace = trace, progress = progress, sparse_fixed = as.double(sparse_fixed))
 }
 
 #' Linear mixed models by REML with tarnel
@@ -88,7 +93,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
   model <- diagnose_model(model, scale = is.null(glm))
-  table <- build_term_table(model)
+  table <- build_term_table(model, control$sparse_fixed)
   struc <- glm_struc(glm, model, table, build_struc(model, table))
   struc <- apply_constraints(struc, start, constrain, equal, lincon)
   out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)

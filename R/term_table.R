@@ -77,8 +77,22 @@ term_positions <- function(tab, term) {
   }, 1L)
 }
 
+# Whether the fixed term `term` may go into the sparse equations: a factor
+# or an interaction of factors (one equation a level, each record in one
+# level), so that its design columns are indicators of a level.
+sparse_eligible <- function(term) {
+  length(term$vars) > 0L && all(vapply(term$vars, function(v) {
+    identical(v$kind, "leaf") && identical(v$code, 0L) && identical(v$nlev, 1L) &&
+      is.null(v$itable) && is.null(v$jtable) && !(v$flev == 1L && identical(v$labels, v$key))
+  }, TRUE))
+}
+
 #' @noRd
-build_term_table <- function(model) {
+# `sparse_fixed`: the level count from which a fixed factor (or interaction
+# of factors) is put among the sparse equations, with the random terms,
+# instead of in the dense block; its equations are then ordered and
+# absorbed like those of the random terms.
+build_term_table <- function(model, sparse_fixed = Inf) {
   tab <- new_table()
   store <- model$store
   ycol <- 1L
@@ -86,7 +100,17 @@ build_term_table <- function(model) {
   positions <- integer()
   if (model$fixed$intercept)
     positions <- c(positions, table_add(tab, "(Intercept)", -8L, 0L, 0L, 0L, 1L, 0L, 0, "(Intercept)", 1L))
-  for (term in model$fixed$terms) positions <- c(positions, term_positions(tab, term))
+  sparse <- list()
+  for (term in model$fixed$terms) {
+    p <- term_positions(tab, term)
+    if (length(p) == 1L && tab$rows[[p]]$flev >= sparse_fixed && sparse_eligible(term)) {
+      sparse[[length(sparse) + 1L]] <- list(position = p, label = term$label,
+                                            cols = vapply(term$vars, `[[`, 1L, "b"),
+                                            flev = vapply(term$vars, `[[`, 1L, "flev"))
+    } else {
+      positions <- c(positions, p)
+    }
+  }
   mvact <- 0L
   nmiss <- sum(is.na(model$y))
   if (model$na_response == "estimate" && nmiss > 0L) {
@@ -103,6 +127,14 @@ build_term_table <- function(model) {
       random_positions[[length(random_positions) + 1L]] <- length(positions) + seq_along(p)
       positions <- c(positions, p)
     }
+  # The sparse fixed terms come last, after the random terms: a record adds
+  # to the row of the later of two crossed equations the column of the
+  # earlier one, so the rows of a factor with many levels and few records
+  # a level stay short while the SSP is formed.
+  for (k in seq_along(sparse)) {
+    positions <- c(positions, sparse[[k]]$position)
+    sparse[[k]]$position <- length(positions)
+  }
   if (anyDuplicated(positions)) tstop("a term appears twice in the model: %s", tab$keys[positions[duplicated(positions)][1]])
 
   rows <- tab$rows
@@ -133,7 +165,13 @@ build_term_table <- function(model) {
     nycol = yt,
     mvact = mvact,
     labels = labels,
-    fixed_positions = seq_len(nfixed),
+    # Model positions: the dense fixed terms first (their equations form
+    # the dense block), then the random terms, then the sparse fixed terms.
+    fixed_positions = c(seq_len(nfixed), vapply(sparse, `[[`, 1L, "position")),
+    ndense_positions = nfixed,
+    # The sparse fixed terms: model position, label, and the data columns
+    # and level counts of their factors.
+    sparse_fixed = sparse,
     random_positions = random_positions,
     position_names = tab$keys[positions],
     position_levels = pflev,

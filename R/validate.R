@@ -363,6 +363,10 @@ unscale_fit <- function(fit, s) {
     for (nm in intersect(names(it), pars$name[held])) it[[nm]] <- it[[nm]] * q
     fit$iterations <- it
   }
+  if (!is.null(fit$sparse_fixed)) {
+    fit$sparse_fixed$estimate <- fit$sparse_fixed$estimate * s
+    fit$sparse_fixed$std.error <- fit$sparse_fixed$std.error * s
+  }
   if (!is.null(fit$fixed_engine)) {
     fit$fixed_engine$coefficients <- fit$fixed_engine$coefficients * s
     fit$fixed_engine$vcov <- fit$fixed_engine$vcov * q

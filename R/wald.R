@@ -235,25 +235,32 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   ddf <- match.arg(ddf)
   tab <- object$wald_table
-  fr <- if (is.null(object$fixed_design) || !ncol(object$fixed_design)) NULL
+  sparse <- !is.null(object$sparse_fixed)
+  dense_none <- !is.null(object$fixed_design) && !ncol(object$fixed_design)
+  fr <- if ((is.null(object$fixed_design) || dense_none) && !sparse) NULL
         else tryCatch(fixed_effects_r(object), error = function(e) NULL)
-  if (!is.null(object$fixed_design) && !ncol(object$fixed_design)) tstop("the model has no fixed terms to test")
+  if (dense_none && !sparse) tstop("the model has no fixed terms to test")
   if (is.null(tab)) tstop("this fit holds no Wald table; refit it with this version of tarnel")
-  if (!nrow(tab))
+  if (!nrow(tab) && is.null(object$sparse_fixed))
     tstop("the engine formed no Wald table for this fit: the work array had no room to keep the fixed equations (raise tarnel_control(workspace =)), or the fit was aborted")
   if (is.null(fr) || !length(fr$coefficients)) tstop("the fixed effects of this fit could not be put in R's coding")
   if (!is.null(terms)) {
     if (!is.character(terms)) tstop("'terms' must be a character vector of fixed term labels")
     bad <- setdiff(terms, tab$term)
+    sp <- intersect(bad, unique(object$sparse_fixed$term))
+    if (length(sp))
+      tstop("the fixed term '%s' is in the sparse equations, where terms get no Wald test; refit with tarnel_control(sparse_fixed = ) above its %d levels to test it",
+            sp[1], sum(object$sparse_fixed$term == sp[1]))
     if (length(bad))
       tstop("not a fixed term of the model: %s (the terms are %s)", paste(bad, collapse = ", "),
             paste(tab$term, collapse = ", "))
   }
-  out <- data.frame(Df = tab$df, Wald.inc = tab$F.inc * tab$df, F.inc = tab$F.inc, denDF.inc = NA_real_,
-                    Pr.inc = NA_real_, Wald.con = tab$F.con * tab$df, F.con = tab$F.con, denDF.con = NA_real_,
-                    Pr.con = NA_real_, row.names = tab$term)
+  none <- rep(NA_real_, nrow(tab))
+  out <- data.frame(Df = tab$df, Wald.inc = tab$F.inc * tab$df, F.inc = tab$F.inc, denDF.inc = none,
+                    Pr.inc = none, Wald.con = tab$F.con * tab$df, F.con = tab$F.con, denDF.con = none,
+                    Pr.con = none, row.names = tab$term)
   note <- character()
-  if (ddf != "none") {
+  if (ddf != "none" && nrow(tab)) {
     d <- wald_ddf(object, tab, fr, ddf)
     out$denDF.inc <- d$inc
     out$denDF.con <- d$con
@@ -262,6 +269,15 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
   out$Pr.inc <- stats::pf(out$F.inc, out$Df, out$denDF.inc, lower.tail = FALSE)
   out$Pr.con <- stats::pf(out$F.con, out$Df, out$denDF.con, lower.tail = FALSE)
   if (!is.null(terms)) out <- out[terms, , drop = FALSE]
+  if (!is.null(object$sparse_fixed)) {
+    sp <- unique(object$sparse_fixed$term)
+    note <- c(note, sprintf("%s: in the sparse equations, not tested; absorbed before the dense terms are tested",
+                            paste(sp, collapse = ", ")))
+    gone <- setdiff(fr$term_labels, c(sp, tab$term))
+    if (length(gone))
+      note <- c(note, sprintf("%s: no test, every column aliased with the terms in the sparse equations",
+                              paste(gone, collapse = ", ")))
+  }
   structure(out, class = c("tarnel_wald", "data.frame"), ddf = ddf, note = note,
             heading = "Wald tests of fixed terms")
 }
@@ -270,12 +286,16 @@ wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "
 wald_ddf <- function(object, tab, fr, method) {
   nt <- nrow(tab)
   none <- list(inc = rep(NA_real_, nt), con = rep(NA_real_, nt))
-  if (fr$basis != "R") return(c(none, note = "denominator df need a fixed formula of R model terms"))
+  # Terms in the sparse equations are absorbed before any dense term is
+  # tested: their columns condition every hypothesis.
+  absorbed <- if (is.null(fr$absorbed)) integer() else fr$absorbed
+  if (fr$basis != "R" && !length(absorbed)) return(c(none, note = "denominator df need a fixed formula of R model terms"))
   X <- fr$X
   labels <- fr$term_labels
   idx <- match(tab$term, labels)
   if (anyNA(idx)) return(c(none, note = "the engine's terms do not match the model matrix"))
   if (nrow(X) > 3000L) return(c(none, note = sprintf("denominator df not formed: %d records is too many for the dense computation (at most 3000)", nrow(X))))
+  X <- as.matrix(X)
   vm <- variance_model(object)
   if (!is.null(vm$reason)) return(c(none, note = paste("denominator df not formed:", vm$reason)))
   if (method == "containment") {
@@ -291,9 +311,9 @@ wald_ddf <- function(object, tab, fr, method) {
     t <- idx[r]
     cols <- which(fr$assign == t)
     if (!length(cols)) next
-    before <- which(fr$assign < t)
+    before <- union(absorbed, which(fr$assign < t))
     cond <- which(vapply(seq_along(labels), function(u) u != t && !term_contains(vars[[u]], vars[[t]]), TRUE))
-    cbefore <- which(fr$assign %in% cond)
+    cbefore <- union(absorbed, which(fr$assign %in% cond))
     res$inc[r] <- tryCatch(kr_ddf(hypothesis_matrix(kr$M, cols, before), kr), error = function(e) NA_real_)
     if (!is.na(tab$F.con[r]))
       res$con[r] <- tryCatch(kr_ddf(hypothesis_matrix(kr$M, cols, cbefore), kr), error = function(e) NA_real_)
