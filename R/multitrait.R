@@ -84,7 +84,13 @@ tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, const
     if (!is.logical(keep) || length(keep) != nrow(data)) tstop("'subset' must give TRUE or FALSE for each record")
     data <- data[!is.na(keep) & keep, , drop = FALSE]
   }
-  Y <- vapply(tn, function(nm) as_model_numeric(data, nm, "a response"), double(nrow(data)))
+  Y <- vapply(tn, function(nm) {
+    if (!nm %in% names(data)) tstop("column '%s' is not in the data", nm)
+    y <- data[[nm]]
+    if (!is.numeric(y)) tstop("the response '%s' must be numeric, not %s", nm, class(y)[1])
+    if (any(is.infinite(y))) tstop("the response '%s' holds infinite values", nm)
+    as.double(y)
+  }, double(nrow(data)))
   if (!is.matrix(Y)) Y <- matrix(Y, ncol = length(tn))
   colnames(Y) <- tn
   none <- rowSums(!is.na(Y)) == 0L
@@ -171,7 +177,7 @@ multi_starts <- function(struc, Y, tn) {
   ng <- length(unique(pars$group[rand]))
   v <- pars$kind == "variance"
   pars$start[resid & v] <- 0.5 * vy[match(pars$lev1[resid & v], tn)]
-  if (ng) pars$start[rand & v] <- 0.5 / ng * vy[match(pars$lev1[rand & v], tn)]
+  if (ng) pars$start[rand & v] <- 0.2 / ng * vy[match(pars$lev1[rand & v], tn)]
   pars$start[across & pars$kind == "covariance"] <- 0
   struc$gammas[pars$gamma] <- pars$start
   struc$params <- pars
