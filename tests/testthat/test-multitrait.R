@@ -108,7 +108,6 @@ test_that("the bivariate reference case: components, correlations, log-likelihoo
 })
 
 test_that("two and three traits against the dense multivariate REML, with missing patterns", {
-  skip_on_cran()
   # Two traits, a random factor, nothing missing.
   s2 <- sim_mt(90, 2, 12, seed = 11)
   fit2 <- tarnel(cbind(y1, y2) ~ trait + trait:x, random = ~ cov_us(trait):g, data = s2$d)
