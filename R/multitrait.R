@@ -375,3 +375,28 @@ fitted.tarnel_multi <- function(object, ...) object$fitted
 
 #' @export
 VarCorr.tarnel_multi <- function(x, sigma = 1, ...) lapply(x$covariances, `[[`, "covariance")
+
+#' @export
+ranef.tarnel_multi <- function(object, ...) {
+  tab <- object$table
+  pos <- unlist(tab$random_positions)
+  if (!length(pos)) return(list())
+  ends <- cumsum(tab$position_levels[pos])
+  starts <- ends - tab$position_levels[pos] + 1L
+  out <- list()
+  for (k in seq_along(pos)) {
+    p <- pos[k]
+    u <- unname(object$ranef[starts[k]:ends[k]])
+    name <- tab$position_names[p]
+    lev <- tab$level_names[[p]]
+    if (startsWith(name, "trait:")) {
+      # Effects of a term across traits: one row a level, one column a trait.
+      T <- length(object$traits)
+      m <- matrix(u, ncol = T, dimnames = list(sub("^[^:]*:", "", lev[seq_len(length(u) / T)]), object$traits))
+      out[[sub("^trait:", "", name)]] <- m
+    } else {
+      out[[name]] <- setNames(u, lev)
+    }
+  }
+  out
+}

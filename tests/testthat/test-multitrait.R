@@ -99,6 +99,10 @@ test_that("the bivariate reference case: components, correlations, log-likelihoo
   expect_equal(unname(b[c("traitwritten:genderF", "traitcourse:genderF")]),
                c(fe$`written:(Intercept)`, fe$`course:(Intercept)`), tolerance = 1e-3)
   expect_equal(unname(b["traitwritten:genderM"] - b["traitwritten:genderF"]), fe$`written:genderM`, tolerance = 1e-3)
+  re <- ranef(fit)$school
+  r10 <- ex$random_effects_first10
+  expect_equal(unname(re[as.character(r10$school), c("written", "course")]), unname(as.matrix(r10[, c("written", "course")])),
+               tolerance = 0.01)
   # Standard errors of the correlations: finite and below those of a
   # correlation of +-1 on these data sizes.
   se <- fit$covariances$residual$correlation.se[2, 1]
