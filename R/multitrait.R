@@ -108,8 +108,11 @@ tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, const
   n <- nrow(data)
   T <- length(tn)
   data$trait <- factor(rep_len(tn, n), levels = tn)
-  # One scale for all traits keeps the covariances across traits in step.
-  s <- response_scale(as.vector(Y[!is.na(Y)]))
+  # One scale for all traits keeps the covariances across traits in step;
+  # a power of two near their spread, so that the inverses of the traits'
+  # blocks stay far from the engine's tolerances.
+  sdv <- stats::sd(as.vector(Y[!is.na(Y)]))
+  s <- if (is.finite(sdv) && sdv > 0) 2^round(log2(sdv)) else 1
   store <- new_columns(n)
   store$traits <- tn
   add_columns(store, "response", Y / s)
@@ -361,7 +364,17 @@ print.summary.tarnel_multi <- function(x, digits = max(3L, getOption("digits") -
 coef.tarnel_multi <- function(object, ...) object$coefficients
 
 #' @export
-vcov.tarnel_multi <- function(object, ...) object$vcov
+vcov.tarnel_multi <- function(object, parameters = c("fixed", "variance"), ...) {
+  parameters <- match.arg(parameters)
+  if (parameters == "fixed") return(object$vcov)
+  # The components' covariance from the inverse AI matrix.
+  if (is.null(object$vcov_varcomp)) tstop("the average information matrix of this fit is not available or singular")
+  object$vcov_varcomp
+}
+
+#' @export
+predict.tarnel_multi <- function(object, ...)
+  tstop("predictions of a fit of several responses are not available yet")
 
 #' @export
 logLik.tarnel_multi <- function(object, ...)

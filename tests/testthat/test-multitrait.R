@@ -173,6 +173,13 @@ test_that("covariances held at 0 give the single-trait fits", {
   expect_equal(c(G[1, 1], R[1, 1]), unname(f1$varcomp$component), tolerance = 1e-3)
   expect_equal(c(G[2, 2], R[2, 2]), unname(f2$varcomp$component), tolerance = 1e-3)
   expect_equal(fit$loglik_standard, f1$loglik_standard + f2$loglik_standard, tolerance = 1e-6)
+  # Responses in other units: components by the square of the factor, the
+  # log-likelihood by its Jacobian.
+  big <- transform(s$d, y1 = y1 * 1e5, y2 = y2 * 1e5)
+  fb <- tarnel(cbind(y1, y2) ~ trait + trait:x, random = ~ cov_us(trait):g, data = big,
+               start = setNames(c(0, 0), zero), constrain = setNames(c("fixed", "fixed"), zero))
+  expect_equal(fb$varcomp$component, fit$varcomp$component * 1e10, tolerance = 1e-6)
+  expect_equal(fb$loglik_standard, fit$loglik_standard - (fit$nobs - 4) * log(1e5), tolerance = 1e-8)
   # The same with diagonal structures across traits.
   fd <- tarnel(cbind(y1, y2) ~ trait + trait:x, random = ~ cov_diag(trait):g, residual = ~ cov_diag(trait),
                data = s$d)
