@@ -73,7 +73,8 @@ check_multi_names <- function(data, tn) {
 }
 
 # Fits a model of several responses; called by tarnel().
-tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, constrain, equal, lincon, control, env) {
+tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, constrain, equal, lincon, control, env,
+                         na_design = "fail") {
   tn <- multi_response_names(fixed[[2L]])
   if (length(tn) < 2L)
     tstop("cbind() on the left holds %d response; a model of several responses needs at least two", length(tn))
@@ -131,7 +132,7 @@ tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, const
   stacked <- as.vector(t(Y))
   model <- structure(list(response = sprintf("cbind(%s)", paste(tn, collapse = ", ")), y = Y[, 1L] / s, fixed = fx, random = rx, residual = residual,
                           resid = resid, weights_column = 0L, store = store, nrow = n, data = data,
-                          na_response = "keep", na_design = "fail", ntrt = T, traits = tn, yscale = s),
+                          na_response = "keep", na_design = na_design, ntrt = T, traits = tn, yscale = s),
                      class = "tarnel_model")
   check_term_sizes(model, sum(!is.na(Y)))
   table <- build_term_table(model)

@@ -51,7 +51,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     env <- environment(fixed)
     if (is.null(env)) env <- parent.frame()
     return(tarnel_multi(match.call(), fixed, random, residual, data, substitute(subset), start, constrain, equal,
-                        lincon, control, env))
+                        lincon, control, env, na_design))
   }
   data <- validate_args(fixed, random, residual, data, if (is.character(wexpr)) wexpr, start, constrain, equal, lincon,
                         na_response)
