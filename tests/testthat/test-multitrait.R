@@ -144,8 +144,10 @@ test_that("two traits with US x A on a small pedigree against the dense REML", {
   ped <- utils::read.csv(file.path(dir, "pedigree.csv"))
   d <- utils::read.csv(file.path(dir, "data.csv"))
   ainv <- pedigree_inverse(ped)
-  fit <- tryCatch(tarnel(cbind(y, y2) ~ trait, random = ~ cov_us(trait):cov_known(animal, ainv),
-                         data = transform(d, y2 = 0.5 * y + stats::rnorm(nrow(d)))), error = function(e) e)
+  # A probe: refused while the known matrix cannot stand in a product.
+  fit <- tryCatch(suppressWarnings(tarnel(cbind(y, y2) ~ trait, random = ~ cov_us(trait):cov_known(animal, ainv),
+                                          data = transform(d, y2 = y), control = tarnel_control(maxiter = 1L))),
+                  error = function(e) e)
   if (inherits(fit, "error") && grepl("not available yet", conditionMessage(fit)))
     skip("a known matrix as one factor of a direct product is not available yet")
   set.seed(21)
