@@ -47,7 +47,10 @@ int trait_matrices(AiPhaseArgs& a, AiScratch& s, TraitBlock& b) {
   for (int i = 1; i <= t; ++i) {
     if (structure_row(a, r, a.var.secform[r - 1].second(), 0, i, s.rowv[0], s.rowc[0], n0, a.nfault))
       return 1;
-    for (int j = 0; j < t; ++j) b.sigma[(i - 1) * t + j] = s.rowv[0][j];
+    // Only the row's listed columns are read: the rest of the scattered
+    // buffer is not kept clear.
+    for (int j = 0; j < t; ++j) b.sigma[(i - 1) * t + j] = 0.0;
+    for (int k = 0; k < n0; ++k) b.sigma[(i - 1) * t + s.rowc[0][k] - 1] = s.rowv[0][s.rowc[0][k] - 1];
   }
   structure_row(a, r, nullptr, 0, 0, s.rowv[0], s.rowc[0], n0, a.nfault);
   for (int i = 0; i < t; ++i)
