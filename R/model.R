@@ -106,6 +106,7 @@ parse_variable <- function(e, data, env, store) {
   key <- paste(deparse(e, width.cutoff = 500L), collapse = "")
   if (is.name(e)) {
     name <- as.character(e)
+    if (is_trait(store, name)) return(trait_leaf(store))
     x <- data_column(data, name)
     if (is.factor(x) || is.character(x) || is.logical(x)) return(factor_leaf(data, name, store))
     x <- as_model_numeric(data, name)

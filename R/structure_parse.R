@@ -317,6 +317,11 @@ parse_random <- function(random, data, env, store) {
           specs[[k]] <- list(fn = "cov_id", factor = as.character(exprs[[k]]), het = FALSE, key = as.character(exprs[[k]]))
           f <- structure_factor(data, specs[[k]]$factor)
         }
+        if (is_trait(store, specs[[k]]$factor)) {
+          leaves[[k]] <- trait_leaf(store)
+          specs[[k]]$levels <- store$traits
+          next
+        }
         fname <- specs[[k]]$factor
         key <- if (is.numeric(data[[fname]])) sprintf("factor(%s)", fname) else fname
         b <- add_columns(store, paste0("factor:", key), as.integer(f))

@@ -15,7 +15,9 @@
 build_struc <- function(model, table) {
   nfactp <- length(table$inter$neword)
   resid <- model$resid
-  profiled <- resid$kind != "het"
+  # With several responses the residual covariance across traits carries
+  # the scale, so nothing is profiled.
+  profiled <- !resid$kind %in% c("het", "multi")
   y <- model$y
   vy <- stats::var(y, na.rm = TRUE)
   if (!is.finite(vy) || vy <= 0) vy <- 1
@@ -131,6 +133,11 @@ build_struc <- function(model, table) {
     }
   } else {
     if (resid$kind == "spatial") resid$specs <- spatial_residual_specs(resid, model)
+    # Several responses: records independent (an identity over them), the
+    # traits of a record structured.
+    if (resid$kind == "multi")
+      resid$specs <- list(list(fn = "cov_id", factor = "units", het = FALSE, key = "units",
+                               levels = as.character(seq_len(nrec %/% length(resid$trait$levels)))), resid$trait)
     first <- length(secs) + 1L
     for (sp in resid$specs) {
       s <- section_spec(sp, sp$levels, 1, 1)

@@ -49,9 +49,19 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   na_response <- match.arg(na_response)
   na_design <- match.arg(na_design)
   wexpr <- substitute(weights)
+  if (inherits(fixed, "formula") && length(fixed) == 3L && !is.null(multi_response_names(fixed[[2L]])) &&
+      is.null(family)) {
+    if (!is.null(wexpr)) tstop("weights with several responses are not available yet")
+    if (!is.data.frame(data)) tstop("'data' must be a data frame, not %s", show_value(data))
+    env <- environment(fixed)
+    if (is.null(env)) env <- parent.frame()
+    return(tarnel_multi(match.call(), fixed, random, residual, data, substitute(subset), start, constrain, equal,
+                        lincon, control, env, na_design))
+  }
   data <- validate_args(fixed, random, residual, data, if (is.character(wexpr)) wexpr, start, constrain, equal, lincon,
                         na_response)
   control <- check_control(control)
+  check_trait_use(fixed, random, residual, data)
   env <- environment(fixed)
   if (is.null(env)) env <- parent.frame()
   formulae <- list(fixed = fixed, random = random, residual = residual)
@@ -157,7 +167,8 @@ shortage <- function(status, text) {
 # the argument lists as the engine left them.
 run_ctrn <- function(model, table, struc, keep_design, control) {
   nrow <- model$nrow
-  ws <- if (is.null(control$workspace)) fit_workspace(nrow, table, struc$ngamma) + sum(struc$ainv$words) + sum(struc$extra_workspace) else control$workspace
+  ntrt <- if (is.null(model$ntrt)) 1L else model$ntrt
+  ws <- if (is.null(control$workspace)) fit_workspace(nrow * ntrt, table, struc$ngamma) + sum(struc$ainv$words) + sum(struc$extra_workspace) else control$workspace
   log <- character()
   progress <- progress_wanted(control)
   repeat {
@@ -184,8 +195,8 @@ run_ctrn <- function(model, table, struc, keep_design, control) {
     break
   }
   records <- args$aiopt[63L]
-  if (records > 0L && records != nrow)
-    stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, nrow), call. = FALSE)
+  if (records > 0L && records != nrow * ntrt)
+    stop(sprintf("tarnel: the engine formed %d rows where %d were expected", records, nrow * ntrt), call. = FALSE)
   list(args = args, status = status, text = text, workspace = ws, records = records, keep_design = isTRUE(keep_design),
        nonzero = args$aiopt[64L], neq = args$inter$neq[1], log = paste(log, collapse = ""))
 }
@@ -207,9 +218,12 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   neqd <- table$inter$neqd[1]
   ngamma <- length(struc$gammas) - 1L
   nfactp <- length(table$inter$neword)
+  # Several responses: a design row for each record and trait.
+  ntrt <- if (is.null(model$ntrt)) 1L else as.integer(model$ntrt)
+  nrows <- nrow * ntrt
   iarg <- fresh_int(16L)
   # Conditional (marginal) tests of the fixed terms are always asked for.
-  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
+  iarg[1:16] <- c(lbin, nrow, ntrt, ntrt, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
   if (isTRUE(control$keep_order)) {
@@ -230,7 +244,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   maxiter[1] <- control$maxiter
   # The fixed-effect columns of the design are always kept (fitted values
   # X b); all of them when asked.
-  ncol_kept <- if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
+  ncol_kept <- if (ntrt > 1L) 0L else if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
   design <- matrix(0, nrow, ncol_kept)
   attr(design, "xcol") <- seq_len(ncol_kept)
   es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
@@ -265,8 +279,8 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
                    trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(1L)),
     aiopt = aiopt,
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
-               soln = double(neq), vsoln = double(neq), resid = double(nrow),
-               linearPredictors = double(nrow), hat = double(nrow), sigma2 = double(1),
+               soln = double(neq), vsoln = double(neq), resid = double(nrows),
+               linearPredictors = double(nrows), hat = double(nrows), sigma2 = double(1),
                deviance = double(control$maxiter + 2L), nedf = fresh_int(1L), nwv = fresh_int(1L), noeff = fresh_int(max(1L, nfactp)),
                nsing = fresh_int(1L), ai = double(max(1, ngamma * (ngamma + 1) / 2)), yssqu = double(max(1L, nfactp)),
                Cfixed = Cfixed, Csparse = double(1), CfacNum = fresh_int(1L), nCfac = fresh_int(1L),

@@ -4,7 +4,7 @@
 
 #' @export
 vc_delta <- function(object, ...) {
-  if (!inherits(object, "tarnel")) tstop("vc_delta(): 'object' must be a tarnel fit")
+  if (!inherits(object, c("tarnel", "tarnel_multi"))) tstop("vc_delta(): 'object' must be a tarnel fit")
   key <- vc_key(object)
   fs <- vc_args(as.list(substitute(list(...)))[-1L], parent.frame(), key)
   if (!length(fs)) return(structure(key, class = c("tarnel_vc_key", "data.frame")))

@@ -28,5 +28,5 @@ simulate_animals <- function(nanim, va = 0.6, ve = 1, seed = 3) {
   rec <- id[gen >= 2L]
   d <- data.frame(animal = rec, sex = factor(sample(c("F", "M"), length(rec), TRUE)))
   d$y <- 10 + 0.5 * (d$sex == "M") + a[rec] + rnorm(length(rec), sd = sqrt(ve))
-  list(id = id, ngen = ngen, ai = ai, data = d)
+  list(id = id, ngen = ngen, ai = ai, data = d, sire = sire, a = a)
 }

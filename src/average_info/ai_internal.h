@@ -32,7 +32,16 @@ struct AiScratch {
                                 // working variates and R^-1 times them
   span<double> lrow, zrow;      // NEQ each: one factor row and its inverse
   span<i32> crow;               // NEQ: its columns
+  span<double> mv;              // several traits: a unit's blocks
+  span<int> mvi;                // (multitrait_words reals, 5 T ints)
 };
+
+// Reals a unit of T traits needs, with npar parameters across the traits.
+inline std::size_t multitrait_words(int t, int npar, int nwv) {
+  const std::size_t tt = static_cast<std::size_t>(t) * t;
+  return tt * (static_cast<std::size_t>(npar) + 4) + 2 * static_cast<std::size_t>(t) * nwv +
+         4 * static_cast<std::size_t>(t) + static_cast<std::size_t>(t) * (t + 1) / 2;
+}
 
 // True when parameter p (1-based) writes working variates and scores.
 inline bool admits(const AiPhaseArgs& a, int p) {
@@ -96,6 +105,15 @@ int g5vwvc(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv);
 int g5vwva(AiPhaseArgs& a, AiScratch& s);
 int read_spilled_row(AiPhaseArgs& a, i32 equation, span<double> v);
 void close_tempwv(bool remove_file);
+
+// Several traits (multitrait.cpp): whether a section of n factors from
+// row r is I(units) x Sigma(traits), its working variates and AI sums unit
+// by unit, and the scores of Sigma's parameters and the section's scale.
+bool multitrait_section(const AiPhaseArgs& a, int n, int r, i64 nrec);
+int g5vwvm(AiPhaseArgs& a, AiScratch& s, const NodeStore& wv, i64 first, i64 nrec, int r, double g,
+           int c1, int cs);
+int mv_rscore(AiPhaseArgs& a, AiScratch& s, i64 first, i64 nrec, int ps, int r,
+              double (*wcw)(const AiPhaseArgs&, const AiScratch&, i64, i64));
 
 // Scores (scores.cpp).
 int g5vscg(AiPhaseArgs& a, AiScratch& s);

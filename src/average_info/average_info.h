@@ -145,6 +145,7 @@ struct AiPhaseArgs {
   double sigma2 = 1.0;
   VarianceView var;
   bool xfa = false;            // a factor analytic term is present
+  int ntrt = 1;                // traits: design rows of a record, trait fastest
   // Space the phase may use: `lenwk` words of the work array from `wk`.
   double* wk = nullptr;
   i64 lenwk = 0;

@@ -90,7 +90,7 @@ int check_args(AiPhaseArgs& a, i64& maxblock, int& maxorder, i64& maxrblock) {
         nn *= o;
       }
       if (nn != nrec) return bad(a, "section order differs from its records");
-      maxrblock = std::max(maxrblock, nrec);
+      if (!multitrait_section(a, n, r, nrec)) maxrblock = std::max(maxrblock, nrec);
     }
     total += nrec;
   }
@@ -178,6 +178,14 @@ int carve_scratch(AiPhaseArgs& a, PhaseSpace& ps) {
             reals(s.kv[0], maxblock) && reals(s.kv[1], maxblock) && ints(s.kc[0], maxblock) &&
             ints(s.kc[1], maxblock);
   ok = ok && reals(s.wd, maxrblock * nwv) && reals(s.td, maxrblock * nwv);
+  if (ok && a.ntrt > 1) {
+    int npar = 0;
+    for (int r = 1; r <= a.var.nstruc; ++r)
+      if (a.var.field(r, kOrder) == a.ntrt) npar = std::max(npar, a.var.field(r, kNpar));
+    span<i32> c;
+    ok = reals(s.mv, static_cast<i64>(multitrait_words(a.ntrt, npar, nwv))) && ints(c, 5 * static_cast<i64>(a.ntrt));
+    s.mvi = span<int>(c.data(), c.size());
+  }
   for (int f = 0; ok && f < 3; ++f) {
     span<i32> c;
     ok = reals(s.rowv[f], maxorder) && ints(c, maxorder);
@@ -312,6 +320,11 @@ int record_working_variates(AiPhaseArgs& a, PhaseSpace& ps) {
     double weight = 1.0 / g;
     int nf, rf;
     rcode(srow, nf, rf);
+    if (nf > 0 && multitrait_section(a, nf, rf, nrec)) {
+      if (nrec > 0 && g5vwvm(a, ps.s, ps.wv, rec, nrec, rf, g, c1, cs)) return 1;
+      rec += nrec;
+      continue;
+    }
     if (nf > 0) {
       i64 wnext = ps.next;
       if (nrec > 0 && g5vwvx(a, ps.s, ps.wv, wnext, ps.wvtop, rec, nrec, nf, rf, g, c1, cs)) return 1;

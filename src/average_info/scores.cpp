@@ -268,6 +268,10 @@ int g5vscr(AiPhaseArgs& a, AiScratch& s) {
     rec += nrec;
     if (sc > 0) {
       int n = sc > 9999 ? sc / 10000 : 1, r = sc > 9999 ? sc % 10000 : sc;
+      if (multitrait_section(a, n, r, nrec)) {
+        if (mv_rscore(a, s, first, nrec, ps, r, wcw)) return 1;
+        continue;
+      }
       if (structured_rscore(a, s, first, nrec, ps, n, r)) return 1;
       continue;
     }

@@ -228,6 +228,8 @@ struct IterationWork {
   double* rrow = nullptr;      // one row of a residual section's R^-1
   i32* rcols = nullptr;
   i64 maxsect = 0;
+  double* mvwork = nullptr;    // several traits: one unit's block of R^-1
+  i32* mviwork = nullptr;      // and its patterns
   double* updwork = nullptr;   // the update's scratch, AI copies at its end
   i64 upd_words = 0;
   double* before = nullptr;    // the parameters before the update
@@ -347,6 +349,10 @@ StepResult carve_iteration_space(IterationWork& w) {
   for (int k = 1; k <= s.nstruc; ++k) w.maxsect = std::max<i64>(w.maxsect, struc_row(s, k).field(kOrder));
   w.rrow = bump.take(w.maxsect);
   w.rcols = reinterpret_cast<i32*>(bump.take(w.maxsect / 2 + 1));
+  if (w.a.data.ntrt > 1) {
+    w.mvwork = bump.take(mv_scratch_reals(w.a.data.ntrt));
+    w.mviwork = reinterpret_cast<i32*>(bump.take(mv_scratch_ints(w.a.data.ntrt) / 2 + 1));
+  }
   if (!bump.ok) return fault(w.nfault, 6);
   for (int i = 0; i < nfactp; ++i) new (&w.gterms[i]) GTerm();
   const i64 remaining = bump.hi - bump.lo;
@@ -426,6 +432,10 @@ StepResult residual_section(IterationWork& w, int k, i64 first, SspSection& sec)
     structure_source(w, sec.rsrc, n, r);
     sec.rrow = span<double>(w.rrow, static_cast<std::size_t>(w.maxsect));
     sec.rcols = span<int>(w.rcols, static_cast<std::size_t>(w.maxsect));
+  }
+  if (sec.ntraits > 1 && w.mvwork != nullptr) {
+    sec.mvwork = span<double>(w.mvwork, static_cast<std::size_t>(mv_scratch_reals(sec.ntraits)));
+    sec.mviwork = span<int>(w.mviwork, static_cast<std::size_t>(mv_scratch_ints(sec.ntraits)));
   }
   return StepResult::kNext;
 }
@@ -709,6 +719,7 @@ StepResult average_information(IterationWork& w) {
     p.tcode = span<const i32>(t.tyfact.data(), std::min<std::size_t>(nfactp, t.tyfact.size()));
     p.nrsect = span<const i32>(s.nrsect.data(), 3 * static_cast<std::size_t>(s.nsect));
     p.nsect = s.nsect;
+    p.ntrt = std::max(1, a.data.ntrt);
     p.gammas = span<double>(s.gammas.data(), w.ngamma);
     p.rgmstr = span<const i32>(s.rgmstr.data(), w.ngamma);
     p.wvmap = span<const i32>(st.wvmap.data(), st.wvmap.size());
