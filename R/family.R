@@ -198,8 +198,7 @@ glm_list <- function(struc) {
 glm_finish <- function(fit, g, out) {
   if (is.null(g)) return(fit)
   fam <- g$family
-  eta <- fit$fitted
-  if (!is.null(fit$offset)) eta <- eta + fit$offset  # the engine's offset column
+  eta <- fit$fitted  # with the offset, which finish_fit() added
   mu <- fam$linkinv(eta)
   ok <- !is.na(mu) & !is.na(g$y)
   dev <- sum(fam$dev.resids(g$y[ok], mu[ok], g$n[ok]))
@@ -316,11 +315,15 @@ glm_working_model <- function(fit) {
   w <- rep(1, length(y))
   mu <- fam$linkinv(eta[ok])
   dmu <- fam$mu.eta(eta[ok])
-  z[ok] <- eta[ok] + (y[ok] - mu) / dmu
+  off <- model$data[[offset_name]]
+  if (is.null(off)) off <- 0
+  z[ok] <- eta[ok] + (y[ok] - mu) / dmu - (if (length(off) > 1L) off[ok] else off)
   w[ok] <- n[ok] * dmu^2 / fam$variance(mu)
   table$data[, 1L] <- z
-  # The prior weights are inside the working weights.
+  # The prior weights are inside the working weights, the offset is taken
+  # from the working variate.
   model$weights_column <- 0L
+  model$offset_column <- NULL
   list(model = model, table = table, weights = w)
 }
 

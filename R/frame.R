@@ -4,8 +4,10 @@
 # lme4's bar terms translated.  Records with zero weight are left out, as
 # lm() leaves them out of the fit; their fitted values are NA.
 
-# The name under which evaluated weights join the data.
+# The names under which evaluated weights and a generalised model's offset
+# join the data.
 weights_name <- "(weights)"
+offset_name <- "(offset)"
 
 # Evaluates `subset` or `weights`: NULL stays NULL.
 eval_in_data <- function(e, data, env, what) {
@@ -15,7 +17,7 @@ eval_in_data <- function(e, data, env, what) {
 }
 
 #' @noRd
-prepare_data <- function(fixed, random, data, wexpr, sexpr, env) {
+prepare_data <- function(fixed, random, data, wexpr, sexpr, env, subtract_offset = TRUE) {
   n <- nrow(data)
   w <- eval_in_data(wexpr, data, env, "the weights")
   if (is.character(w) && length(w) == 1L) w <- data_column(data, w)
@@ -79,9 +81,15 @@ prepare_data <- function(fixed, random, data, wexpr, sexpr, env) {
       offset <- offset + o
     }
     offset <- rep_len(as.double(offset), nrow(data))
-    y <- data_column(data, yname)
-    if (!is.numeric(y)) tstop("the response '%s' must be numeric", yname)
-    data[[yname]] <- y - offset
+    if (subtract_offset) {
+      y <- data_column(data, yname)
+      if (!is.numeric(y)) tstop("the response '%s' must be numeric", yname)
+      data[[yname]] <- y - offset
+    } else {
+      # A generalised model keeps the response and adds the offset to its
+      # linear predictor.
+      data[[offset_name]] <- offset
+    }
   }
   if (!is.null(w)) data[[weights_name]] <- as.double(w)
   list(fixed = fixed, random = tr$random, data = data, weights = if (is.null(w)) NULL else weights_name,

@@ -40,8 +40,12 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, subset = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
-                   keep_design = FALSE, control = tarnel_control(), family = NULL) {
+                   keep_design = FALSE, control = tarnel_control(), family = NULL, offset = NULL) {
   na_response <- match.arg(na_response)
+  # An offset given as an argument joins the fixed formula as offset(),
+  # so that it is read, kept and used in predictions like one written there.
+  oexpr <- substitute(offset)
+  if (!is.null(oexpr)) fixed <- add_offset_term(fixed, oexpr)
   na_design <- match.arg(na_design)
   wexpr <- substitute(weights)
   data <- validate_args(fixed, random, residual, data, if (is.character(wexpr)) wexpr, start, constrain, equal, lincon,
@@ -63,9 +67,8 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     g <- glm_prepare(family, fixed, data, wcol, env, na_response)
     fixed <- g$fixed; data <- g$data; wexpr <- g$weights; glm <- g$glm
   }
-  prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env)
+  prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env, subtract_offset = is.null(glm))
   if (!is.null(glm)) {
-    if (!is.null(prep$offset)) tstop("offset() in a generalised model is not available yet")
     # The response and group sizes of the records the subset keeps.
     glm$y <- prep$data_user[[".glm_y"]]
     glm$n <- if (is.null(prep$data_user[[".glm_n"]])) rep(1, prep$n_user) else prep$data_user[[".glm_n"]]
@@ -87,6 +90,9 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # Records in the rows of the user's data (after any subset).
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
+  # A generalised model adds its offset to the linear predictor in the
+  # engine, which reads it from a data column of its own.
+  if (!is.null(glm) && !is.null(prep$offset)) model$offset_column <- add_columns(model$store, "offset", arranged$data[[offset_name]])
   model <- diagnose_model(model, scale = is.null(glm))
   table <- build_term_table(model)
   struc <- glm_struc(glm, model, table, build_struc(model, table))
@@ -117,6 +123,15 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   warn_engine_notices(log, shown = if (!is.null(glm)) "Note: The LogLik value is unsuitable for comparing GLM models")
   warn_fit(fit)
   fit
+}
+
+# The fixed formula with offset(expr) added.
+add_offset_term <- function(fixed, oexpr) {
+  env <- environment(fixed)
+  f <- fixed
+  f[[3L]] <- call("+", fixed[[3L]], call("offset", oexpr))
+  environment(f) <- env
+  f
 }
 
 # Words of work array the design needs, with a margin.
@@ -204,7 +219,8 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   nfactp <- length(table$inter$neword)
   iarg <- fresh_int(16L)
   # Conditional (marginal) tests of the fixed terms are always asked for.
-  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
+  ocol <- if (is.null(model$offset_column)) 0L else model$offset_column
+  iarg[1:16] <- c(lbin, nrow, 1L, 1L, table$nycol, model$weights_column, ocol, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
   if (isTRUE(control$keep_order)) {
