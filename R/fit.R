@@ -234,7 +234,7 @@ summary.tarnel <- function(object, ...) {
     cols <- c("ratio", cols)
   }
   se <- sqrt(diag(object$vcov))
-  b <- object$coefficients
+  b <- c(object$coefficients, object$zeta)  # an ordinal fit's thresholds too
   fe <- data.frame(estimate = b, std.error = NA_real_, z.ratio = NA_real_, row.names = names(b))
   fe[names(se), "std.error"] <- se
   fe$z.ratio <- fe$estimate / fe$std.error

@@ -67,7 +67,21 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     g <- glm_prepare(family, fixed, data, wcol, env, na_response)
     fixed <- g$fixed; data <- g$data; wexpr <- g$weights; glm <- g$glm
   }
-  prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env, subtract_offset = is.null(glm))
+  sexpr <- substitute(subset)
+  if (isTRUE(glm$ordinal)) {
+    # One row a record and threshold.
+    ox <- ordinal_expand(glm, fixed, data, sexpr, env)
+    fixed <- ox$fixed; data <- ox$data; sexpr <- ox$subset
+  }
+  prep <- prepare_data(fixed, random, data, wexpr, sexpr, env, subtract_offset = is.null(glm))
+  if (isTRUE(glm$ordinal)) {
+    glm$code_user <- prep$data_user[[".ord_code"]]
+    # The offset enters as polr's does, with the sign of x'beta.
+    if (!is.null(prep$offset)) {
+      prep$offset <- -prep$offset
+      prep$data[[offset_name]] <- prep$offset
+    }
+  }
   if (!is.null(glm)) {
     # The response and group sizes of the records the subset keeps.
     glm$y <- prep$data_user[[".glm_y"]]
@@ -104,6 +118,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     # Stopped while the log-likelihood still moved: go on from the
     # estimates, where the steps are short and the test is tight.
     first <- fit$iterations
+    first_deviance <- -out$args$trn$deviance[1L + seq_len(nrow(first))]
     struc <- apply_constraints(glm_struc(glm, model, table, build_struc(model, table)), fit$gammas, constrain, equal, lincon)
     out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
     log <- paste0(log, out$log)
@@ -111,6 +126,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     it <- fit$iterations
     if (nrow(it)) it$iteration <- it$iteration + nrow(first)
     fit$iterations <- rbind(first, it)
+    out$previous_deviance <- first_deviance
   }
   fit$call <- match.call()
   fit$log <- log
@@ -119,7 +135,9 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (isTRUE(control$trace))
     message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
                     fit$loglik_standard, fit$loglik))
+  if (isTRUE(glm$ordinal)) fit <- ordinal_design(fit, glm)
   fit <- finish_fixed(fit, fixed)
+  if (isTRUE(glm$ordinal)) fit <- ordinal_finish(fit, glm)
   warn_engine_notices(log, shown = if (!is.null(glm)) "Note: The LogLik value is unsuitable for comparing GLM models")
   warn_fit(fit)
   fit
@@ -228,6 +246,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     aiopt[32L] <- 8L                                          # ... on its unit
   }
   if (!is.null(struc$glm_weights)) aiopt[8L] <- struc$glm_weights  # the working weights of a generalised model
+  if (!is.null(struc$glm$thrlevels)) iarg[8L] <- struc$glm$thrlevels[1L]  # rows a record of an ordinal model
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter

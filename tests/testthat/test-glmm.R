@@ -116,7 +116,7 @@ test_that("bad data and families are refused before the engine runs, naming the 
   expect_error(tarnel(yp ~ x, data = d, family = binomial("log")), "links allowed are: logit, probit, cloglog")
   expect_error(tarnel(yn ~ x, data = d, family = Gamma(), na_response = "keep"), "not available")
   d$score <- factor(rep(c("low", "mid", "high"), length.out = 20), ordered = TRUE)
-  expect_error(tarnel(score ~ x, data = d, family = binomial()), "two levels.*ordinal family is not available yet")
+  expect_error(tarnel(score ~ x, data = d, family = binomial()), "two levels.*family = cumulative")
 })
 
 test_that("complete separation ends in a warning, not a crash", {
