@@ -104,3 +104,23 @@ if (requireNamespace("MASS", quietly = TRUE) && requireNamespace("lme4", quietly
   cat("\ncbpp (56 records, 15 herds): herd variance and the first fixed effects\n")
   print(cmp, digits = 4)
 }
+
+# For information: an ordered response with a random term (ordinal::wine,
+# 72 ratings of 9 judges).  tarnel's cumulative family gives the PQL-REML
+# fixed point; ordinal::clmm maximises the Laplace approximation (nAGQ = 1)
+# or adaptive Gauss-Hermite quadrature (nAGQ = 10) of the marginal
+# likelihood.  Coefficients and thresholds share the sign convention of clm.
+if (requireNamespace("ordinal", quietly = TRUE)) {
+  suppressPackageStartupMessages(library(tarnel))
+  wine <- get(utils::data("wine", package = "ordinal", envir = environment()))
+  invisible(utils::capture.output(fo <- tarnel(rating ~ temp + contact, random = ~ judge, data = wine,
+                                               family = cumulative())))
+  c1 <- ordinal::clmm(rating ~ temp + contact + (1 | judge), data = wine)
+  c10 <- ordinal::clmm(rating ~ temp + contact + (1 | judge), data = wine, nAGQ = 10)
+  row <- function(beta, alpha, v) c(judge = v, beta, alpha)
+  cmp <- rbind(tarnel = row(coef(fo), fo$zeta, fo$varcomp["judge", "component"]),
+               `clmm (Laplace)` = row(c1$beta, c1$alpha, c1$ST[[1]][1]^2),
+               `clmm (nAGQ = 10)` = row(c10$beta, c10$alpha, c10$ST[[1]][1]^2))
+  cat("\nwine (72 ratings, 9 judges), logit link: judge variance, coefficients and thresholds\n")
+  print(cmp, digits = 4)
+}
