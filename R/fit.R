@@ -17,6 +17,11 @@ constraint_label <- function(code, value) {
   unname(lab)
 }
 
+# A dense matrix as a general sparse one (dgCMatrix).  Matrix::Matrix()
+# would first test the matrix for symmetry and triangles, which on a design
+# of many records costs a hundred times the conversion itself.
+sparse_general <- function(X) methods::as(methods::as(X, "CsparseMatrix"), "generalMatrix")
+
 #' @noRd
 assemble_fit <- function(out, model, table, struc, arranged, control) {
   a <- out$args
@@ -102,16 +107,16 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   res <- trn$resid
   lp[!present | lp >= 9.9e36] <- NA
   res[!present | abs(res) >= 9.9e36] <- NA
+  # The design of many records is copied only where it must be: each large
+  # copy costs a garbage collection of the whole session.
   design <- a$design
-  attr(design, "xcol") <- NULL
-  X <- design[, seq_len(nfe), drop = FALSE]
+  X <- if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE]
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
   xb <- drop(X %*% bx)
   fixed_engine$present <- present
-  fixed_design <- X[, keep_fe, drop = FALSE]
-  colnames(fixed_design) <- lab[fe_eq][keep_fe]
-  fixed_design <- Matrix::Matrix(fixed_design, sparse = TRUE)
+  fixed_design <- sparse_general(if (all(keep_fe)) X else X[, keep_fe, drop = FALSE])
+  dimnames(fixed_design) <- list(NULL, lab[fe_eq][keep_fe])
   back <- function(v) {
     o <- rep(NA_real_, n0)
     ok <- !is.na(rows)
@@ -136,6 +141,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
+    attr(d, "xcol") <- NULL
     dimnames(d) <- list(NULL, lab[seq_len(ncol(d))])
     fit$design <- d
     fit$rows <- rows

@@ -117,17 +117,15 @@ check_missing_design <- function(model, arranged, na_design) {
 # offsets, added to a fit.
 finish_fit <- function(fit, out, arranged, prep, formulae) {
   data_used <- prep$data_user
-  nfe <- out$args$inter$neqd[1] - 1L
-  design <- out$args$design
-  X <- design[, seq_len(nfe), drop = FALSE]
-  attr(X, "xcol") <- NULL
+  # The fixed-effect design of the fit (sparse, the equations of missing
+  # responses left out) in the order of the user's records.
   ok <- !is.na(arranged$rows) & !is.na(fit$model$y)
-  Xu <- X[ok, , drop = FALSE]
-  dimnames(Xu) <- list(arranged$rows[ok], fit$table$labels[seq_len(nfe)])
-  o <- order(arranged$rows[ok])
-  Xu <- Xu[o, , drop = FALSE]
-  miss <- grepl("^\\(missing\\)", colnames(Xu))
-  fit$X <- Matrix::Matrix(Xu[, !miss, drop = FALSE], sparse = TRUE)
+  at <- which(ok)
+  at <- at[order(arranged$rows[at])]
+  X <- fit$fixed_design
+  if (!identical(at, seq_len(nrow(X)))) X <- X[at, , drop = FALSE]
+  rownames(X) <- arranged$rows[at]
+  fit$X <- X
   if (!is.null(prep$offset)) {
     off <- rep(NA_real_, prep$n_user)
     off[prep$kept] <- prep$offset

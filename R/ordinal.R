@@ -51,7 +51,7 @@ ordinal_expand <- function(g, fixed, data, sexpr, env) {
       if (length(r) != n) tstop("the subset has %d values for %d records", length(r), n)
       keep <- !is.na(r) & r
     } else if (is.numeric(r)) {
-      keep <- seq_len(n) %in% r
+      keep <- if (length(r) && all(r < 0)) !(seq_len(n) %in% -r) else seq_len(n) %in% r
     } else tstop("the subset must be logical or record numbers")
   }
   code <- g$code

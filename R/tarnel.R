@@ -101,6 +101,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # takes it out of the likelihood while the record keeps its place.
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
   model <- parse_model(fixed, random, resid, arranged$data, prep$weights, na_response, na_design, env)
+  model$generalised <- !is.null(glm)
   # Records in the rows of the user's data (after any subset).
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
