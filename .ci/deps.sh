@@ -6,7 +6,7 @@ set -euo pipefail
 need=()
 for p in r-base-dev r-mathlib cmake googletest libgtest-dev r-cran-testthat r-cran-matrix \
          r-cran-lme4 r-cran-nlme r-cran-broom.mixed r-cran-car r-cran-pbkrtest r-cran-lmertest \
-         r-cran-emmeans r-cran-estimability r-cran-jsonlite r-cran-mass r-cran-mgcv; do
+         r-cran-emmeans r-cran-estimability r-cran-jsonlite r-cran-mass r-cran-mgcv r-cran-ordinal; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then

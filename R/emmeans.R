@@ -31,6 +31,7 @@ term_standins <- function(parent) {
 
 # The records the fit used, with the columns of the fixed formula.
 recover_data.tarnel <- function(object, data = NULL, params = "pi", ...) {
+  if (inherits(object, "tarnel_ordinal")) not_for_ordinal("marginal means")
   trms <- grid_terms(object, fixed_basis(object))
   if (is.null(data)) data <- object$model$data[object$fixed_engine$present, , drop = FALSE]
   # The model reads character and logical columns as factors; so must the grid.

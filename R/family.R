@@ -9,7 +9,8 @@ glm_codes <- list(
   binomial = list(id = 2L, links = c(logit = 2L, probit = 3L, cloglog = 4L)),
   poisson = list(id = 3L, links = c(log = 5L, sqrt = 6L, identity = 1L)),
   Gamma = list(id = 4L, links = c(inverse = 7L, log = 5L, identity = 1L)),
-  negative_binomial = list(id = 5L, links = c(log = 5L, identity = 1L, inverse = 7L))
+  negative_binomial = list(id = 5L, links = c(log = 5L, identity = 1L, inverse = 7L)),
+  cumulative = list(id = 9L, links = c(logit = 2L, probit = 3L, cloglog = 4L))
 )
 
 allowed_families <- function() {
@@ -63,7 +64,7 @@ glm_family <- function(family) {
           paste(names(codes$links), collapse = ", "))
   if (codes$id == 1L && link == 1L) return(NULL)
   list(family = family, name = name, id = codes$id, link = unname(link), phi = phi,
-       dispersion_fixed = codes$id %in% c(2L, 3L, 5L))
+       dispersion_fixed = codes$id %in% c(2L, 3L, 5L, 9L))
 }
 
 bad_record <- function(bad, what) {
@@ -87,6 +88,17 @@ glm_prepare <- function(family, fixed, data, weights, env, na_response = "drop")
     if (anyNA(n)) bad_record(is.na(n), sprintf("the weights '%s' have missing values", weights))
     if (any(n < 0)) bad_record(n < 0, sprintf("the weights '%s' must not be negative", weights))
   }
+  if (g$id == 9L) {
+    g <- ordinal_response(g, lhs, data, env)
+    data[[".glm_y"]] <- g$code
+    fixed[[2L]] <- as.name(".glm_y")
+    g$n <- if (is.null(n)) rep(1, nrow(data)) else as.double(n)
+    if (!is.null(n)) {
+      data[[".glm_n"]] <- as.double(n)
+      weights <- ".glm_n"
+    }
+    return(list(glm = g, fixed = fixed, data = data, weights = weights))
+  }
   if (is.call(lhs) && identical(lhs[[1L]], as.name("cbind"))) {
     if (g$id != 2L || length(lhs) != 3L) tstop("a response cbind(successes, failures) needs the binomial family")
     s <- eval(lhs[[2L]], data, env)
@@ -105,7 +117,7 @@ glm_prepare <- function(family, fixed, data, weights, env, na_response = "drop")
     if (g$id == 2L) {
       if (is.factor(y)) {
         if (nlevels(y) > 2L)
-          tstop("a binomial response factor must have two levels; '%s' has %d (an ordinal family is not available yet)",
+          tstop("a binomial response factor must have two levels; '%s' has %d (an ordered response takes family = cumulative())",
                 deparse(lhs), nlevels(y))
         y <- as.numeric(y != levels(y)[1L])
       }
@@ -181,6 +193,11 @@ glm_struc <- function(g, model, table, struc) {
   }
   # The AI step treats the weighted residual as one block of records.
   struc$extra_workspace <- 6 * nrec * (struc$ngamma + 1)
+  if (isTRUE(g$ordinal)) {
+    # The ordinal step keeps a copy of the design values.
+    g$thrlevels <- ordinal_thrlevels(g, table)
+    struc$extra_workspace <- struc$extra_workspace + nrec * (2 + sum(as.double(table$maxent))) + 7 * g$k + 10
+  }
   struc$glm <- g
   struc
 }
@@ -189,7 +206,8 @@ glm_struc <- function(g, model, table, struc) {
 glm_list <- function(struc) {
   g <- struc$glm
   if (is.null(g)) return(list(id = 1L, link = 1L, glmphi = 1, thrlevels = 0L))
-  list(id = g$id + 0L, link = g$link + 0L, glmphi = g$phi + 0, thrlevels = 0L)
+  list(id = g$id + 0L, link = g$link + 0L, glmphi = g$phi + 0,
+       thrlevels = if (is.null(g$thrlevels)) 0L else as.integer(g$thrlevels))
 }
 
 # The generalised side of a fit: mean, deviance, dispersion and the
@@ -198,12 +216,13 @@ glm_list <- function(struc) {
 glm_finish <- function(fit, g, out) {
   if (is.null(g)) return(fit)
   fam <- g$family
-  eta <- fit$fitted
-  if (!is.null(fit$offset)) eta <- eta + fit$offset  # the engine's offset column
+  eta <- fit$fitted  # with the offset, which finish_fit() added
   mu <- fam$linkinv(eta)
   ok <- !is.na(mu) & !is.na(g$y)
-  dev <- sum(fam$dev.resids(g$y[ok], mu[ok], g$n[ok]))
-  dev_it <- -out$args$trn$deviance[-1L]
+  # The ordinal family's deviance is found from its category probabilities.
+  dev <- if (isTRUE(g$ordinal)) NA_real_ else sum(fam$dev.resids(g$y[ok], mu[ok], g$n[ok]))
+  # The deviance of each iteration, those of a first run before a polish too.
+  dev_it <- c(out$previous_deviance, -out$args$trn$deviance[-1L])
   if (nrow(fit$iterations)) fit$iterations$deviance <- 2 * dev_it[seq_len(nrow(fit$iterations))]
   fit$family <- fam
   fit$glm <- g[c("name", "id", "link", "phi", "dispersion_fixed")]
@@ -316,11 +335,15 @@ glm_working_model <- function(fit) {
   w <- rep(1, length(y))
   mu <- fam$linkinv(eta[ok])
   dmu <- fam$mu.eta(eta[ok])
-  z[ok] <- eta[ok] + (y[ok] - mu) / dmu
+  off <- model$data[[offset_name]]
+  if (is.null(off)) off <- 0
+  z[ok] <- eta[ok] + (y[ok] - mu) / dmu - (if (length(off) > 1L) off[ok] else off)
   w[ok] <- n[ok] * dmu^2 / fam$variance(mu)
   table$data[, 1L] <- z
-  # The prior weights are inside the working weights.
+  # The prior weights are inside the working weights, the offset is taken
+  # from the working variate.
   model$weights_column <- 0L
+  model$offset_column <- NULL
   list(model = model, table = table, weights = w)
 }
 

@@ -17,6 +17,11 @@ constraint_label <- function(code, value) {
   unname(lab)
 }
 
+# A dense matrix as a general sparse one (dgCMatrix).  Matrix::Matrix()
+# would first test the matrix for symmetry and triangles, which on a design
+# of many records costs a hundred times the conversion itself.
+sparse_general <- function(X) methods::as(methods::as(X, "CsparseMatrix"), "generalMatrix")
+
 #' @noRd
 assemble_fit <- function(out, model, table, struc, arranged, control) {
   a <- out$args
@@ -106,17 +111,17 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   res <- trn$resid
   lp[!present | lp >= 9.9e36] <- NA
   res[!present | abs(res) >= 9.9e36] <- NA
+  # The design of many records is copied only where it must be: each large
+  # copy costs a garbage collection of the whole session.
   design <- a$design
-  attr(design, "xcol") <- NULL
-  X <- design[, seq_len(nfe), drop = FALSE]
+  X <- if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE]
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
   xb <- drop(X %*% bx)
   if (!is.null(sparse_fixed)) xb <- xb + sparse_fixed_xb(table, sparse_fixed)
   fixed_engine$present <- present
-  fixed_design <- X[, keep_fe, drop = FALSE]
-  colnames(fixed_design) <- lab[fe_eq][keep_fe]
-  fixed_design <- Matrix::Matrix(fixed_design, sparse = TRUE)
+  fixed_design <- sparse_general(if (all(keep_fe)) X else X[, keep_fe, drop = FALSE])
+  dimnames(fixed_design) <- list(NULL, lab[fe_eq][keep_fe])
   back <- function(v) {
     o <- rep(NA_real_, n0)
     ok <- !is.na(rows)
@@ -142,6 +147,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
+    attr(d, "xcol") <- NULL
     dimnames(d) <- list(NULL, lab[seq_len(ncol(d))])
     fit$design <- d
     fit$rows <- rows
@@ -239,11 +245,12 @@ summary.tarnel <- function(object, ...) {
     vp$ratio[!object$params$kind[match(rownames(vp), object$params$name)] %in% c("variance", "covariance", "scale")] <- NA
     cols <- c("ratio", cols)
   }
-  b <- object$coefficients
-  se <- fixed_se(object)
+  b <- c(object$coefficients, object$zeta)  # an ordinal fit's thresholds too
+  se <- c(fixed_se(object), sqrt(diag(object$vcov))[names(object$zeta)])
   # The levels of sparse fixed terms are listed in $sparse_fixed, not here.
   dense <- !names(b) %in% object$sparse_fixed$level
-  fe <- data.frame(estimate = b[dense], std.error = se[dense], z.ratio = b[dense] / se[dense], row.names = names(b)[dense])
+  fe <- data.frame(estimate = b[dense], std.error = se[names(b)][dense], row.names = names(b)[dense])
+  fe$z.ratio <- fe$estimate / fe$std.error
   aliased <- if (is.null(object$fixed_info)) character() else object$fixed_info$aliased
   structure(list(call = object$call, varcomp = vp[, cols, drop = FALSE], correlations = covariance_correlations(object),
                  fixed = fe, aliased = aliased,

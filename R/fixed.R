@@ -61,14 +61,17 @@ fixed_effects_r <- function(fit) {
   bE <- fit$fixed_engine$coefficients
   CE <- fit$fixed_engine$vcov
   present <- fit$fixed_engine$present
-  XS <- XS[present, , drop = FALSE]
+  # Rows are taken only when some are left out: every copy of a design of
+  # many records costs a garbage collection.
+  rows <- function(M) if (all(present)) M else M[present, , drop = FALSE]
+  XS <- rows(XS)
   XR <- r_model_matrix(fit, length(present))
   basis <- "R"
-  if (!is.null(XR) && anyNA(XR[present, , drop = FALSE])) XR <- NULL
+  XRp <- if (is.null(XR)) NULL else rows(XR)
+  if (!is.null(XRp) && anyNA(XRp)) XR <- NULL
   if (!is.null(XR)) {
-    XRp <- XR[present, , drop = FALSE]
     keep <- independent_columns(XRp)
-    Xk <- XRp[, keep, drop = FALSE]
+    Xk <- if (length(keep) == ncol(XRp)) XRp else XRp[, keep, drop = FALSE]
     # The engine found the rank of its columns when it absorbed them.
     ok <- length(keep) == sum(diag(CE) > 0)
     if (ok && length(keep)) {

@@ -4,8 +4,10 @@
 # lme4's bar terms translated.  Records with zero weight are left out, as
 # lm() leaves them out of the fit; their fitted values are NA.
 
-# The name under which evaluated weights join the data.
+# The names under which evaluated weights and a generalised model's offset
+# join the data.
 weights_name <- "(weights)"
+offset_name <- "(offset)"
 
 # Evaluates `subset` or `weights`: NULL stays NULL.
 eval_in_data <- function(e, data, env, what) {
@@ -15,7 +17,7 @@ eval_in_data <- function(e, data, env, what) {
 }
 
 #' @noRd
-prepare_data <- function(fixed, random, data, wexpr, sexpr, env) {
+prepare_data <- function(fixed, random, data, wexpr, sexpr, env, subtract_offset = TRUE) {
   n <- nrow(data)
   w <- eval_in_data(wexpr, data, env, "the weights")
   if (is.character(w) && length(w) == 1L) w <- data_column(data, w)
@@ -79,9 +81,15 @@ prepare_data <- function(fixed, random, data, wexpr, sexpr, env) {
       offset <- offset + o
     }
     offset <- rep_len(as.double(offset), nrow(data))
-    y <- data_column(data, yname)
-    if (!is.numeric(y)) tstop("the response '%s' must be numeric", yname)
-    data[[yname]] <- y - offset
+    if (subtract_offset) {
+      y <- data_column(data, yname)
+      if (!is.numeric(y)) tstop("the response '%s' must be numeric", yname)
+      data[[yname]] <- y - offset
+    } else {
+      # A generalised model keeps the response and adds the offset to its
+      # linear predictor.
+      data[[offset_name]] <- offset
+    }
   }
   if (!is.null(w)) data[[weights_name]] <- as.double(w)
   list(fixed = fixed, random = tr$random, data = data, weights = if (is.null(w)) NULL else weights_name,
@@ -109,20 +117,18 @@ check_missing_design <- function(model, arranged, na_design) {
 # offsets, added to a fit.
 finish_fit <- function(fit, out, arranged, prep, formulae) {
   data_used <- prep$data_user
-  nfe <- out$args$inter$neqd[1] - 1L
-  design <- out$args$design
-  X <- design[, seq_len(nfe), drop = FALSE]
-  attr(X, "xcol") <- NULL
+  # The fixed-effect design of the fit (sparse, the equations of missing
+  # responses left out) in the order of the user's records.
   ok <- !is.na(arranged$rows) & !is.na(fit$model$y)
-  Xu <- X[ok, , drop = FALSE]
-  dimnames(Xu) <- list(arranged$rows[ok], fit$table$labels[seq_len(nfe)])
-  o <- order(arranged$rows[ok])
-  Xu <- Xu[o, , drop = FALSE]
-  miss <- grepl("^\\(missing\\)", colnames(Xu))
-  fit$X <- Matrix::Matrix(Xu[, !miss, drop = FALSE], sparse = TRUE)
+  at <- which(ok)
+  at <- at[order(arranged$rows[at])]
+  X <- fit$fixed_design
+  if (!identical(at, seq_len(nrow(X)))) X <- X[at, , drop = FALSE]
+  rownames(X) <- arranged$rows[at]
+  fit$X <- X
   if (!is.null(fit$sparse_fixed)) {
-    XS <- sparse_fixed_design(fit, which(ok)[o], all = TRUE)
-    rownames(XS) <- rownames(Xu)
+    XS <- sparse_fixed_design(fit, at, all = TRUE)
+    rownames(XS) <- rownames(X)
     fit$X <- cbind(fit$X, XS)
   }
   if (!is.null(prep$offset)) {

@@ -83,7 +83,8 @@ VarCorr.tarnel <- function(x, sigma = 1, ...) {
   p <- p[keep, , drop = FALSE]
   comp <- vc[p$name, "component"]
   var1 <- ifelse(is.na(p$lev1) & p$kind != "scale", sub("^.*: ", "", p$name), p$lev1)
-  out <- data.frame(group = p$vgroup, var1 = var1, var2 = p$lev2, variance = NA_real_, sd_cor = NA_real_,
+  na <- rep(NA_real_, nrow(p))  # a fit may have no variance parameter shown (a GLM without random terms)
+  out <- data.frame(group = p$vgroup, var1 = as.character(var1), var2 = p$lev2, variance = na, sd_cor = na,
                     kind = p$kind, row.names = p$name, stringsAsFactors = FALSE, check.names = FALSE)
   isvar <- p$kind %in% c("variance", "scale")
   out$variance[isvar] <- comp[isvar]

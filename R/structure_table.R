@@ -48,7 +48,9 @@ build_struc <- function(model, table) {
   rpos <- table$random_positions
   ident <- which(vapply(groups, function(g) g$kind == "identity", TRUE))
   starts <- rep(v0, length(rpos))
-  if (length(ident)) {
+  # (A generalised model starts every variance on the scale of the linear
+  # predictor instead: see glm_struc().)
+  if (length(ident) && !isTRUE(model$generalised)) {
     tt <- unlist(lapply(groups[ident], `[[`, "terms"))
     starts[tt] <- moment_starts(model, model$random$terms[tt], v0, profiled, vy)
   }

@@ -45,8 +45,12 @@ tarnel_control <- function(workspace = NULL, max_workspace = 1e9, maxiter = 20L,
 tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, subset = NULL, start = NULL,
                    constrain = NULL, equal = NULL, lincon = NULL,
                    na_response = c("drop", "keep", "estimate"), na_design = c("fail", "zero"),
-                   keep_design = FALSE, control = tarnel_control(), family = NULL) {
+                   keep_design = FALSE, control = tarnel_control(), family = NULL, offset = NULL) {
   na_response <- match.arg(na_response)
+  # An offset given as an argument joins the fixed formula as offset(),
+  # so that it is read, kept and used in predictions like one written there.
+  oexpr <- substitute(offset)
+  if (!is.null(oexpr)) fixed <- add_offset_term(fixed, oexpr)
   na_design <- match.arg(na_design)
   wexpr <- substitute(weights)
   if (inherits(fixed, "formula") && length(fixed) == 3L && !is.null(multi_response_names(fixed[[2L]])) &&
@@ -78,9 +82,22 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     g <- glm_prepare(family, fixed, data, wcol, env, na_response)
     fixed <- g$fixed; data <- g$data; wexpr <- g$weights; glm <- g$glm
   }
-  prep <- prepare_data(fixed, random, data, wexpr, substitute(subset), env)
+  sexpr <- substitute(subset)
+  if (isTRUE(glm$ordinal)) {
+    # One row a record and threshold.
+    ox <- ordinal_expand(glm, fixed, data, sexpr, env)
+    fixed <- ox$fixed; data <- ox$data; sexpr <- ox$subset
+  }
+  prep <- prepare_data(fixed, random, data, wexpr, sexpr, env, subtract_offset = is.null(glm))
+  if (isTRUE(glm$ordinal)) {
+    glm$code_user <- prep$data_user[[".ord_code"]]
+    # The offset enters as polr's does, with the sign of x'beta.
+    if (!is.null(prep$offset)) {
+      prep$offset <- -prep$offset
+      prep$data[[offset_name]] <- prep$offset
+    }
+  }
   if (!is.null(glm)) {
-    if (!is.null(prep$offset)) tstop("offset() in a generalised model is not available yet")
     # The response and group sizes of the records the subset keeps.
     glm$y <- prep$data_user[[".glm_y"]]
     glm$n <- if (is.null(prep$data_user[[".glm_n"]])) rep(1, prep$n_user) else prep$data_user[[".glm_n"]]
@@ -99,9 +116,13 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   # takes it out of the likelihood while the record keeps its place.
   if (resid$kind == "grid" && anyNA(arranged$data[[yname]])) na_response <- "estimate"
   model <- parse_model(fixed, random, resid, arranged$data, prep$weights, na_response, na_design, env)
+  model$generalised <- !is.null(glm)
   # Records in the rows of the user's data (after any subset).
   arranged$rows <- prep$kept[arranged$rows]
   check_missing_design(model, arranged, na_design)
+  # A generalised model adds its offset to the linear predictor in the
+  # engine, which reads it from a data column of its own.
+  if (!is.null(glm) && !is.null(prep$offset)) model$offset_column <- add_columns(model$store, "offset", arranged$data[[offset_name]])
   model <- diagnose_model(model, scale = is.null(glm))
   table <- build_term_table(model, control$sparse_fixed)
   struc <- glm_struc(glm, model, table, build_struc(model, table))
@@ -113,6 +134,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     # Stopped while the log-likelihood still moved: go on from the
     # estimates, where the steps are short and the test is tight.
     first <- fit$iterations
+    first_deviance <- -out$args$trn$deviance[1L + seq_len(nrow(first))]
     struc <- apply_constraints(glm_struc(glm, model, table, build_struc(model, table)), fit$gammas, constrain, equal, lincon)
     out <- run_ctrn(model, table, struc, keep_design = keep_design, control = control)
     log <- paste0(log, out$log)
@@ -120,6 +142,7 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
     it <- fit$iterations
     if (nrow(it)) it$iteration <- it$iteration + nrow(first)
     fit$iterations <- rbind(first, it)
+    out$previous_deviance <- first_deviance
   }
   fit$call <- match.call()
   fit$log <- log
@@ -128,10 +151,21 @@ tarnel <- function(fixed, random = NULL, residual = NULL, data, weights = NULL, 
   if (isTRUE(control$trace))
     message(sprintf("tarnel: REML log-likelihood %.4f (the engine's lines above leave out the 2 pi term: %.4f)",
                     fit$loglik_standard, fit$loglik))
+  if (isTRUE(glm$ordinal)) fit <- ordinal_design(fit, glm)
   fit <- finish_fixed(fit, fixed)
+  if (isTRUE(glm$ordinal)) fit <- ordinal_finish(fit, glm)
   warn_engine_notices(log, shown = if (!is.null(glm)) "Note: The LogLik value is unsuitable for comparing GLM models")
   warn_fit(fit)
   fit
+}
+
+# The fixed formula with offset(expr) added.
+add_offset_term <- function(fixed, oexpr) {
+  env <- environment(fixed)
+  f <- fixed
+  f[[3L]] <- call("+", fixed[[3L]], call("offset", oexpr))
+  environment(f) <- env
+  f
 }
 
 # Words of work array the design needs, with a margin.
@@ -223,7 +257,8 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   nrows <- nrow * ntrt
   iarg <- fresh_int(16L)
   # Conditional (marginal) tests of the fixed terms are always asked for.
-  iarg[1:16] <- c(lbin, nrow, ntrt, ntrt, table$nycol, model$weights_column, 0L, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
+  ocol <- if (is.null(model$offset_column)) 0L else model$offset_column
+  iarg[1:16] <- c(lbin, nrow, ntrt, ntrt, table$nycol, model$weights_column, ocol, 0L, 0L, 1L, 0L, 0L, sum(table$inter$inter[1L, ] == -3L), 0L, 0L, 0L)
   aiopt <- fresh_int(100L)
   aiopt[2L] <- 11L                                            # minimum-degree ordering
   if (isTRUE(control$keep_order)) {
@@ -231,6 +266,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     aiopt[32L] <- 8L                                          # ... on its unit
   }
   if (!is.null(struc$glm_weights)) aiopt[8L] <- struc$glm_weights  # the working weights of a generalised model
+  if (!is.null(struc$glm$thrlevels)) iarg[8L] <- struc$glm$thrlevels[1L]  # rows a record of an ordinal model
   aiopt[61L] <- table$mvact                                   # missing response action
   aiopt[62L] <- if (model$na_design == "zero") 1L else 0L      # missing design values
   inter <- table$inter

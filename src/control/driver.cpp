@@ -132,7 +132,7 @@ bool prepare_run(FitRun& run, const DesignLayout& layout) {
       fault_exit(a);
       return false;
     }
-    if (a.glm.id == kFamilyMultinomial || a.glm.id > kFamilyNegBinomial) {
+    if (a.glm.id > kFamilyNegBinomial && a.glm.id != kFamilyMultinomial) {
       set_errtxt(a, "Cumulative multinomial models are not available in this version");
       vprt("Cumulative multinomial models are not available in this version\n");
       fault_exit(a);
@@ -168,7 +168,9 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
   const int ncol = std::max(ngamma, 1);
   run.it.design = layout;
   const i64 nhist = 8 * static_cast<i64>(ncol);
-  const i64 nglm = run.glm ? 4 * layout.records : 0;
+  i64 nglm = run.glm ? 4 * layout.records : 0;
+  if (run.glm && a.glm.id == kFamilyMultinomial)
+    nglm += ordinal_words(layout.nonzero, a.glm.thrlevels.empty() ? 0 : std::max(a.glm.thrlevels[0], 0));
   run.it.floor = floor + nhist + nglm;
   if (run.it.floor + *a.terms.neq / 2 >= static_cast<i64>(a.work.lenx[0])) {
     st.runTrn = 4.0 * *a.terms.neq;
@@ -197,6 +199,31 @@ bool carve_driver_blocks(FitRun& run, const DesignLayout& layout, i64 floor) {
     fault_exit(a);
     return false;
   }
+  return true;
+}
+
+// The rows of a cumulative multinomial model: `thrlevels` holds the number
+// of thresholds k and the equation of the second threshold (the later
+// ones follow it); records come in whole units of k rows.  From `blk`: the
+// copy of the design values, the thresholds' starts and the scratch.
+bool setup_ordinal_rows(FitRun& run, const DesignLayout& layout, double* blk) {
+  const AiControlArgs& a = run.a;
+  OrdinalRows& o = run.pass.ordinal;
+  const int k = a.glm.thrlevels.empty() ? 0 : a.glm.thrlevels[0];
+  const i32 first = a.glm.thrlevels.size() > 1 ? a.glm.thrlevels[1] : 0;
+  const i64 records = layout.records;
+  if (k < 1 || records % k != 0 || (k > 1 && (first < 2 || first + k - 2 > *a.terms.neq)) ||
+      run.pass.start[records] - 1 > layout.nonzero) {
+    vprt(" The thresholds of the cumulative multinomial model do not fit its design\n");
+    return false;
+  }
+  o.k = k;
+  o.first_eq = first;
+  o.base = 0;
+  o.orig = span<double>(blk, static_cast<std::size_t>(layout.nonzero));
+  o.start = span<double>(blk + layout.nonzero, static_cast<std::size_t>(k));
+  o.scratch = span<double>(blk + layout.nonzero + k, static_cast<std::size_t>(6 * k + 1));
+  o.ready = false;
   return true;
 }
 
@@ -241,6 +268,7 @@ bool setup_glm_pass(FitRun& run, const DesignLayout& layout, i64 base) {
   p.soln = span<const double>(a.results.soln.data(), static_cast<std::size_t>(*a.terms.neq));
   p.weights = a.known.ainv.subspan(static_cast<std::size_t>(wpos - 1), static_cast<std::size_t>(records));
   p.weights_logdet = &a.known.ainv[static_cast<std::size_t>(wpos - 2)];
+  if (run.family.id == kFamilyMultinomial) return setup_ordinal_rows(run, layout, blk + 4 * records);
   return true;
 }
 

@@ -76,6 +76,18 @@ double alnorm(double x, bool upper);
 // The lower tail of an F ratio with m and n degrees of freedom.
 double fish(double f, double m, double n);
 
+// The rows of a cumulative multinomial model: k consecutive design rows a
+// record, one a threshold (see ordinal.cpp).
+struct OrdinalRows {
+  int k = 0;                 // thresholds: categories less one
+  i32 first_eq = 0;          // equation of the second threshold; later ones follow
+  i64 base = 0;              // index of the first design value
+  span<double> orig;         // the design values as formed, from `base`
+  span<double> start;        // k: the start of each threshold
+  span<double> scratch;      // 6k + 1: one record's working values
+  bool ready = false;        // orig holds the design as formed
+};
+
 // The design rows and what the step reads and writes beside them.
 struct GlmmPass {
   double* val = nullptr;           // design values; the first of each row is the response
@@ -94,7 +106,17 @@ struct GlmmPass {
   double deviance = 0;             // out: the sum of the records' terms
   double eta_change = 0;           // out: the largest change of eta, relative to 1 + |eta|
   GlmCommon common;
+  OrdinalRows ordinal;             // the cumulative multinomial family only
 };
+
+// Words of work array the cumulative multinomial step needs beside the
+// design: a copy of the design values and the records' scratch.
+inline i64 ordinal_words(i64 nvalues, int k) { return nvalues + 7 * static_cast<i64>(k) + 1; }
+
+// One pass of the cumulative multinomial step over all records; `valid`
+// counts the rows with a response.  Returns 0, or 1 for a record whose
+// indicators are not those of one category.
+int ordinal_pass(const GlmModel& m, GlmmPass& p, int& valid);
 
 // One pass of the step.  Returns 0, or the step's status: 1 bad proportion,
 // 2 bad count, 3 bad gamma datum, 4 bad negative binomial count, 5 the

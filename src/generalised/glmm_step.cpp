@@ -107,7 +107,7 @@ int aiglmm(GlmModel& m, GlmmPass& p) {
     p.deviance = 0;
     p.eta_change = 0;
     valid = 0;
-    status = walk_records(m, p, valid);
+    status = m.id == kFamilyMultinomial ? ordinal_pass(m, p, valid) : walk_records(m, p, valid);
     if (status != -1) break;
   }
   if (status > 0) return status;

@@ -136,3 +136,84 @@ TEST(GlmmStep, WorkingVariateWeightsAndDataChecks) {
   EXPECT_EQ(aiglmm(m, r), 2);
   EXPECT_NE(tarnel_test::capture_end().find("Invalid Poisson count -1.000000 in record 2"), std::string::npos);
 }
+
+// One record of an ordered response of four categories (category 2): three
+// rows, each a response, the intercept (equation 2), the covariates of
+// thresholds 2 and 3 (equations 3 and 4, the one after the row's own as a
+// place holder) and x = 2 (equation 5).
+TEST(GlmmStep, OrdinalRowsCarryTheTridiagonalWeights) {
+  std::vector<double> val{0, 1, 1, 2, 0, 1, 1, 1, 2, 0, 1, 1, 2};
+  std::vector<i32> col{1, 2, 3, 5, 1, 2, 3, 4, 5, 1, 2, 4, 5};
+  std::vector<i64> start{1, 5, 10, 14};
+  std::vector<double> ykeep{0, 1, 1}, soln{0, -1, 1.0, 2.2, 0.3}, w(3), eta(3), work(200);
+  GlmmPass p;
+  p.val = val.data();
+  p.col = col.data();
+  p.start = span<const i64>(start.data(), start.size());
+  p.records = 3;
+  p.ykeep = span<double>(ykeep.data(), ykeep.size());
+  p.soln = span<const double>(soln.data(), soln.size());
+  p.weights = span<double>(w.data(), w.size());
+  p.eta = span<double>(eta.data(), eta.size());
+  p.ordinal.k = 3;
+  p.ordinal.first_eq = 3;
+  p.ordinal.orig = span<double>(work.data(), val.size());
+  p.ordinal.start = span<double>(work.data() + 20, 3);
+  p.ordinal.scratch = span<double>(work.data() + 30, 19);
+  GlmModel m;
+  m.id = kFamilyMultinomial;
+  m.link = kLinkLogit;
+  const std::vector<double> orig = val;
+  tarnel_test::capture_begin();
+  ASSERT_EQ(aiglmm(m, p), 0);  // the first pass keeps the design as formed
+  p.count = 2;
+  ASSERT_EQ(aiglmm(m, p), 0);
+  tarnel_test::capture_end();
+  const double e[3] = {-1 + 0.6, -1 + 1.0 + 0.6, -1 + 2.2 + 0.6};
+  double g[3], d[3];
+  for (int j = 0; j < 3; ++j) {
+    EXPECT_NEAR(eta[j], e[j], 1e-12);
+    g[j] = 1 / (1 + std::exp(-e[j]));
+    d[j] = g[j] * (1 - g[j]);
+  }
+  const double pr[4] = {g[0], g[1] - g[0], g[2] - g[1], 1 - g[2]};
+  EXPECT_NEAR(p.deviance, -std::log(pr[1]), 1e-12);
+  // A: the rows as the model has them (no place holders); W tridiagonal.
+  double A[3][4] = {{1, 0, 0, 2}, {1, 1, 0, 2}, {1, 0, 1, 2}}, W[3][3] = {};
+  for (int j = 0; j < 3; ++j) {
+    W[j][j] = d[j] * d[j] * (1 / pr[j] + 1 / pr[j + 1]);
+    if (j < 2) W[j][j + 1] = W[j + 1][j] = -d[j] * d[j + 1] / pr[j + 1];
+  }
+  double z[3];
+  for (int j = 0; j < 3; ++j) z[j] = e[j] + (ykeep[j] - g[j]) / d[j];
+  // The rows as rewritten, with one weight each, give A'WA and A'Wz.
+  for (int a = 0; a < 4; ++a) {
+    double lhs_z = 0, rhs_z = 0;
+    for (int b = 0; b < 4; ++b) {
+      double lhs = 0, rhs = 0;
+      for (int r = 0; r < 3; ++r) {
+        double ra = 0, rb = 0;
+        for (i64 q = start[r]; q < start[r + 1] - 1; ++q) {
+          if (col[q] == a + 2) ra = val[q];
+          if (col[q] == b + 2) rb = val[q];
+        }
+        lhs += ra * w[r] * rb;
+        if (b == 0) lhs_z += ra * w[r] * val[start[r] - 1];
+        for (int s = 0; s < 3; ++s) {
+          rhs += A[r][a] * W[r][s] * A[s][b];
+          if (b == 0) rhs_z += A[r][a] * W[r][s] * z[s];
+        }
+      }
+      EXPECT_NEAR(lhs, rhs, 1e-10) << a << "," << b;
+    }
+    EXPECT_NEAR(lhs_z, rhs_z, 1e-10) << a;
+  }
+  // Indicators that fall are not those of one category.
+  std::vector<double> bad{1, 0, 1};
+  p.ykeep = span<double>(bad.data(), bad.size());
+  p.count = 1;
+  val = orig;
+  tarnel_test::capture_begin();
+  EXPECT_EQ(aiglmm(m, p), 1);
+  EXPECT_NE(tarnel_test::capture_end().find("in record 2"), std::string::npos);
+}

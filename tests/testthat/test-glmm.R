@@ -116,7 +116,7 @@ test_that("bad data and families are refused before the engine runs, naming the 
   expect_error(tarnel(yp ~ x, data = d, family = binomial("log")), "links allowed are: logit, probit, cloglog")
   expect_error(tarnel(yn ~ x, data = d, family = Gamma(), na_response = "keep"), "not available")
   d$score <- factor(rep(c("low", "mid", "high"), length.out = 20), ordered = TRUE)
-  expect_error(tarnel(score ~ x, data = d, family = binomial()), "two levels.*ordinal family is not available yet")
+  expect_error(tarnel(score ~ x, data = d, family = binomial()), "two levels.*family = cumulative")
 })
 
 test_that("complete separation ends in a warning, not a crash", {
@@ -168,4 +168,36 @@ test_that("new-data predictions, tables and emmeans back-transform as they do fo
   et <- summary(emmeans::emmeans(fit, ~ f, type = "response"))
   expect_equal(tab$response, et$rate, tolerance = 1e-5)
   expect_equal(tab$response.se, et$SE, tolerance = 1e-4)
+})
+
+test_that("offsets, in the formula or as an argument, enter the linear predictor as in glm", {
+  d <- sim()
+  d$t <- rep(c(1, 2.5, 4), length.out = nrow(d))
+  d$yt <- rpois(nrow(d), d$t * exp(0.5 + 0.3 * d$x))
+  g <- glm(yt ~ x + f, poisson, data = d, offset = log(t), control = glm.control(epsilon = 1e-14))
+  f1 <- quiet(tarnel(yt ~ x + f + offset(log(t)), data = d, family = poisson()))
+  f2 <- quiet(tarnel(yt ~ x + f, data = d, family = poisson(), offset = log(t)))
+  for (f in list(f1, f2)) {
+    expect_equal(coef(f), coef(g), tolerance = 1e-6)
+    expect_equal(deviance(f), deviance(g), tolerance = 1e-6)
+    expect_equal(fitted(f), unname(fitted(g)), tolerance = 1e-6, ignore_attr = TRUE)
+    expect_equal(residuals(f, "working"), unname(residuals(g, "working")), tolerance = 1e-6)
+  }
+  nd <- d[1:5, ]
+  nd$t <- c(1, 2, 3, 4, 5)
+  expect_equal(predict(f1, newdata = nd, type = "response"), predict(g, nd, type = "response"), tolerance = 1e-6,
+               ignore_attr = TRUE)
+  # A constant offset c with a random term moves only the intercept, by -c.
+  d$h <- factor(rep(1:12, length.out = nrow(d)))
+  d$c <- 0.7
+  a <- quiet(tarnel(yt ~ x, random = ~ h, data = d, family = poisson()))
+  b <- quiet(tarnel(yt ~ x, random = ~ h, data = d, family = poisson(), offset = c))
+  expect_equal(coef(b) + c(0.7, 0), coef(a), tolerance = 1e-6)
+  expect_equal(b$varcomp$component, a$varcomp$component, tolerance = 1e-5)
+  expect_equal(fitted(b), fitted(a), tolerance = 1e-6)
+  # Offsets of a binomial model, with a subset.
+  gb <- glm(yb ~ x, binomial, data = d, offset = x / 3, subset = f != "a")
+  fb <- quiet(tarnel(yb ~ x + offset(x / 3), data = d, family = binomial(), subset = f != "a"))
+  expect_equal(unname(coef(fb)), unname(coef(gb)), tolerance = 1e-6)
+  expect_equal(deviance(fb), deviance(gb), tolerance = 1e-6)
 })
