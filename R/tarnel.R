@@ -193,8 +193,9 @@ fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; att
 # the locals that built them are removed before the list goes back, so that
 # the list holds the only reference.
 # With `predict` (a request and its work-array size) the run forms prediction
-# tables and keeps no design columns.
-ctrn_args <- function(model, table, struc, keep_design, control, workspace, predict = NULL) {
+# tables and keeps no design columns; `kept_columns` sets how many design
+# columns are kept otherwise.
+ctrn_args <- function(model, table, struc, keep_design, control, workspace, predict = NULL, kept_columns = NULL) {
   data <- table$data
   nrow <- model$nrow
   lbin <- ncol(data)
@@ -225,7 +226,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   maxiter[1] <- control$maxiter
   # The fixed-effect columns of the design are always kept (fitted values
   # X b); all of them when asked.
-  ncol_kept <- if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
+  ncol_kept <- if (!is.null(kept_columns)) kept_columns else if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
   design <- matrix(0, nrow, ncol_kept)
   attr(design, "xcol") <- seq_len(ncol_kept)
   es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
@@ -241,7 +242,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   # step size, for one), and a literal constant must never be overwritten.
   fr <- fresh_copy
   out <- list(
-    datafr = as.double(t(data)),
+    datafr = .Call(C_record_major, data),
     iarg = iarg,
     dpmv = c(tarnel_missing, 0),
     inter = inter,

@@ -370,6 +370,7 @@ int ctrn_run(CtrnInput& in, RunDriver driver, CtrnAllocator alloc) {
   if (report_shortage(run)) return -1;
   const int status = in.args.status.ifault;
   results_for_host(run);
+  if (status == 0 && in.after_run != nullptr) in.after_run(in, in.after_context);
   return status;
 }
 
