@@ -102,16 +102,17 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   res <- trn$resid
   lp[!present | lp >= 9.9e36] <- NA
   res[!present | abs(res) >= 9.9e36] <- NA
+  # The kept design is dense, a row a record; its fixed columns are mostly
+  # zeros, so they are read once into a sparse matrix and used from there.
   design <- a$design
-  attr(design, "xcol") <- NULL
-  X <- design[, seq_len(nfe), drop = FALSE]
+  X <- methods::as(methods::as(if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE],
+                               "CsparseMatrix"), "generalMatrix")
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
-  xb <- drop(X %*% bx)
+  xb <- as.vector(X %*% bx)
   fixed_engine$present <- present
   fixed_design <- X[, keep_fe, drop = FALSE]
-  colnames(fixed_design) <- lab[fe_eq][keep_fe]
-  fixed_design <- Matrix::Matrix(fixed_design, sparse = TRUE)
+  dimnames(fixed_design) <- list(NULL, lab[fe_eq][keep_fe])
   back <- function(v) {
     o <- rep(NA_real_, n0)
     ok <- !is.na(rows)
@@ -136,6 +137,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   if (isTRUE(getOption("tarnel.keep_args"))) fit$args <- a
   if (isTRUE(out$keep_design)) {
     d <- design
+    attr(d, "xcol") <- NULL
     dimnames(d) <- list(NULL, lab[seq_len(ncol(d))])
     fit$design <- d
     fit$rows <- rows

@@ -109,17 +109,13 @@ check_missing_design <- function(model, arranged, na_design) {
 # offsets, added to a fit.
 finish_fit <- function(fit, out, arranged, prep, formulae) {
   data_used <- prep$data_user
-  nfe <- out$args$inter$neqd[1] - 1L
-  design <- out$args$design
-  X <- design[, seq_len(nfe), drop = FALSE]
-  attr(X, "xcol") <- NULL
-  ok <- !is.na(arranged$rows) & !is.na(fit$model$y)
-  Xu <- X[ok, , drop = FALSE]
-  dimnames(Xu) <- list(arranged$rows[ok], fit$table$labels[seq_len(nfe)])
-  o <- order(arranged$rows[ok])
-  Xu <- Xu[o, , drop = FALSE]
-  miss <- grepl("^\\(missing\\)", colnames(Xu))
-  fit$X <- Matrix::Matrix(Xu[, !miss, drop = FALSE], sparse = TRUE)
+  # The fixed columns (those of missing responses left out) as the fit
+  # holds them sparse, in the rows of the user's data that have a response.
+  ok <- which(!is.na(arranged$rows) & !is.na(fit$model$y))
+  ok <- ok[order(arranged$rows[ok])]
+  X <- fit$fixed_design[ok, , drop = FALSE]
+  rownames(X) <- as.character(arranged$rows[ok])
+  fit$X <- X
   if (!is.null(prep$offset)) {
     off <- rep(NA_real_, prep$n_user)
     off[prep$kept] <- prep$offset

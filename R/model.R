@@ -36,13 +36,10 @@ add_columns <- function(store, key, values) {
 }
 
 column_matrix <- function(store) {
-  widths <- vapply(store$values, ncol, 1L)
-  m <- matrix(0, store$nrow, sum(widths))
-  at <- 0L
-  for (k in seq_along(widths)) {
-    m[, at + seq_len(widths[k])] <- store$values[[k]]
-    at <- at + widths[k]
-  }
+  if (!length(store$values)) return(matrix(0, store$nrow, 0))
+  # cbind() copies each block once and drops their other attributes.
+  m <- do.call(cbind, unname(store$values))
+  if (storage.mode(m) != "double") storage.mode(m) <- "double"
   m
 }
 

@@ -199,15 +199,22 @@ drop_missing_only_levels <- function(data, yname, cols) {
     x <- data[[v]]
     if (!(is.factor(x) || is.character(x) || is.logical(x))) next
     f <- if (is.factor(x)) x else factor(x)
-    with_y <- unique(as.character(f[!miss & !is.na(f)]))
-    only <- setdiff(unique(as.character(f[miss & !is.na(f)])), with_y)
+    # Levels by their codes: those seen with a response, and those seen
+    # only without one.
+    code <- as.integer(f)
+    with_y <- tabulate(code[!miss], nlevels(f)) > 0L
+    only <- levels(f)[!with_y & tabulate(code[miss], nlevels(f)) > 0L]
     if (!length(only)) next
     shown <- paste(utils::head(only, 5L), collapse = ", ")
     if (length(only) > 5L) shown <- sprintf("%s, ... (%d levels)", shown, length(only))
     message(sprintf("tarnel: level%s %s of '%s' occur%s only on records with a missing response; %s left out",
                     if (length(only) > 1L) "s" else "", shown, v,
                     if (length(only) > 1L) "" else "s", if (length(only) > 1L) "they are" else "it is"))
-    data[[v]] <- factor(as.character(x), levels = setdiff(levels(f), only))
+    # The codes renumbered over the levels kept; the others become NA.
+    keep <- !levels(f) %in% only
+    recode <- cumsum(keep)
+    recode[!keep] <- NA_integer_
+    data[[v]] <- structure(recode[code], levels = levels(f)[keep], class = "factor")
   }
   data
 }
