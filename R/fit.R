@@ -111,7 +111,7 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   bx[is.na(bx) | miss_eq] <- 0
   xb <- as.vector(X %*% bx)
   fixed_engine$present <- present
-  fixed_design <- X[, keep_fe, drop = FALSE]
+  fixed_design <- if (all(keep_fe)) X else X[, keep_fe, drop = FALSE]
   dimnames(fixed_design) <- list(NULL, lab[fe_eq][keep_fe])
   back <- function(v) {
     o <- rep(NA_real_, n0)

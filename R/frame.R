@@ -113,7 +113,8 @@ finish_fit <- function(fit, out, arranged, prep, formulae) {
   # holds them sparse, in the rows of the user's data that have a response.
   ok <- which(!is.na(arranged$rows) & !is.na(fit$model$y))
   ok <- ok[order(arranged$rows[ok])]
-  X <- fit$fixed_design[ok, , drop = FALSE]
+  X <- fit$fixed_design
+  if (!identical(ok, seq_len(nrow(X)))) X <- X[ok, , drop = FALSE]
   rownames(X) <- as.character(arranged$rows[ok])
   fit$X <- X
   if (!is.null(prep$offset)) {
@@ -128,7 +129,7 @@ finish_fit <- function(fit, out, arranged, prep, formulae) {
   used <- !is.na(fit$residuals)
   vars <- unique(c(all.vars(formulae$fixed), all.vars(formulae$random), all.vars(formulae$residual)))
   vars <- intersect(vars, names(data_used))
-  frame <- data_used[used, vars, drop = FALSE]
+  frame <- if (all(used)) data_used[vars] else data_used[used, vars, drop = FALSE]
   if (!is.null(prep$weights)) {
     w <- rep(NA_real_, prep$n_user)
     w[prep$kept] <- prep$data[[weights_name]]
