@@ -38,15 +38,16 @@ tarnel_design <- function(fixed, random = NULL, data, na_response = c("drop", "k
   X
 }
 
-# The engine's design pass for a parsed model: the columns of all its
-# equations after the response, as a "dgCMatrix" with a row a record.
-# Retries with a larger work array after a shortage, as a fit does.
-design_rows <- function(model, table, struc, control) {
+# The engine's design pass for a parsed model: the columns of its first
+# `ncol` equations after the response (all of them by default), as a
+# "dgCMatrix" with a row a record.  Retries with a larger work array after
+# a shortage, as a fit does.  The engine's lines go to no log.
+design_rows <- function(model, table, struc, control, ncol = as.integer(table$inter$neq) - 1L) {
   ws <- if (is.null(control$workspace)) design_workspace(model$nrow, table) else control$workspace
-  ncol <- as.integer(table$inter$neq) - 1L
+  ncol <- as.integer(ncol)
   repeat {
     args <- ctrn_args(model, table, struc, keep_design = FALSE, control = control, workspace = ws, kept_columns = 0L)
-    out <- with_engine_console(.Call(C_design_rows, args, ncol), trace = control$trace, progress = FALSE,
+    out <- with_engine_console(.Call(C_design_rows, args, ncol), trace = FALSE, progress = FALSE,
                                trn = args$trn, stride = struc$ngamma + 3L)
     text <- engine_error_text(args$trn$errtxt)
     if (out$status != 0L && shortage(out$status, text)) {

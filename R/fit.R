@@ -102,11 +102,16 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   res <- trn$resid
   lp[!present | lp >= 9.9e36] <- NA
   res[!present | abs(res) >= 9.9e36] <- NA
-  # The kept design is dense, a row a record; its fixed columns are mostly
-  # zeros, so they are read once into a sparse matrix and used from there.
+  # The fixed columns of the design, sparse.  A design kept whole is dense,
+  # a row a record, and its fixed columns are read once into a sparse
+  # matrix; otherwise a pass of the design alone gives them sparse.
   design <- a$design
-  X <- methods::as(methods::as(if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE],
-                               "CsparseMatrix"), "generalMatrix")
+  X <- if (ncol(design) >= nfe) {
+    methods::as(methods::as(if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE],
+                            "CsparseMatrix"), "generalMatrix")
+  } else {
+    design_rows(model, table, struc, control, ncol = nfe)
+  }
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
   xb <- as.vector(X %*% bx)

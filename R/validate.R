@@ -305,12 +305,17 @@ explain_fault <- function(args, model) {
     return(explain_missing_design(model))
   y <- model$y
   present <- !is.na(y)
-  X <- args$design
-  if (is.null(X) || nrow(X) != length(y)) return(NULL)
   neqd <- args$inter$neqd[1]
-  p <- min(ncol(X), neqd - 1L)
+  p <- neqd - 1L
   n <- sum(present)
   if (as.double(n) * p > 5e7) return(NULL)
+  # The fixed columns: kept by the run, or formed by a pass of the design.
+  X <- args$design
+  if (is.null(X) || ncol(X) < p) {
+    table <- build_term_table(model)
+    X <- as.matrix(design_rows(model, table, build_struc(model, table), tarnel_control(), ncol = p))
+  }
+  if (nrow(X) != length(y)) return(NULL)
   X <- X[present, seq_len(p), drop = FALSE]
   X <- X[, colSums(X != 0) > 0, drop = FALSE]
   yy <- y[present]
