@@ -29,12 +29,9 @@ tarnel_design <- function(fixed, random = NULL, data, na_response = c("drop", "k
   struc <- build_struc(model, table)
   X <- design_rows(model, table, struc, control)
   # Back in the rows of the data.
-  if (nrow(X) != length(arranged$rows) || !identical(arranged$rows, seq_len(nrow(X)))) {
-    out <- Matrix::sparseMatrix(i = integer(), j = integer(), x = double(), dims = c(nrow(prep$data), ncol(X)))
-    out[arranged$rows, ] <- X
-    dimnames(out) <- dimnames(X)
-    X <- out
-  }
+  if (!identical(arranged$rows, seq_len(nrow(prep$data))))
+    X <- Matrix::sparseMatrix(i = arranged$rows[X@i + 1L], p = X@p, x = X@x, dims = c(nrow(prep$data), ncol(X)),
+                              dimnames = dimnames(X))
   X
 }
 
