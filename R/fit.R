@@ -111,16 +111,21 @@ assemble_fit <- function(out, model, table, struc, arranged, control) {
   res <- trn$resid
   lp[!present | lp >= 9.9e36] <- NA
   res[!present | abs(res) >= 9.9e36] <- NA
-  # The design of many records is copied only where it must be: each large
-  # copy costs a garbage collection of the whole session.
+  # The fixed columns of the design, sparse.  A design kept whole is dense,
+  # a row a record, and its fixed columns are read once into a sparse
+  # matrix; otherwise a pass of the design alone gives them sparse.
   design <- a$design
-  X <- if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE]
+  X <- if (ncol(design) >= nfe) {
+    sparse_general(if (ncol(design) == nfe) design else design[, seq_len(nfe), drop = FALSE])
+  } else {
+    design_rows(model, table, struc, control, ncol = nfe)
+  }
   bx <- b
   bx[is.na(bx) | miss_eq] <- 0
-  xb <- drop(X %*% bx)
+  xb <- as.vector(X %*% bx)
   if (!is.null(sparse_fixed)) xb <- xb + sparse_fixed_xb(table, sparse_fixed)
   fixed_engine$present <- present
-  fixed_design <- sparse_general(if (all(keep_fe)) X else X[, keep_fe, drop = FALSE])
+  fixed_design <- if (all(keep_fe)) X else X[, keep_fe, drop = FALSE]
   dimnames(fixed_design) <- list(NULL, lab[fe_eq][keep_fe])
   back <- function(v) {
     o <- rep(NA_real_, n0)

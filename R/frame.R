@@ -117,17 +117,16 @@ check_missing_design <- function(model, arranged, na_design) {
 # offsets, added to a fit.
 finish_fit <- function(fit, out, arranged, prep, formulae) {
   data_used <- prep$data_user
-  # The fixed-effect design of the fit (sparse, the equations of missing
-  # responses left out) in the order of the user's records.
-  ok <- !is.na(arranged$rows) & !is.na(fit$model$y)
-  at <- which(ok)
-  at <- at[order(arranged$rows[at])]
+  # The fixed columns (those of missing responses left out) as the fit
+  # holds them sparse, in the rows of the user's data that have a response.
+  ok <- which(!is.na(arranged$rows) & !is.na(fit$model$y))
+  ok <- ok[order(arranged$rows[ok])]
   X <- fit$fixed_design
-  if (!identical(at, seq_len(nrow(X)))) X <- X[at, , drop = FALSE]
-  rownames(X) <- arranged$rows[at]
+  if (!identical(ok, seq_len(nrow(X)))) X <- X[ok, , drop = FALSE]
+  rownames(X) <- as.character(arranged$rows[ok])
   fit$X <- X
   if (!is.null(fit$sparse_fixed)) {
-    XS <- sparse_fixed_design(fit, at, all = TRUE)
+    XS <- sparse_fixed_design(fit, ok, all = TRUE)
     rownames(XS) <- rownames(X)
     fit$X <- cbind(fit$X, XS)
   }
@@ -143,7 +142,7 @@ finish_fit <- function(fit, out, arranged, prep, formulae) {
   used <- !is.na(fit$residuals)
   vars <- unique(c(all.vars(formulae$fixed), all.vars(formulae$random), all.vars(formulae$residual)))
   vars <- intersect(vars, names(data_used))
-  frame <- data_used[used, vars, drop = FALSE]
+  frame <- if (all(used)) data_used[vars] else data_used[used, vars, drop = FALSE]
   if (!is.null(prep$weights)) {
     w <- rep(NA_real_, prep$n_user)
     w[prep$kept] <- prep$data[[weights_name]]

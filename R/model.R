@@ -21,13 +21,14 @@ new_columns <- function(nrow) {
 }
 
 add_columns <- function(store, key, values) {
-  values <- as.matrix(values)
   hit <- match(key, store$keys)
   if (!is.na(hit)) return(attr(store$values[[hit]], "first"))
+  # A vector becomes a one-column matrix in place when R need not copy it.
+  if (is.null(dim(values))) dim(values) <- c(length(values), 1L) else values <- as.matrix(values)
   first <- 1L + sum(vapply(store$values, ncol, 1L))
   # Records with a missing value, for an error that names the column.
-  store$missing[[key]] <- which(rowSums(is.na(values)) > 0)
-  values[is.na(values)] <- tarnel_missing
+  store$missing[[key]] <- if (anyNA(values)) which(rowSums(is.na(values)) > 0) else integer()
+  if (length(store$missing[[key]])) values[is.na(values)] <- tarnel_missing
   attr(values, "first") <- first
   store$values[[length(store$values) + 1L]] <- values
   store$keys <- c(store$keys, key)
@@ -36,15 +37,16 @@ add_columns <- function(store, key, values) {
 
 column_matrix <- function(store) {
   if (!length(store$values)) return(matrix(0, store$nrow, 0))
-  m <- do.call(cbind, lapply(store$values, function(v) { attr(v, "first") <- NULL; v }))
-  storage.mode(m) <- "double"
+  # cbind() copies each block once and drops their other attributes.
+  m <- do.call(cbind, unname(store$values))
+  if (storage.mode(m) != "double") storage.mode(m) <- "double"
   m
 }
 
 data_column <- function(data, name) {
   if (!name %in% names(data)) tstop("column '%s' is not in the data", name)
   x <- data[[name]]
-  if (all(is.na(x))) tstop("column '%s' holds only missing values", name)
+  if (anyNA(x) && all(is.na(x))) tstop("column '%s' holds only missing values", name)
   x
 }
 

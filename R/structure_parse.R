@@ -444,7 +444,7 @@ parse_residual <- function(residual, data, env) {
 arrange_records <- function(data, resid, yname, drop_missing) {
   rows <- seq_len(nrow(data))
   if (resid$kind != "grid") {
-    if (drop_missing) {
+    if (drop_missing && anyNA(data[[yname]])) {
       keep <- !is.na(data[[yname]])
       data <- data[keep, , drop = FALSE]
       rows <- rows[keep]

@@ -242,9 +242,11 @@ fresh_copy <- function(v) { out <- vector(typeof(v), length(v)); out[] <- v; att
 # writes into is freshly allocated here, never shared with another object:
 # the locals that built them are removed before the list goes back, so that
 # the list holds the only reference.
-# With `predict` (a request and its work-array size) the run forms prediction
-# tables and keeps no design columns.
-ctrn_args <- function(model, table, struc, keep_design, control, workspace, predict = NULL) {
+# The run keeps the whole design when asked, else none of it (the fit
+# forms its fixed columns sparse by a pass of the design alone);
+# `kept_columns` sets another count.  With `predict` (a request and its
+# work-array size) the run forms prediction tables.
+ctrn_args <- function(model, table, struc, keep_design, control, workspace, predict = NULL, kept_columns = NULL) {
   data <- table$data
   nrow <- model$nrow
   lbin <- ncol(data)
@@ -280,7 +282,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   maxiter[1] <- control$maxiter
   # The fixed-effect columns of the design are always kept (fitted values
   # X b); all of them when asked.
-  ncol_kept <- if (ntrt > 1L) 0L else if (isTRUE(keep_design)) neq - 1L else if (is.null(predict)) neqd - 1L else 0L
+  ncol_kept <- if (ntrt > 1L) 0L else if (!is.null(kept_columns)) kept_columns else if (isTRUE(keep_design)) neq - 1L else 0L
   design <- matrix(0, nrow, ncol_kept)
   attr(design, "xcol") <- seq_len(ncol_kept)
   es <- list(struc = fresh_copy(struc$struc), nspat = fresh_copy(0L), nrsect = fresh_copy(struc$nrsect),
@@ -296,7 +298,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
   # step size, for one), and a literal constant must never be overwritten.
   fr <- fresh_copy
   out <- list(
-    datafr = as.double(t(data)),
+    datafr = .Call(C_record_major, data),
     iarg = iarg,
     dpmv = c(tarnel_missing, 0),
     inter = inter,
@@ -312,7 +314,7 @@ ctrn_args <- function(model, table, struc, keep_design, control, workspace, pred
     mbfList = list(mbfAddr = fr(0L), mbfX = fr(0)),
     control = list(workspace = fr(as.double(workspace)), pworkspace = fr(0), maxiter = maxiter, knots = fr(0L),
                    nsppoints = fr(0L), stepsize = fr(1), splstp = fr(0), splinescale = fr(0),
-                   trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(1L)),
+                   trace = fr(as.integer(control$trace)), Ftest = fr(0L), design = fr(as.integer(ncol_kept > 0L))),
     aiopt = aiopt,
     trn = list(prvgam = double(ngamma + 1L), score = double(ngamma + 1L), loglik = double(1),
                soln = double(neq), vsoln = double(neq), resid = double(nrows),

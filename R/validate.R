@@ -199,15 +199,22 @@ drop_missing_only_levels <- function(data, yname, cols) {
     x <- data[[v]]
     if (!(is.factor(x) || is.character(x) || is.logical(x))) next
     f <- if (is.factor(x)) x else factor(x)
-    with_y <- unique(as.character(f[!miss & !is.na(f)]))
-    only <- setdiff(unique(as.character(f[miss & !is.na(f)])), with_y)
+    # Levels by their codes: those seen with a response, and those seen
+    # only without one.
+    code <- as.integer(f)
+    with_y <- tabulate(code[!miss], nlevels(f)) > 0L
+    only <- levels(f)[!with_y & tabulate(code[miss], nlevels(f)) > 0L]
     if (!length(only)) next
     shown <- paste(utils::head(only, 5L), collapse = ", ")
     if (length(only) > 5L) shown <- sprintf("%s, ... (%d levels)", shown, length(only))
     message(sprintf("tarnel: level%s %s of '%s' occur%s only on records with a missing response; %s left out",
                     if (length(only) > 1L) "s" else "", shown, v,
                     if (length(only) > 1L) "" else "s", if (length(only) > 1L) "they are" else "it is"))
-    data[[v]] <- factor(as.character(x), levels = setdiff(levels(f), only))
+    # The codes renumbered over the levels kept; the others become NA.
+    keep <- !levels(f) %in% only
+    recode <- cumsum(keep)
+    recode[!keep] <- NA_integer_
+    data[[v]] <- structure(recode[code], levels = levels(f)[keep], class = "factor")
   }
   data
 }
@@ -298,12 +305,17 @@ explain_fault <- function(args, model) {
     return(explain_missing_design(model))
   y <- model$y
   present <- !is.na(y)
-  X <- args$design
-  if (is.null(X) || nrow(X) != length(y)) return(NULL)
   neqd <- args$inter$neqd[1]
-  p <- min(ncol(X), neqd - 1L)
+  p <- neqd - 1L
   n <- sum(present)
   if (as.double(n) * p > 5e7) return(NULL)
+  # The fixed columns: kept by the run, or formed by a pass of the design.
+  X <- args$design
+  if (is.null(X) || ncol(X) < p) {
+    table <- build_term_table(model)
+    X <- as.matrix(design_rows(model, table, build_struc(model, table), tarnel_control(), ncol = p))
+  }
+  if (nrow(X) != length(y)) return(NULL)
   X <- X[present, seq_len(p), drop = FALSE]
   X <- X[, colSums(X != 0) > 0, drop = FALSE]
   yy <- y[present]

@@ -8,6 +8,7 @@
 // (`carve_design_scratch`), design formation (`form_design`), the kept
 // design (`keep_design`) and the layout of the rows for the equations
 // (`lay_out_rows`).  Then `run_iterations` (driver.cpp) fits the model.
+// `aidesign` walks the same set-up as far as design formation and stops.
 #include "control/aicontrol.h"
 
 #include <algorithm>
@@ -370,20 +371,49 @@ void reset_control_state() {
   saved_design = SavedDesign();
 }
 
-void aicontrol(AiControlArgs& a) {
+namespace {
+
+// The set-up and design formation that a fit and a design alone share:
+// steps 1 to 9.  Returns false after the fault exit.
+bool form_rows(DesignRun& run) {
+  AiControlArgs& a = run.a;
   reset_control_state();
   reset_design_state();
   start_run(a);
-  if (!spline_tables(a)) return;
-  DesignRun run(a);
+  if (!spline_tables(a)) return false;
   design_offsets(run);
-  if (!refuse_unavailable(a)) return;
+  if (!refuse_unavailable(a)) return false;
   design_terms(run);
-  if (!check_term_table(run)) return;
+  if (!check_term_table(run)) return false;
   running_codes(a);
-  if (!carve_design_scratch(run)) return;
-  if (!form_design(run)) return;
-  if (!keep_design(run)) return;
+  if (!carve_design_scratch(run)) return false;
+  return form_design(run);
+}
+
+}  // namespace
+
+void aidesign(AiControlArgs& a) {
+  a.status.rows = DesignRowsAt();
+  DesignRun run(a);
+  if (!form_rows(run)) return;
+  DesignRowsAt& at = a.status.rows;
+  at.kyxz = run.ds.kyxz;
+  at.colbase = run.ds.colbase;
+  at.rowbase = run.ds.rowbase;
+  at.recbase = run.ds.recbase;
+  at.records = run.res.records;
+  at.nonzero = run.res.nonzero;
+  AiOptions& o = a.options;
+  if (o.aiopt.size() > kAioptNonzero) {
+    o.aiopt[kAioptRecords] = static_cast<int>(run.res.records);
+    o.aiopt[kAioptNonzero] = static_cast<int>(std::min<i64>(run.res.nonzero, 2147483647));
+  }
+  a.status.ifault = 0;
+}
+
+void aicontrol(AiControlArgs& a) {
+  DesignRun run(a);
+  if (!form_rows(run) || !keep_design(run)) return;
   DesignLayout layout;
   if (!lay_out_rows(run, layout)) return;
   const i64 floor = static_cast<i64>(layout.kyxz) + layout.nonzero + (layout.nonzero + 1) / 2 + 1;

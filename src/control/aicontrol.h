@@ -177,6 +177,17 @@ struct AiPredict {
   span<char> pvtext;
 };
 
+// Where the design rows lie in the main work array after `aidesign`, as
+// long as the array lives.  Row r (from 0) holds the values
+// x.r[kyxz + k] with equations x.i[colbase + k] for k from x.i[rowbase + r]
+// up to x.i[rowbase + r + 1]; its data record (from 1) is x.i[recbase + r].
+// The first value of a row is the response, with equation 1.
+struct DesignRowsAt {
+  u64 kyxz = 0, colbase = 0, rowbase = 0, recbase = 0;
+  i64 records = 0;
+  i64 nonzero = 0;
+};
+
 // What the engine reports back beside the result vectors.
 struct AiStatus {
   int ifault = 0;
@@ -185,6 +196,7 @@ struct AiStatus {
   // The memory belongs to the driver and lives until the next run.
   const double* saved_design = nullptr;
   i64 tupl = 0;
+  DesignRowsAt rows;  // set by aidesign
 };
 
 struct AiControlArgs {
@@ -204,6 +216,11 @@ struct AiControlArgs {
 // One fit.  Leaves the outcome in status.ifault, results.errtxt,
 // results.converge and status.runTrn.
 void aicontrol(AiControlArgs& a);
+// Design formation alone: the set-up of a fit up to the design rows, and
+// no iteration.  The rows stay in the work array where status.rows says.
+// status.ifault is 0 on success; aiopt gets the counts of rows and
+// nonzeros as after a fit.
+void aidesign(AiControlArgs& a);
 // Frees the driver's saved design and clears its statics.
 void reset_control_state();
 

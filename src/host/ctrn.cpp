@@ -182,24 +182,33 @@ void host_tables(EntryRun& run) {
   o.optvec = span<double>(dWork, o.naiopt);
   d.rvec = span<double>(dWork + o.naiopt, d.dimrvec);
   d.summry = span<double>(dWork + o.naiopt + d.dimrvec, 4 * static_cast<std::size_t>(d.lbin));
+  // One pass over the records, which lie record by record: the four
+  // values of each column gather minimum, sum, maximum and missing count.
   const double mv = d.dpmv[0];
   for (int c = 0; c < d.lbin; ++c) {
-    double mn = 1e30, mx = -1e30, sum = 0, nmiss = 0;
-    for (int r = 0; r < d.nrow; ++r) {
-      const double v = d.datafr[static_cast<std::size_t>(r) * d.lbin + c];
+    double* sm = d.summry.data() + 4 * c;
+    sm[0] = 1e30;
+    sm[1] = 0;
+    sm[2] = -1e30;
+    sm[3] = 0;
+  }
+  const double* rec = d.datafr.data();
+  for (int r = 0; r < d.nrow; ++r, rec += d.lbin) {
+    double* sm = d.summry.data();
+    for (int c = 0; c < d.lbin; ++c, sm += 4) {
+      const double v = rec[c];
       if (v == mv) {
-        nmiss += 1;
+        sm[3] += 1;
         continue;
       }
-      mn = std::min(mn, v);
-      mx = std::max(mx, v);
-      sum += v;
+      sm[0] = std::min(sm[0], v);
+      sm[1] += v;
+      sm[2] = std::max(sm[2], v);
     }
+  }
+  for (int c = 0; c < d.lbin; ++c) {
     double* sm = d.summry.data() + 4 * c;
-    sm[0] = mn;
-    sm[1] = sum / (d.nrow - nmiss);  // 0/0 for a wholly missing column
-    sm[2] = mx;
-    sm[3] = nmiss;
+    sm[1] = sm[1] / (d.nrow - sm[3]);  // 0/0 for a wholly missing column
   }
 }
 
@@ -370,6 +379,7 @@ int ctrn_run(CtrnInput& in, RunDriver driver, CtrnAllocator alloc) {
   if (report_shortage(run)) return -1;
   const int status = in.args.status.ifault;
   results_for_host(run);
+  if (status == 0 && in.after_run != nullptr) in.after_run(in, in.after_context);
   return status;
 }
 

@@ -36,6 +36,10 @@ struct CtrnInput {
   span<int> xcol;         // equations kept in design, 1-based
   int keep_design = 0;
   double na_real = 0;     // the host's missing real
+  // Called after a successful run while the work arrays still live, to
+  // read what the driver left in them; it may throw.
+  void (*after_run)(const CtrnInput& in, void* context) = nullptr;
+  void* after_context = nullptr;
 };
 
 // Converts a workspace size in words to an unsigned 64-bit count: above

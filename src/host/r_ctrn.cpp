@@ -4,8 +4,11 @@
 #include <R.h>
 #include <Rinternals.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "host/console.h"
@@ -341,6 +344,9 @@ extern "C" SEXP ctrn(SEXP datafr, SEXP iarg, SEXP dpmv, SEXP inter, SEXP struc, 
                                   predict, constr, mbfList, control, aiopt, trn,  design};
     tarnel::unpack(in, names, obj);
     INTEGER(status)[0] = tarnel::ctrn_run(in);
+    // The design kept for the host has been copied out: free it now rather
+    // than at the start of the next run.
+    tarnel::reset_control_state();
   } catch (const tarnel::ArgError& e) {
     std::snprintf(msg, sizeof msg, "ctrn: %s", e.what());
   } catch (const std::exception& e) {
@@ -349,4 +355,137 @@ extern "C" SEXP ctrn(SEXP datafr, SEXP iarg, SEXP dpmv, SEXP inter, SEXP struc, 
   UNPROTECT(1);
   if (msg[0] != '\0') Rf_error("%s", msg);
   return status;
+}
+
+namespace tarnel {
+namespace {
+
+SEXP alloc_body(void* d) {
+  const auto* want = static_cast<const std::pair<SEXPTYPE, R_xlen_t>*>(d);
+  return Rf_allocVector(want->first, want->second);
+}
+SEXP alloc_refused(SEXP, void*) { return R_NilValue; }
+
+// A vector from R's heap; a refusal is an ArgError rather than an R error,
+// so that the C++ frames holding the work arrays unwind.
+SEXP alloc_checked(SEXPTYPE type, R_xlen_t n) {
+  std::pair<SEXPTYPE, R_xlen_t> want(type, n);
+  SEXP v = R_tryCatchError(alloc_body, &want, alloc_refused, nullptr);
+  if (v == R_NilValue) throw ArgError("cannot allocate the sparse design (" + std::to_string(n) + " values)");
+  return v;
+}
+
+// What the design entry asks of the rows and where it puts them.
+struct ColumnsOut {
+  int ncol = 0;
+  SEXP list = R_NilValue;  // i, p, x (protected by the caller)
+};
+
+// The design rows left in the work array, equations 2 to ncol + 1, as the
+// columns of a compressed sparse matrix with a row a data record (from 0).
+// A column's entries come in record order; an entry that repeats its
+// record is added to the one before.
+void rows_to_columns(const CtrnInput& in, void* context) {
+  auto* out = static_cast<ColumnsOut*>(context);
+  const DesignRowsAt& at = in.args.status.rows;
+  const WorkArray& w = in.args.work.x;
+  const int ncol = out->ncol, nrow = in.args.data.nrow;
+  const i32* start = w.i + at.rowbase;
+  const i32* eq = w.i + at.colbase;
+  const i32* rec = w.i + at.recbase;
+  const double* val = w.r + at.kyxz;
+  SEXP p = alloc_checked(INTSXP, static_cast<R_xlen_t>(ncol) + 1);
+  SET_VECTOR_ELT(out->list, 1, p);
+  int* pp = INTEGER(p);
+  std::fill(pp, pp + ncol + 1, 0);
+  for (i64 k = 0; k < at.nonzero; ++k) {
+    const int e = eq[k];
+    if (e >= 2 && e <= ncol + 1) ++pp[e - 1];
+  }
+  for (int c = 0; c < ncol; ++c) {
+    if (pp[c + 1] > INT_MAX - pp[c]) throw ArgError("the design has too many nonzeros for a sparse matrix");
+    pp[c + 1] += pp[c];
+  }
+  const int nnz = pp[ncol];
+  SEXP iv = alloc_checked(INTSXP, nnz);
+  SET_VECTOR_ELT(out->list, 0, iv);
+  SEXP xv = alloc_checked(REALSXP, nnz);
+  SET_VECTOR_ELT(out->list, 2, xv);
+  int* ii = INTEGER(iv);
+  double* xx = REAL(xv);
+  // pp[c] walks from the start of column c to the start of c + 1.
+  for (i64 r = 0; r < at.records; ++r) {
+    const int row = rec[r] - 1;
+    if (row < 0 || row >= nrow) throw ArgError("a design row names a record out of range");
+    for (i64 k = start[r]; k < start[r + 1]; ++k) {
+      const int e = eq[k];
+      if (e < 2 || e > ncol + 1) continue;
+      const int to = pp[e - 2]++;
+      ii[to] = row;
+      xx[to] = val[k];
+    }
+  }
+  for (int c = ncol; c > 0; --c) pp[c] = pp[c - 1];
+  pp[0] = 0;
+  int kept = 0;
+  for (int c = 0; c < ncol; ++c) {
+    const int from = pp[c], to = pp[c + 1];
+    pp[c] = kept;
+    for (int k = from; k < to; ++k) {
+      if (kept > pp[c] && ii[kept - 1] == ii[k]) {
+        xx[kept - 1] += xx[k];
+      } else {
+        ii[kept] = ii[k];
+        xx[kept] = xx[k];
+        ++kept;
+      }
+    }
+  }
+  pp[ncol] = kept;
+  if (kept < nnz) {
+    SET_VECTOR_ELT(out->list, 0, Rf_lengthgets(iv, kept));
+    SET_VECTOR_ELT(out->list, 2, Rf_lengthgets(xv, kept));
+  }
+}
+
+}  // namespace
+}  // namespace tarnel
+
+// The design rows alone: `args` holds the fourteen objects of the model-fit
+// entry by name, `ncol` the number of equations after the response to
+// return.  Returns list(status, i, p, x): the engine's status (0, or -1
+// with errtxt written, as ctrn) and, on success, the columns of a sparse
+// matrix of one row a data record.
+extern "C" SEXP design_rows(SEXP args, SEXP ncol_) {
+  return tarnel::guarded("design_rows", [&]() -> SEXP {
+    using namespace tarnel;
+    need_list(args, "args");
+    const int ncol = arg_int(ncol_, "ncol", 1)[0];
+    if (ncol < 0) throw ArgError("'ncol' must not be negative");
+    const CtrnObjects obj{elem(args, "datafr"), elem(args, "iarg"),    elem(args, "dpmv"),
+                          elem(args, "inter"),  elem(args, "struc"),   elem(args, "ainv"),
+                          elem(args, "glm"),    elem(args, "predict"), elem(args, "constr"),
+                          elem(args, "mbfList"), elem(args, "control"), elem(args, "aiopt"),
+                          elem(args, "trn"),    elem(args, "design")};
+    CtrnInput in;
+    std::vector<const char*> names;
+    host_interrupt_reset();
+    unpack(in, names, obj);
+    if (ncol > *in.args.terms.neq - 1) throw ArgError("'ncol' is more than the design's equations");
+    in.keep_design = 0;  // the rows come back here, not in 'design'
+    SEXP out = PROTECT(Rf_allocVector(VECSXP, 4));
+    ColumnsOut cols;
+    cols.ncol = ncol;
+    cols.list = out;
+    in.after_run = rows_to_columns;
+    in.after_context = &cols;
+    const int status = ctrn_run(in, aidesign);
+    SET_VECTOR_ELT(out, 3, Rf_ScalarInteger(status));
+    SEXP nm = PROTECT(Rf_allocVector(STRSXP, 4));
+    const char* labels[] = {"i", "p", "x", "status"};
+    for (int k = 0; k < 4; ++k) SET_STRING_ELT(nm, k, Rf_mkChar(labels[k]));
+    Rf_setAttrib(out, R_NamesSymbol, nm);
+    UNPROTECT(2);
+    return out;
+  });
 }

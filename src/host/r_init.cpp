@@ -5,6 +5,8 @@
 
 extern "C" {
 SEXP ctrn(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
+SEXP design_rows(SEXP, SEXP);
+SEXP record_major(SEXP);
 SEXP about(SEXP, SEXP, SEXP, SEXP);
 SEXP aimat(SEXP, SEXP, SEXP, SEXP, SEXP, SEXP);
 SEXP canBeNumeric(SEXP, SEXP, SEXP);
@@ -28,6 +30,8 @@ SEXP console_end();
 
 static const R_CallMethodDef call_entries[] = {
     {"ctrn", (DL_FUNC)&ctrn, 14},
+    {"design_rows", (DL_FUNC)&design_rows, 2},
+    {"record_major", (DL_FUNC)&record_major, 1},
     {"about", (DL_FUNC)&about, 4},
     {"aimat", (DL_FUNC)&aimat, 6},
     {"canBeNumeric", (DL_FUNC)&canBeNumeric, 3},

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "console_capture.h"
+#include "design/design.h"
 #include "host/ctrn.h"
 #include "host/utils.h"
 
@@ -285,4 +286,63 @@ TEST(Entry, AllocationFailuresAndShortagesHaveTheirTexts) {
   }
   next_runTrn = 0;
   fail_at = 0;
+}
+
+// Design formation alone: the rows stay in the work array for the hook,
+// which sees them only after a run that succeeded.
+namespace {
+struct SeenRows {
+  int calls = 0;
+  std::vector<int> eq, rec;
+  std::vector<double> val;
+};
+void read_rows(const CtrnInput& in, void* context) {
+  auto* seen = static_cast<SeenRows*>(context);
+  ++seen->calls;
+  const DesignRowsAt& at = in.args.status.rows;
+  const WorkArray& x = in.args.work.x;
+  for (i64 r = 0; r < at.records; ++r) {
+    seen->rec.push_back(x.i[at.recbase + r]);
+    for (i64 k = x.i[at.rowbase + r]; k < x.i[at.rowbase + r + 1]; ++k) {
+      seen->eq.push_back(x.i[at.colbase + k]);
+      seen->val.push_back(x.r[at.kyxz + k]);
+    }
+  }
+}
+}  // namespace
+
+TEST(Entry, DesignAloneLeavesItsRowsForTheHost) {
+  EntryFixture f;
+  f.datafr = {1.5, 2, 2.5, 1, 3.5, 3};  // response, then a factor of 3 levels
+  f.neword = {2};
+  f.submds = {0};
+  f.neq = 4;
+  f.aiopt.assign(100, 0);
+  for (double workspace : {1000.0, 20.0}) {
+    CtrnInput in = f.make();
+    in.args.terms.nfactp = 1;
+    in.args.data.nycol = 1;
+    in.args.data.ntrt = 1;
+    in.workspace = workspace;
+    SeenRows seen;
+    in.after_run = read_rows;
+    in.after_context = &seen;
+    tarnel_test::capture_begin();
+    const int status = ctrn_run(in, aidesign);
+    tarnel_test::capture_end();
+    if (workspace < 100) {  // too small for the rows: no hook
+      EXPECT_NE(status, 0);
+      EXPECT_EQ(seen.calls, 0);
+      continue;
+    }
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_EQ(seen.rec, (std::vector<int>{1, 2, 3}));
+    // The response at equation 1, then the factor's level after it.
+    EXPECT_EQ(seen.eq, (std::vector<int>{1, 3, 1, 2, 1, 4}));
+    EXPECT_EQ(seen.val, (std::vector<double>{1.5, 1, 2.5, 1, 3.5, 1}));
+    EXPECT_EQ(f.aiopt[kAioptRecords], 3);
+    EXPECT_EQ(f.aiopt[kAioptNonzero], 6);
+  }
+  reset_control_state();
 }

@@ -215,3 +215,37 @@ test_that("the engine refuses a term table that points outside the data", {
   expect_equal(r$status, 1L)
   expect_true(any(grepl("Term 3", r$out)))
 })
+
+test_that("the design alone matches sparse.model.matrix and the design a fit keeps", {
+  d <- sim(80)
+  d$y[c(5, 17)] <- NA
+  tarnel_design <- asNamespace("tarnel")$tarnel_design
+  facs <- c("A", "B", "C")
+  ca <- lapply(d[facs], stats::contrasts, contrasts = FALSE)
+  # Factors, covariates, factor by factor and covariate by factor
+  # interactions, nesting, and random terms after the fixed ones.
+  cases <- list(list(y ~ A + B + x + z + A:B + x:C, NULL), list(y ~ 0 + C + C:z, NULL), list(y ~ A / C, ~ B + B:x),
+                list(y ~ x, ~ A:B:C))
+  for (cs in cases) {
+    X <- tarnel_design(cs[[1]], cs[[2]], data = d)
+    expect_s4_class(X, "dgCMatrix")
+    rhs <- if (is.null(cs[[2]])) cs[[1]] else stats::reformulate(c(labels(stats::terms(cs[[1]])), labels(stats::terms(cs[[2]]))),
+                                                               response = quote(y), intercept = attr(stats::terms(cs[[1]]), "intercept") == 1)
+    mm <- Matrix::sparse.model.matrix(rhs, stats::model.frame(rhs, d, na.action = stats::na.pass),
+                                      contrasts.arg = ca[intersect(facs, all.vars(rhs))])
+    expect_setequal(colnames(X), colnames(mm))
+    ok <- !is.na(d$y)
+    expect_equal(as.matrix(X[ok, ]), unname_rows(as.matrix(mm[ok, colnames(X)])), tolerance = 1e-15)
+    # records dropped for their missing response keep an empty row
+    expect_equal(Matrix::rowSums(X != 0)[!ok], c(0, 0))
+    fit <- suppressWarnings(quiet(tarnel(cs[[1]], cs[[2]], data = d, keep_design = TRUE)))
+    expect_equal(unname(as.matrix(X[ok, ])), unname(fit$design[order(fit$rows), ]))
+  }
+  # Transformations and conditional terms, and a missing design value.
+  d$x[3] <- NA
+  X <- tarnel_design(y ~ 0 + tr_log(x) + above(z, 0.2) + at(A, "a2"):x, data = d, na_design = "zero")
+  expect_equal(X[, "tr_log(x)"], ifelse(is.na(d$x) | is.na(d$y), 0, log(d$x)))
+  expect_equal(X[, "above(z, 0.2)"], ifelse(is.na(d$y), 0, as.numeric(d$z > 0.2)))
+  expect_equal(X[, "at(A, a2):x"], ifelse(is.na(d$x) | is.na(d$y) | d$A != "a2", 0, d$x))
+  expect_error(tarnel_design(y ~ x, data = d), "Missing values in design variables/factors")
+})
