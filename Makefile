@@ -44,11 +44,10 @@ check: deps
 	@! grep -E "^(Status: .*(ERROR|WARNING))" $(BUILD)/check/tarnel.Rcheck/00check.log
 
 # Peers used only by the benchmarks, not by the tests: nadiv (for
-# bench/ainv.R) and sommer (for bench/multitrait.R) from CRAN into the
-# checkout's library.
+# bench/ainv.R) from CRAN into the checkout's library.  (sommer is not
+# offered: its current release needs a newer Matrix than R 4.2 can take.)
 bench-deps: deps install
 	$(RSCRIPT) -e 'if (!requireNamespace("nadiv", quietly = TRUE)) install.packages("nadiv", lib = "$(RLIB)", repos = "https://cloud.r-project.org")'
-	$(RSCRIPT) -e 'if (!requireNamespace("sommer", quietly = TRUE)) install.packages("sommer", lib = "$(RLIB)", repos = "https://cloud.r-project.org")'
 
 clean:
 	rm -rf $(BUILD) src/*/*.o src/*.o src/*.so
