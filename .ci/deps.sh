@@ -4,7 +4,7 @@
 # library, CMake, GoogleTest, testthat and the peer packages of the tests.
 set -euo pipefail
 need=()
-for p in r-base-dev r-mathlib cmake googletest libgtest-dev r-cran-testthat r-cran-matrix \
+for p in r-base-dev r-mathlib libblas-dev cmake googletest libgtest-dev r-cran-testthat r-cran-matrix \
          r-cran-lme4 r-cran-nlme r-cran-broom.mixed r-cran-car r-cran-pbkrtest r-cran-lmertest \
          r-cran-emmeans r-cran-estimability r-cran-jsonlite r-cran-mass r-cran-mgcv; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need+=("$p")

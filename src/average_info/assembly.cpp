@@ -16,6 +16,7 @@
 #include "average_info/ai_internal.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "sparse/blas.h"
 #include "sparse/kernels.h"
 
 namespace tarnel {
@@ -145,25 +146,23 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 // `room`: the dense positions are copied in (already inverted), then the
 // complete rows follow in panels of NB.  For a panel P over the positions
 // A before it, Z(P,A) = -L(P,A) Z(A,A) - L(P,P) Z(P,A) (L strictly lower,
-// l(p,k) = a(p,k) DD(p)): the first term as row updates that read Z(A,A)
-// once per panel, the second row by row; then the panel's own columns and
-// diagonals as in the element recursion.  Singular positions keep zero rows
+// l(p,k) = a(p,k) DD(p)), by a product and a triangular solve of the BLAS;
+// then the panel's own columns and diagonals as in the element recursion,
+// their sums over A from one more product.  Singular positions keep zero rows
 // and columns (their multipliers are set to zero).  The result goes back
 // into the packed rows, column 1 cleared.  Returns false when `room` is too
 // small (nothing is changed then); on an interrupt it returns true at once
 // with nothing written back, and `interrupted` says yes from then on.
 static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, InterruptPoll& interrupted) {
-  constexpr i32 NB = 64;
-  constexpr i64 CH = 256;
-  constexpr i64 KC = 128;
+  constexpr i32 NB = 128;
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const i32 nd = st.ndense;
   const i64 n = top - 1;
-  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n + KC * CH) return false;
+  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n + NB * NB) return false;
   double* Z = room.data();
   double* lb = Z + n * n;
-  double* pack = lb + NB * n;  // KC rows by CH columns of Z, by strips
+  double* hb = lb + NB * n;  // NB x NB, column-major
   const double tiny = f32(1e-10);
   auto z = [&](i32 p, i32 c) -> double& { return Z[static_cast<i64>(p - 2) * n + (c - 2)]; };
   for (i32 k = 2; k <= nd; ++k)
@@ -184,59 +183,22 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, Interru
       const i64 sl = packed_start(st, a.off, p);
       for (i32 c = 2; c < p; ++c) l[c - 2] = singular_at(a, c) ? 0.0 : pl.val(sl - (c - 1)) * d;
     }
-    // Z(P,A) = -L(P,A) Z(A,A), by column chunks of A.
-    for (i64 j0 = 0; j0 < na; j0 += CH) {
-      const i64 j1 = std::min(na, j0 + CH);
-      for (i32 r = 0; r < nb; ++r) {
-        double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
-        for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
-      }
-      // In steps of KC rows of Z(A,A), packed by strips of eight columns
-      // (a strip's KC x 8 block then stays in the first-level cache while
-      // it updates the panel's rows four at a time).  The last strip of a
-      // chunk may be narrower: it is padded with zeros and its rows are
-      // updated through a copy.
-      for (i64 k0 = 0; k0 < na; k0 += KC) {
-        const int kc = static_cast<int>(std::min<i64>(KC, na - k0));
-        const i64 nstrip = (j1 - j0 + 7) / 8;
-        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
-          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
-          double* dst = pack + sidx * 8 * KC;
-          if (w8 == 8) {
-            for (int k = 0; k < kc; ++k) std::memcpy(dst + 8 * k, &Z[(k0 + k) * n + c0], 8 * sizeof(double));
-          } else {
-            for (int k = 0; k < kc; ++k) {
-              const double* src = &Z[(k0 + k) * n + c0];
-              for (i64 t = 0; t < 8; ++t) dst[8 * k + t] = t < w8 ? src[t] : 0.0;
-            }
-          }
-        }
-        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
-          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
-          const double* bp = pack + sidx * 8 * KC;
-          for (i32 r = 0; r < nb; r += 4) {
-            const int rows = std::min<i32>(4, nb - r);
-            double* y[4];
-            double tmp[4][8];
-            for (int q = 0; q < rows; ++q) {
-              y[q] = &Z[static_cast<i64>(p0 - 2 + r + q) * n + c0];
-              if (w8 < 8) {
-                for (i64 t = 0; t < 8; ++t) tmp[q][t] = t < w8 ? y[q][t] : 0.0;
-                y[q] = tmp[q];
-              }
-            }
-            const double* wr = lb + static_cast<i64>(r) * n + k0;
-            if (rows == 4)
-              update4x8(y[0], y[1], y[2], y[3], wr, n, bp, kc);
-            else
-              for (int q = 0; q < rows; ++q) update1x8(y[q], wr + static_cast<i64>(q) * n, bp, kc);
-            if (w8 < 8)
-              for (int q = 0; q < rows; ++q)
-                for (i64 t = 0; t < w8; ++t) Z[static_cast<i64>(p0 - 2 + r + q) * n + c0 + t] = tmp[q][t];
-          }
-        }
-      }
-    }
+    // G = -L(P,A) Z(A,A) in one product: Z is symmetric, so its rows of P
+    // are the columns of a column-major matrix of leading dimension n, and
+    // so are the multiplier rows in lb.
+    blas_gemm('N', 'N', static_cast<int>(na), nb, static_cast<int>(na), -1.0, Z, static_cast<int>(n),
+              lb, static_cast<int>(n), 0.0, Z + na * n, static_cast<int>(n));
+    // Z(P,A) = (I + L(P,P))^-1 G: the rows of the panel corrected by the
+    // rows before them, as a triangular solve; then
+    // H = L(P,A) Z(A,P), the part over A of the sums for the panel's own
+    // columns.
+    blas_trsm('R', 'U', 'N', 'U', static_cast<int>(na), nb, 1.0, lb + na, static_cast<int>(n),
+              Z + na * n, static_cast<int>(n));
+    if (na > 0)
+      blas_gemm('T', 'N', nb, nb, static_cast<int>(na), 1.0, lb, static_cast<int>(n), Z + na * n,
+                static_cast<int>(n), 0.0, hb, NB);
+    else
+      std::fill(hb, hb + static_cast<i64>(NB) * NB, 0.0);
     for (i32 r = 0; r < nb; ++r) {
       const i32 p = p0 + r;
       double* zp = &Z[static_cast<i64>(p - 2) * n];
@@ -245,19 +207,14 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, Interru
         for (i64 j = 0; j < n; ++j) zp[j] = Z[j * n + (p - 2)] = 0.0;
         continue;
       }
-      for (i32 q = 0; q < r; ++q) {
-        const double lq = l[p0 - 2 + q];
-        if (lq == 0.0) continue;
-        const double* zq = &Z[static_cast<i64>(p0 - 2 + q) * n];
-        if (na > 0) axpy1(zp, zq, lq, 0, na - 1);
-      }
       for (i32 c = p0; c < p; ++c) {
         const double* zc = &Z[static_cast<i64>(c - 2) * n];
-        double v = na > 0 ? -dot(l, zc, 0, na - 1) : 0.0;
+        double v = -hb[r + static_cast<i64>(c - p0) * NB];
         for (i32 k = p0; k < p; ++k) v -= l[k - 2] * zc[k - 2];
         zp[c - 2] = singular_at(a, c) ? 0.0 : v;
       }
-      double zpp = a.dd[p - 1] - (p > 2 ? dot(l, zp, 0, p - 3) : 0.0);
+      double zpp = a.dd[p - 1] - hb[r + static_cast<i64>(r) * NB];
+      for (i32 c = p0; c < p; ++c) zpp -= l[c - 2] * zp[c - 2];
       if (std::fabs(zpp / a.dd[p - 1]) < tiny) zpp = 0.0;
       zp[p - 2] = zpp;
       for (i32 c = 2; c < p; ++c) Z[static_cast<i64>(c - 2) * n + (p - 2)] = zp[c - 2];
