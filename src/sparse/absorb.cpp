@@ -39,6 +39,29 @@ void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
 }
 
 
+// Links the slots of `keys` (column << 32 | slot), sorted here, behind the
+// head of an empty row in column order; a repeated column adds its value to
+// the first slot of that column and becomes a hole, as insert_sorted does.
+void relink_sorted(const Pool& p, i64 head, i64* keys, i64 n) {
+  std::sort(keys, keys + n);
+  i64 prev = head;
+  i32 pc = -1;
+  for (i64 k = 0; k < n; ++k) {
+    const i64 e = keys[k] & 0xffffffffLL;
+    const i32 c = static_cast<i32>(keys[k] >> 32);
+    if (c == pc) {
+      p.val(prev) += p.val(e);
+      p.col(e) = 0;
+      p.lnk(e) = 0;
+      continue;
+    }
+    p.lnk(prev) = static_cast<i32>(e);
+    prev = e;
+    pc = c;
+  }
+  p.lnk(prev) = 0;
+}
+
 // Lays the linked rows of positions NDENSE+1..upto out again: every row's
 // elements in consecutive slots in column order, straight after the heads,
 // so that walking a row reads memory in sequence.  Rows NDENSE+1..`full`
@@ -354,6 +377,9 @@ int lower_triangle_form(Absorption& x) {
   const Pool& pool = x.pool;
   const i32 neq = x.neq, nd = x.nd;
   const double tol = x.tol;
+  // A row's own elements are sorted as keys (column, slot) in the solution's
+  // scratch, which is free until the solve, and linked once.
+  span<i64> keys(reinterpret_cast<i64*>(x.a.work.data()), x.a.work.size());
   // Slots taken before absorption stay below LEN.
   Pool below = pool;
   below.nval = x.st.len - 1;
@@ -368,6 +394,7 @@ int lower_triangle_form(Absorption& x) {
     i64 s = pool.lnk(h);
     pool.lnk(h) = 0;
     int guard = 0;
+    i64 nkeys = 0;  // -1 once the keys overflowed
     while (s > 0) {
       if (++guard > neq + 1 || s > x.lx) return x.fail(136);
       const i64 nxt = pool.lnk(s);
@@ -381,11 +408,16 @@ int lower_triangle_form(Absorption& x) {
           if (g5vlld(below, x.lx, t, c, 0.0)) return x.fail(6);
         }
         insert_sorted(pool, hc, s, q);
-      } else if (c >= 1) {
+      } else if (c >= 1 && nkeys >= 0 && nkeys < static_cast<i64>(keys.size())) {
+        keys[nkeys++] = (static_cast<i64>(c) << 32) | s;
+      } else if (c >= 1) {  // no more room for keys: the rest one by one
+        if (nkeys > 0) relink_sorted(pool, h, keys.data(), nkeys);
+        nkeys = -1;
         insert_sorted(pool, h, s, c);
       }
       s = nxt;
     }
+    if (nkeys > 0) relink_sorted(pool, h, keys.data(), nkeys);
   }
   for (i32 q = nd + 1; q <= neq; ++q) {
     const i64 h = q - nd;
