@@ -154,7 +154,7 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 // small (nothing is changed then); on an interrupt it returns true at once
 // with nothing written back, and `interrupted` says yes from then on.
 static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, InterruptPoll& interrupted) {
-  constexpr i32 NB = 128;
+  constexpr i32 NB = 256;
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const i32 nd = st.ndense;

@@ -651,7 +651,7 @@ i32 absorb_block(Absorption& x, i32 q) {
 // every row below the panel takes the panel's pivots in one product.  Each
 // element gets the contributions of the element path (multipliers under
 // kTinyMultiplier dropped); only the order of the sums differs.
-constexpr int kBlasPanel = 128;
+constexpr int kBlasPanel = 256;
 constexpr i32 kBlasColumns = 256;
 
 struct SquareBlock {
@@ -671,6 +671,8 @@ i64 block_room_words(i32 top) {
 }
 
 namespace {
+
+void square_triangle(const SquareBlock& sb, const double* v, int k, i32 m, i32 r0, i32 r1);
 
 // Copies the dense triangle and the block rows into F (the rest cleared),
 // or back when `out`.
@@ -752,14 +754,30 @@ void square_update(const Absorption& x, const SquareBlock& sb, i32 q, i32 lo, i3
       wj[c - 1] = std::fabs(am) < kTinyMultiplier ? 0.0 : am;
     }
   }
-  for (i32 j0 = 1; j0 <= m; j0 += kBlasColumns) {
-    const i32 j1 = std::min(m, j0 + kBlasColumns - 1);
-    // Every row takes the columns below lo at most: the panel's triangle
-    // has the rest, and in a row below lo the product also writes the
-    // unused room above its diagonal.
-    const i32 rows = std::min(j1, lo - 1);
-    blas_gemm('N', 'T', rows, j1 - j0 + 1, k, -1.0, v, n, sb.w + (j0 - 1), m, 1.0, sb.row(j0) + 1, n);
+  // Columns lo..m (rows of the panel's triangle) take rows 1..lo-1 in one
+  // product; the triangle of columns 1..lo-1 is split in halves.
+  if (m >= lo)
+    blas_gemm('N', 'T', lo - 1, m - lo + 1, k, -1.0, v, n, sb.w + (lo - 1), m, 1.0, sb.row(lo) + 1, n);
+  square_triangle(sb, v, k, m, 1, std::min(m, lo - 1));
+}
+
+// Rows and columns r0..r1 of the trailing triangle (rows up to the column)
+// take -V W': the rectangle of rows r0..mid-1 and columns mid..r1 in one
+// product, the two triangles on each side in halves again; a triangle of at
+// most kBlasColumns in one product that also writes the unused room below
+// its diagonal.
+void square_triangle(const SquareBlock& sb, const double* v, int k, i32 m, i32 r0, i32 r1) {
+  const i32 n = sb.n, w = r1 - r0 + 1;
+  if (w <= 0) return;
+  if (w <= kBlasColumns) {
+    blas_gemm('N', 'T', w, w, k, -1.0, v + (r0 - 1), n, sb.w + (r0 - 1), m, 1.0, sb.row(r0) + r0, n);
+    return;
   }
+  const i32 mid = r0 + w / 2;
+  blas_gemm('N', 'T', mid - r0, r1 - mid + 1, k, -1.0, v + (r0 - 1), n, sb.w + (mid - 1), m, 1.0,
+            sb.row(mid) + r0, n);
+  square_triangle(sb, v, k, m, r0, mid - 1);
+  square_triangle(sb, v, k, m, mid, r1);
 }
 
 // The block from position q (its top) down, through the BLAS.  Result as
