@@ -209,12 +209,11 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, Interru
       }
       for (i32 c = p0; c < p; ++c) {
         const double* zc = &Z[static_cast<i64>(c - 2) * n];
-        double v = -hb[r + static_cast<i64>(c - p0) * NB];
-        for (i32 k = p0; k < p; ++k) v -= l[k - 2] * zc[k - 2];
+        const double v = -hb[r + static_cast<i64>(c - p0) * NB] - dot(l, zc, p0 - 2, p - 3);
         zp[c - 2] = singular_at(a, c) ? 0.0 : v;
       }
-      double zpp = a.dd[p - 1] - hb[r + static_cast<i64>(r) * NB];
-      for (i32 c = p0; c < p; ++c) zpp -= l[c - 2] * zp[c - 2];
+      const double zpp0 = a.dd[p - 1] - hb[r + static_cast<i64>(r) * NB];
+      double zpp = zpp0 - dot(l, zp, p0 - 2, p - 3);
       if (std::fabs(zpp / a.dd[p - 1]) < tiny) zpp = 0.0;
       zp[p - 2] = zpp;
       for (i32 c = 2; c < p; ++c) Z[static_cast<i64>(c - 2) * n + (p - 2)] = zp[c - 2];
@@ -290,11 +289,16 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
       i64 sl = packed_start(st, a.off, k);
       if (k <= ctop) {
         // A complete row: column c at slot start-(c-1), no walk needed.
+        // The sum for column k in four parts, so that it does not wait on
+        // itself.
+        const double* zk = &pl.val(sl) + 1;  // zk[-c] = Z(k,c)
+        double part[4] = {0.0, 0.0, 0.0, 0.0};
         for (i64 ib = 0; ib < ia; ++ib) {
-          const double zkc = pl.val(sl - (s.crow[ib] - 1));
+          const double zkc = zk[-s.crow[ib]];
           s.zrow[ib] -= la * zkc;
-          s.zrow[ia] -= s.lrow[ib] * zkc;
+          part[ib & 3] += s.lrow[ib] * zkc;
         }
+        s.zrow[ia] -= (part[0] + part[1]) + (part[2] + part[3]);
         s.zrow[ia] -= la * pl.val(sl - (k - 1));
         continue;
       }
@@ -346,48 +350,112 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
   return 0;
 }
 
+// The WVXP row of equation e gathered into v (NWV reals, cleared first): the
+// part spilled to TEMPWV, then the live chain, whose nodes go back on the
+// free chain; the row is marked used.  `any` says whether it held
+// anything.  Result 1 on a fault.
+static int take_row(AiPhaseArgs& a, i32 e, span<double> v, bool& any) {
+  AverageInfoState& ls = g_aistate;
+  const NodeStore& L = ls.lists;
+  for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
+  any = false;
+  i64 n = 0;
+  if (L.col(e) < 0) {
+    if (read_spilled_row(a, e, v)) return 1;
+    any = true;
+    n = L.lnk(e);
+  } else if (L.col(e) > 0) {
+    n = e;
+  }
+  for (; n > 0;) {
+    if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
+    any = true;
+    i64 nx = L.lnk(n);
+    if (n != e) {
+      L.clear(n);
+      L.lnk(n) = static_cast<i32>(ls.freehead);
+      ls.freehead = n;
+      ++ls.nfree;
+    }
+    n = nx;
+  }
+  L.col(e) = 0;
+  L.val(e) = 0.0;
+  L.lnk(e) = -1;  // used: nothing more may be added
+  return 0;
+}
+
+// A pivot of the forward pass: t = d v and AI -= t v'.
+static void ai_pivot(AiPhaseArgs& a, double d, span<const double> v, span<double> t) {
+  for (int k = 0; k < a.nwv; ++k) t[k] = d * v[k];
+  for (int k = 1; k <= a.nwv; ++k) {
+    if (v[k - 1] == 0.0) continue;
+    for (int j = 1; j <= k; ++j) aiel(a.ai, k, j) -= t[j - 1] * v[k - 1];
+  }
+}
+
+// The forward pass over the block of complete rows NDENSE+1..top: the
+// updates of the block's rows are summed in a dense array (row c at
+// c*NWV, in the factor rows' scratch) instead of being inserted into their
+// lists one element at a time; the dense rows take theirs at the end.
+// Result 1 on a fault.
+static int forward_block(AiPhaseArgs& a, AiScratch& s, i32 top) {
+  const MmeStore& st = *a.store;
+  Pool pl = st.pool();
+  const int nwv = a.nwv;
+  double* u = s.lrow.data();
+  std::fill(u, u + static_cast<i64>(top + 1) * nwv, 0.0);
+  span<double> v = s.v, t = s.t;
+  for (i32 p = top; p > st.ndense; --p) {
+    const i32 e = a.iw[2 * (p - 1) + 1];
+    if (e < 1 || e > st.neq) return g5vflt(a.nfault, 2020);
+    bool any = false;
+    if (take_row(a, e, v, any)) return 1;
+    const double* up = u + static_cast<i64>(p) * nwv;
+    for (int k = 0; k < nwv; ++k) {
+      v[k] += up[k];
+      any = any || up[k] != 0.0;
+    }
+    if (singular_at(a, p) || !any) continue;
+    ai_pivot(a, a.dd[p - 1], v, t);
+    const i64 sl = packed_start(st, a.off, p);
+    for (i32 c = 2; c < p; ++c) {
+      const double l = pl.val(sl - (c - 1));
+      if (l == 0.0) continue;
+      double* uc = u + static_cast<i64>(c) * nwv;
+      for (int k = 0; k < nwv; ++k) uc[k] -= l * t[k];
+    }
+  }
+  for (i32 c = 2; c <= st.ndense; ++c) {
+    const span<const double> uc(u + static_cast<i64>(c) * nwv, static_cast<std::size_t>(nwv));
+    if (g5vwvv(a, s, a.iw[2 * (c - 1) + 1], 1.0, uc)) return 1;
+    if (g_aistate.nfree < 0) return g5vflt(a.nfault, 6);
+  }
+  return 0;
+}
+
 int g5vwva(AiPhaseArgs& a, AiScratch& s) {
   MmeStore& st = *a.store;
   AverageInfoState& ls = g_aistate;
-  const NodeStore& L = ls.lists;
   Pool pl = st.pool();
   span<double> v = s.v, t = s.t;
+  // The block of complete rows behind the dense positions goes through
+  // forward_block when the factor rows' scratch holds its array.
+  i32 top = complete_rows(a);
+  if (top - st.ndense < 32 || static_cast<i64>(top + 1) * a.nwv > static_cast<i64>(s.lrow.size()))
+    top = 0;
   for (i32 p = st.neq; p >= 2; --p) {
+    if (p == top) {
+      if (forward_block(a, s, top)) return 1;
+      p = st.ndense + 1;
+      continue;
+    }
     i32 e = a.iw[2 * (p - 1) + 1];
     if (e < 1 || e > st.neq) return g5vflt(a.nfault, 2020);
-    for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
     bool any = false;
-    // The row of equation e: the part in TEMPWV, then the live chain.
-    i64 n = 0;
-    if (L.col(e) < 0) {
-      if (read_spilled_row(a, e, v)) return 1;
-      any = true;
-      n = L.lnk(e);
-    } else if (L.col(e) > 0) {
-      n = e;
-    }
-    for (; n > 0;) {
-      if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
-      any = true;
-      i64 nx = L.lnk(n);
-      if (n != e) {
-        L.clear(n);
-        L.lnk(n) = static_cast<i32>(ls.freehead);
-        ls.freehead = n;
-        ++ls.nfree;
-      }
-      n = nx;
-    }
-    L.col(e) = 0;
-    L.val(e) = 0.0;
-    L.lnk(e) = -1;  // used: nothing more may be added
+    if (take_row(a, e, v, any)) return 1;
     if (singular_at(a, p) || !any) continue;
-    double d = a.dd[p - 1];
-    for (int k = 0; k < a.nwv; ++k) t[k] = d * v[k];
-    for (int k = 1; k <= a.nwv; ++k) {
-      if (v[k - 1] == 0.0) continue;
-      for (int j = 1; j <= k; ++j) aiel(a.ai, k, j) -= t[j - 1] * v[k - 1];
-    }
+    ai_pivot(a, a.dd[p - 1], v, t);
     if (p > st.ndense) {
       i64 sl = packed_start(st, a.off, p);
       for (i32 steps = 0;; --sl, ++steps) {
