@@ -18,6 +18,7 @@ suppressPackageStartupMessages({
   library(Matrix)
   library(tarnel)
 })
+source(file.path("bench", "peak_memory.R"))
 args <- commandArgs(trailingOnly = TRUE)
 nanimal <- if (length(args) >= 1) as.integer(args[1]) else 100000L
 nherd <- if (length(args) >= 2) as.integer(args[2]) else 1000L
@@ -77,7 +78,9 @@ slots <- max(80 * m$neq, 4 * length(m$x))
 run <- function(mode) .Call(tarnel:::C_tarnel_bench_absorb, m$neq, 2L, m$i, m$j, m$x, slots, mode)
 
 # tarnel: ordering + absorption (best of 3).
+reset_peak()
 tt <- replicate(3, run(1L))
+peak_tar <- peak_mb()
 best <- which.min(tt[5, ] + tt[6, ])
 tar <- tt[, best]
 t_tar <- tar[5] + tar[6]
@@ -97,8 +100,10 @@ chm_time <- function(super) {
   }
   t
 }
+reset_peak()
 t_simp <- chm_time(FALSE)
 t_chm <- chm_time(TRUE)
+peak_chm <- peak_mb()
 ld_chm <- 2 * sum(log(diag(as(ch, "Matrix"))))
 
 # Fill on the sparse part: AMD (CHOLMOD with its AMD order, simplicial) and
@@ -109,12 +114,12 @@ ch_amd <- Cholesky(S, perm = TRUE, LDL = FALSE, super = FALSE, Imult = 0)
 fill_amd <- nnzero(as(ch_amd, "Matrix"))
 nat <- run(0L)
 
-cat(sprintf("tarnel  order %.3f s + absorb %.3f s = %.3f s, logdet %.10g, singular %d\n",
-            tar[5], tar[6], t_tar, tar[1], as.integer(tar[3])))
+cat(sprintf("tarnel  order %.3f s + absorb %.3f s = %.3f s, logdet %.10g, singular %d, peak memory %.0f MB\n",
+            tar[5], tar[6], t_tar, tar[1], as.integer(tar[3]), peak_tar))
 cat(sprintf("rows left by the ordering to fill in as a block: %d\n", as.integer(tar[9])))
 cat(sprintf("BLAS used by R (CHOLMOD's supernodal path): %s\n", extSoftVersion()[["BLAS"]]))
-cat(sprintf("CHOLMOD order + factor: supernodal %.3f s, simplicial %.3f s, logdet %.10g\n",
-            t_chm, t_simp, ld_chm))
+cat(sprintf("CHOLMOD order + factor: supernodal %.3f s, simplicial %.3f s, logdet %.10g, peak memory %.0f MB\n",
+            t_chm, t_simp, ld_chm, peak_chm))
 t_best <- min(t_chm, t_simp)
 cat(sprintf("time ratio tarnel / CHOLMOD (faster of its two paths): %.2f\n", t_tar / t_best))
 cat(sprintf("fill (sparse part, lower incl. diagonal): g5veor %.0f, AMD %.0f, natural %.0f\n",

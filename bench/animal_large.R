@@ -16,14 +16,15 @@ suppressPackageStartupMessages({
 args <- commandArgs(trailingOnly = TRUE)
 nanim <- if (length(args)) as.integer(args[1]) else 50000L
 source(file.path("bench", "animal_sim.R"))
+source(file.path("bench", "peak_memory.R"))
 sim <- simulate_animals(nanim)
 id <- sim$id
 ngen <- sim$ngen
 ai <- sim$ai
 d <- sim$data
 
-invisible(gc())
-t_fit <- system.time(fit <- tarnel(y ~ sex, random = ~ cov_known(animal, ai), data = d))[["elapsed"]]
+r_fit <- timed(fit <- tarnel(y ~ sex, random = ~ cov_known(animal, ai), data = d))
+t_fit <- r_fit[["time"]]
 iters <- nrow(fit$iterations)
 
 # The coefficient matrix at the estimates: X'X, X'Z, Z'Z + A^-1 / gamma.
@@ -41,12 +42,12 @@ chm <- function(super) {
   }
   t
 }
-t_chm <- min(chm(TRUE), chm(FALSE))
+r_chm <- timed(t_chm <- min(chm(TRUE), chm(FALSE)))
 
 cat(sprintf("animals %d, records %d, equations %d\n", length(id), nrow(d), ncol(C) + 1))
-cat(sprintf("tarnel: %.2f s for %d iterations, %.2f s an iteration (converged %s)\n", t_fit, iters,
-            t_fit / iters, fit$converged))
-cat(sprintf("CHOLMOD order + factor of the same equations: %.2f s (BLAS %s)\n", t_chm,
-            extSoftVersion()[["BLAS"]]))
+cat(sprintf("tarnel: %.2f s for %d iterations, %.2f s an iteration (converged %s), peak memory %.0f MB\n",
+            t_fit, iters, t_fit / iters, fit$converged, r_fit[["peak_mb"]]))
+cat(sprintf("CHOLMOD order + factor of the same equations: %.2f s, peak memory %.0f MB (BLAS %s)\n", t_chm,
+            r_chm[["peak_mb"]], extSoftVersion()[["BLAS"]]))
 cat(sprintf("ratio tarnel iteration / CHOLMOD factorisation: %.2f\n", t_fit / iters / t_chm))
 print(fit$varcomp[, c("component", "std.error")])

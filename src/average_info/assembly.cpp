@@ -16,6 +16,7 @@
 #include "average_info/ai_internal.h"
 #include "host/console.h"
 #include "host/messages.h"
+#include "sparse/blas.h"
 #include "sparse/kernels.h"
 
 namespace tarnel {
@@ -145,25 +146,23 @@ static i32 complete_rows(const AiPhaseArgs& a) {
 // `room`: the dense positions are copied in (already inverted), then the
 // complete rows follow in panels of NB.  For a panel P over the positions
 // A before it, Z(P,A) = -L(P,A) Z(A,A) - L(P,P) Z(P,A) (L strictly lower,
-// l(p,k) = a(p,k) DD(p)): the first term as row updates that read Z(A,A)
-// once per panel, the second row by row; then the panel's own columns and
-// diagonals as in the element recursion.  Singular positions keep zero rows
+// l(p,k) = a(p,k) DD(p)), by a product and a triangular solve of the BLAS;
+// then the panel's own columns and diagonals as in the element recursion,
+// their sums over A from one more product.  Singular positions keep zero rows
 // and columns (their multipliers are set to zero).  The result goes back
 // into the packed rows, column 1 cleared.  Returns false when `room` is too
 // small (nothing is changed then); on an interrupt it returns true at once
 // with nothing written back, and `interrupted` says yes from then on.
 static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, InterruptPoll& interrupted) {
-  constexpr i32 NB = 64;
-  constexpr i64 CH = 256;
-  constexpr i64 KC = 128;
+  constexpr i32 NB = 256;
   MmeStore& st = *a.store;
   Pool pl = st.pool();
   const i32 nd = st.ndense;
   const i64 n = top - 1;
-  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n + KC * CH) return false;
+  if (n < 1 || static_cast<i64>(room.size()) < n * n + NB * n + NB * NB) return false;
   double* Z = room.data();
   double* lb = Z + n * n;
-  double* pack = lb + NB * n;  // KC rows by CH columns of Z, by strips
+  double* hb = lb + NB * n;  // NB x NB, column-major
   const double tiny = f32(1e-10);
   auto z = [&](i32 p, i32 c) -> double& { return Z[static_cast<i64>(p - 2) * n + (c - 2)]; };
   for (i32 k = 2; k <= nd; ++k)
@@ -184,59 +183,22 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, Interru
       const i64 sl = packed_start(st, a.off, p);
       for (i32 c = 2; c < p; ++c) l[c - 2] = singular_at(a, c) ? 0.0 : pl.val(sl - (c - 1)) * d;
     }
-    // Z(P,A) = -L(P,A) Z(A,A), by column chunks of A.
-    for (i64 j0 = 0; j0 < na; j0 += CH) {
-      const i64 j1 = std::min(na, j0 + CH);
-      for (i32 r = 0; r < nb; ++r) {
-        double* g = &Z[static_cast<i64>(p0 - 2 + r) * n];
-        for (i64 j = j0; j < j1; ++j) g[j] = 0.0;
-      }
-      // In steps of KC rows of Z(A,A), packed by strips of eight columns
-      // (a strip's KC x 8 block then stays in the first-level cache while
-      // it updates the panel's rows four at a time).  The last strip of a
-      // chunk may be narrower: it is padded with zeros and its rows are
-      // updated through a copy.
-      for (i64 k0 = 0; k0 < na; k0 += KC) {
-        const int kc = static_cast<int>(std::min<i64>(KC, na - k0));
-        const i64 nstrip = (j1 - j0 + 7) / 8;
-        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
-          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
-          double* dst = pack + sidx * 8 * KC;
-          if (w8 == 8) {
-            for (int k = 0; k < kc; ++k) std::memcpy(dst + 8 * k, &Z[(k0 + k) * n + c0], 8 * sizeof(double));
-          } else {
-            for (int k = 0; k < kc; ++k) {
-              const double* src = &Z[(k0 + k) * n + c0];
-              for (i64 t = 0; t < 8; ++t) dst[8 * k + t] = t < w8 ? src[t] : 0.0;
-            }
-          }
-        }
-        for (i64 sidx = 0; sidx < nstrip; ++sidx) {
-          const i64 c0 = j0 + 8 * sidx, w8 = std::min<i64>(8, j1 - c0);
-          const double* bp = pack + sidx * 8 * KC;
-          for (i32 r = 0; r < nb; r += 4) {
-            const int rows = std::min<i32>(4, nb - r);
-            double* y[4];
-            double tmp[4][8];
-            for (int q = 0; q < rows; ++q) {
-              y[q] = &Z[static_cast<i64>(p0 - 2 + r + q) * n + c0];
-              if (w8 < 8) {
-                for (i64 t = 0; t < 8; ++t) tmp[q][t] = t < w8 ? y[q][t] : 0.0;
-                y[q] = tmp[q];
-              }
-            }
-            const double* wr = lb + static_cast<i64>(r) * n + k0;
-            if (rows == 4)
-              update4x8(y[0], y[1], y[2], y[3], wr, n, bp, kc);
-            else
-              for (int q = 0; q < rows; ++q) update1x8(y[q], wr + static_cast<i64>(q) * n, bp, kc);
-            if (w8 < 8)
-              for (int q = 0; q < rows; ++q)
-                for (i64 t = 0; t < w8; ++t) Z[static_cast<i64>(p0 - 2 + r + q) * n + c0 + t] = tmp[q][t];
-          }
-        }
-      }
-    }
+    // G = -L(P,A) Z(A,A) in one product: Z is symmetric, so its rows of P
+    // are the columns of a column-major matrix of leading dimension n, and
+    // so are the multiplier rows in lb.
+    blas_gemm('N', 'N', static_cast<int>(na), nb, static_cast<int>(na), -1.0, Z, static_cast<int>(n),
+              lb, static_cast<int>(n), 0.0, Z + na * n, static_cast<int>(n));
+    // Z(P,A) = (I + L(P,P))^-1 G: the rows of the panel corrected by the
+    // rows before them, as a triangular solve; then
+    // H = L(P,A) Z(A,P), the part over A of the sums for the panel's own
+    // columns.
+    blas_trsm('R', 'U', 'N', 'U', static_cast<int>(na), nb, 1.0, lb + na, static_cast<int>(n),
+              Z + na * n, static_cast<int>(n));
+    if (na > 0)
+      blas_gemm('T', 'N', nb, nb, static_cast<int>(na), 1.0, lb, static_cast<int>(n), Z + na * n,
+                static_cast<int>(n), 0.0, hb, NB);
+    else
+      std::fill(hb, hb + static_cast<i64>(NB) * NB, 0.0);
     for (i32 r = 0; r < nb; ++r) {
       const i32 p = p0 + r;
       double* zp = &Z[static_cast<i64>(p - 2) * n];
@@ -245,19 +207,13 @@ static bool dense_tail(const AiPhaseArgs& a, i32 top, span<double> room, Interru
         for (i64 j = 0; j < n; ++j) zp[j] = Z[j * n + (p - 2)] = 0.0;
         continue;
       }
-      for (i32 q = 0; q < r; ++q) {
-        const double lq = l[p0 - 2 + q];
-        if (lq == 0.0) continue;
-        const double* zq = &Z[static_cast<i64>(p0 - 2 + q) * n];
-        if (na > 0) axpy1(zp, zq, lq, 0, na - 1);
-      }
       for (i32 c = p0; c < p; ++c) {
         const double* zc = &Z[static_cast<i64>(c - 2) * n];
-        double v = na > 0 ? -dot(l, zc, 0, na - 1) : 0.0;
-        for (i32 k = p0; k < p; ++k) v -= l[k - 2] * zc[k - 2];
+        const double v = -hb[r + static_cast<i64>(c - p0) * NB] - dot(l, zc, p0 - 2, p - 3);
         zp[c - 2] = singular_at(a, c) ? 0.0 : v;
       }
-      double zpp = a.dd[p - 1] - (p > 2 ? dot(l, zp, 0, p - 3) : 0.0);
+      const double zpp0 = a.dd[p - 1] - hb[r + static_cast<i64>(r) * NB];
+      double zpp = zpp0 - dot(l, zp, p0 - 2, p - 3);
       if (std::fabs(zpp / a.dd[p - 1]) < tiny) zpp = 0.0;
       zp[p - 2] = zpp;
       for (i32 c = 2; c < p; ++c) Z[static_cast<i64>(c - 2) * n + (p - 2)] = zp[c - 2];
@@ -333,11 +289,16 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
       i64 sl = packed_start(st, a.off, k);
       if (k <= ctop) {
         // A complete row: column c at slot start-(c-1), no walk needed.
+        // The sum for column k in four parts, so that it does not wait on
+        // itself.
+        const double* zk = &pl.val(sl) + 1;  // zk[-c] = Z(k,c)
+        double part[4] = {0.0, 0.0, 0.0, 0.0};
         for (i64 ib = 0; ib < ia; ++ib) {
-          const double zkc = pl.val(sl - (s.crow[ib] - 1));
+          const double zkc = zk[-s.crow[ib]];
           s.zrow[ib] -= la * zkc;
-          s.zrow[ia] -= s.lrow[ib] * zkc;
+          part[ib & 3] += s.lrow[ib] * zkc;
         }
+        s.zrow[ia] -= (part[0] + part[1]) + (part[2] + part[3]);
         s.zrow[ia] -= la * pl.val(sl - (k - 1));
         continue;
       }
@@ -389,48 +350,112 @@ static int sparse_inverse(AiPhaseArgs& a, AiScratch& s) {
   return 0;
 }
 
+// The WVXP row of equation e gathered into v (NWV reals, cleared first): the
+// part spilled to TEMPWV, then the live chain, whose nodes go back on the
+// free chain; the row is marked used.  `any` says whether it held
+// anything.  Result 1 on a fault.
+static int take_row(AiPhaseArgs& a, i32 e, span<double> v, bool& any) {
+  AverageInfoState& ls = g_aistate;
+  const NodeStore& L = ls.lists;
+  for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
+  any = false;
+  i64 n = 0;
+  if (L.col(e) < 0) {
+    if (read_spilled_row(a, e, v)) return 1;
+    any = true;
+    n = L.lnk(e);
+  } else if (L.col(e) > 0) {
+    n = e;
+  }
+  for (; n > 0;) {
+    if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
+    any = true;
+    i64 nx = L.lnk(n);
+    if (n != e) {
+      L.clear(n);
+      L.lnk(n) = static_cast<i32>(ls.freehead);
+      ls.freehead = n;
+      ++ls.nfree;
+    }
+    n = nx;
+  }
+  L.col(e) = 0;
+  L.val(e) = 0.0;
+  L.lnk(e) = -1;  // used: nothing more may be added
+  return 0;
+}
+
+// A pivot of the forward pass: t = d v and AI -= t v'.
+static void ai_pivot(AiPhaseArgs& a, double d, span<const double> v, span<double> t) {
+  for (int k = 0; k < a.nwv; ++k) t[k] = d * v[k];
+  for (int k = 1; k <= a.nwv; ++k) {
+    if (v[k - 1] == 0.0) continue;
+    for (int j = 1; j <= k; ++j) aiel(a.ai, k, j) -= t[j - 1] * v[k - 1];
+  }
+}
+
+// The forward pass over the block of complete rows NDENSE+1..top: the
+// updates of the block's rows are summed in a dense array (row c at
+// c*NWV, in the factor rows' scratch) instead of being inserted into their
+// lists one element at a time; the dense rows take theirs at the end.
+// Result 1 on a fault.
+static int forward_block(AiPhaseArgs& a, AiScratch& s, i32 top) {
+  const MmeStore& st = *a.store;
+  Pool pl = st.pool();
+  const int nwv = a.nwv;
+  double* u = s.lrow.data();
+  std::fill(u, u + static_cast<i64>(top + 1) * nwv, 0.0);
+  span<double> v = s.v, t = s.t;
+  for (i32 p = top; p > st.ndense; --p) {
+    const i32 e = a.iw[2 * (p - 1) + 1];
+    if (e < 1 || e > st.neq) return g5vflt(a.nfault, 2020);
+    bool any = false;
+    if (take_row(a, e, v, any)) return 1;
+    const double* up = u + static_cast<i64>(p) * nwv;
+    for (int k = 0; k < nwv; ++k) {
+      v[k] += up[k];
+      any = any || up[k] != 0.0;
+    }
+    if (singular_at(a, p) || !any) continue;
+    ai_pivot(a, a.dd[p - 1], v, t);
+    const i64 sl = packed_start(st, a.off, p);
+    for (i32 c = 2; c < p; ++c) {
+      const double l = pl.val(sl - (c - 1));
+      if (l == 0.0) continue;
+      double* uc = u + static_cast<i64>(c) * nwv;
+      for (int k = 0; k < nwv; ++k) uc[k] -= l * t[k];
+    }
+  }
+  for (i32 c = 2; c <= st.ndense; ++c) {
+    const span<const double> uc(u + static_cast<i64>(c) * nwv, static_cast<std::size_t>(nwv));
+    if (g5vwvv(a, s, a.iw[2 * (c - 1) + 1], 1.0, uc)) return 1;
+    if (g_aistate.nfree < 0) return g5vflt(a.nfault, 6);
+  }
+  return 0;
+}
+
 int g5vwva(AiPhaseArgs& a, AiScratch& s) {
   MmeStore& st = *a.store;
   AverageInfoState& ls = g_aistate;
-  const NodeStore& L = ls.lists;
   Pool pl = st.pool();
   span<double> v = s.v, t = s.t;
+  // The block of complete rows behind the dense positions goes through
+  // forward_block when the factor rows' scratch holds its array.
+  i32 top = complete_rows(a);
+  if (top - st.ndense < 32 || static_cast<i64>(top + 1) * a.nwv > static_cast<i64>(s.lrow.size()))
+    top = 0;
   for (i32 p = st.neq; p >= 2; --p) {
+    if (p == top) {
+      if (forward_block(a, s, top)) return 1;
+      p = st.ndense + 1;
+      continue;
+    }
     i32 e = a.iw[2 * (p - 1) + 1];
     if (e < 1 || e > st.neq) return g5vflt(a.nfault, 2020);
-    for (int k = 0; k < a.nwv; ++k) v[k] = 0.0;
     bool any = false;
-    // The row of equation e: the part in TEMPWV, then the live chain.
-    i64 n = 0;
-    if (L.col(e) < 0) {
-      if (read_spilled_row(a, e, v)) return 1;
-      any = true;
-      n = L.lnk(e);
-    } else if (L.col(e) > 0) {
-      n = e;
-    }
-    for (; n > 0;) {
-      if (L.col(n) >= 1 && L.col(n) <= a.nwv) v[L.col(n) - 1] += L.val(n);
-      any = true;
-      i64 nx = L.lnk(n);
-      if (n != e) {
-        L.clear(n);
-        L.lnk(n) = static_cast<i32>(ls.freehead);
-        ls.freehead = n;
-        ++ls.nfree;
-      }
-      n = nx;
-    }
-    L.col(e) = 0;
-    L.val(e) = 0.0;
-    L.lnk(e) = -1;  // used: nothing more may be added
+    if (take_row(a, e, v, any)) return 1;
     if (singular_at(a, p) || !any) continue;
-    double d = a.dd[p - 1];
-    for (int k = 0; k < a.nwv; ++k) t[k] = d * v[k];
-    for (int k = 1; k <= a.nwv; ++k) {
-      if (v[k - 1] == 0.0) continue;
-      for (int j = 1; j <= k; ++j) aiel(a.ai, k, j) -= t[j - 1] * v[k - 1];
-    }
+    ai_pivot(a, a.dd[p - 1], v, t);
     if (p > st.ndense) {
       i64 sl = packed_start(st, a.off, p);
       for (i32 steps = 0;; --sl, ++steps) {

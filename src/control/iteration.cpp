@@ -380,6 +380,9 @@ StepResult carve_iteration_space(IterationWork& w) {
   w.ssp.acc = span<double>(acc, neq);
   w.ssp.list = span<i32>(list, neq + 1);
   w.ssp.links = span<i32>(links, 2 * static_cast<std::size_t>(neq) + 2);
+  // Before the order search, the rest of the work array is free for the
+  // index of the records by column.
+  w.ssp.room = span<double>(w.wk, static_cast<std::size_t>(w.lenwk));
   return StepResult::kNext;
 }
 
@@ -607,6 +610,9 @@ StepResult absorb_equations(IterationWork& w) {
   ab.err = &w.err;
   ab.tail = st.tail;
   ab.dense_copy = st.wald.tri;
+  // The order search is over and the AI step has not begun: the rest of the
+  // work array holds the square of the block.
+  ab.room = span<double>(w.wk, static_cast<std::size_t>(w.lenwk));
   if (a.results.soln.size() < static_cast<std::size_t>(neq)) return fault(w.nfault, 4);
   if (g5vxxa(ms, ab, w.nfault)) {
     if (w.nfault == 0) w.nfault = w.err > 0 ? w.err : 6;

@@ -85,6 +85,9 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
       UNPROTECT(1);
       return out;
     }
+    // Room for the square of the block, as a fit has it in the rest of its
+    // work array once the order is found.
+    std::vector<double> room(tail > 0 ? static_cast<size_t>(block_room_words(nd + tail)) : 0);
     const auto t1b = clk::now();
     for (int p = 1; p <= neq; ++p) iw[2 * (p - 1)] = p == 1 ? 0 : 1;
     std::vector<double> soln(neq), wk(neq), dd(neq);
@@ -99,6 +102,7 @@ SEXP tarnel_bench_absorb(SEXP neq_, SEXP ndense_, SEXP i_, SEXP j_, SEXP x_, SEX
     ab.status = span<i32>(status.data(), status.size());
     ab.err = &err;
     ab.tail = tail;
+    ab.room = span<double>(room.data(), room.size());
     const int rc = g5vxxa(s, ab, nfault);
     auto t2 = clk::now();
     if (rc) throw ArgError(std::string("absorption failed: ") + errortext_of(nfault));

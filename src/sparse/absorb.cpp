@@ -6,6 +6,7 @@
 
 #include "host/console.h"
 #include "host/messages.h"
+#include "sparse/blas.h"
 #include "sparse/kernels.h"
 #include "sparse/mme.h"
 
@@ -37,6 +38,29 @@ void insert_sorted(const Pool& p, i64 head, i64 e, i32 c) {
   p.lnk(prev) = static_cast<i32>(e);
 }
 
+
+// Links the slots of `keys` (column << 32 | slot), sorted here, behind the
+// head of an empty row in column order; a repeated column adds its value to
+// the first slot of that column and becomes a hole, as insert_sorted does.
+void relink_sorted(const Pool& p, i64 head, i64* keys, i64 n) {
+  std::sort(keys, keys + n);
+  i64 prev = head;
+  i32 pc = -1;
+  for (i64 k = 0; k < n; ++k) {
+    const i64 e = keys[k] & 0xffffffffLL;
+    const i32 c = static_cast<i32>(keys[k] >> 32);
+    if (c == pc) {
+      p.val(prev) += p.val(e);
+      p.col(e) = 0;
+      p.lnk(e) = 0;
+      continue;
+    }
+    p.lnk(prev) = static_cast<i32>(e);
+    prev = e;
+    pc = c;
+  }
+  p.lnk(prev) = 0;
+}
 
 // Lays the linked rows of positions NDENSE+1..upto out again: every row's
 // elements in consecutive slots in column order, straight after the heads,
@@ -353,6 +377,9 @@ int lower_triangle_form(Absorption& x) {
   const Pool& pool = x.pool;
   const i32 neq = x.neq, nd = x.nd;
   const double tol = x.tol;
+  // A row's own elements are sorted as keys (column, slot) in the solution's
+  // scratch, which is free until the solve, and linked once.
+  span<i64> keys(reinterpret_cast<i64*>(x.a.work.data()), x.a.work.size());
   // Slots taken before absorption stay below LEN.
   Pool below = pool;
   below.nval = x.st.len - 1;
@@ -367,6 +394,7 @@ int lower_triangle_form(Absorption& x) {
     i64 s = pool.lnk(h);
     pool.lnk(h) = 0;
     int guard = 0;
+    i64 nkeys = 0;  // -1 once the keys overflowed
     while (s > 0) {
       if (++guard > neq + 1 || s > x.lx) return x.fail(136);
       const i64 nxt = pool.lnk(s);
@@ -380,11 +408,16 @@ int lower_triangle_form(Absorption& x) {
           if (g5vlld(below, x.lx, t, c, 0.0)) return x.fail(6);
         }
         insert_sorted(pool, hc, s, q);
-      } else if (c >= 1) {
+      } else if (c >= 1 && nkeys >= 0 && nkeys < static_cast<i64>(keys.size())) {
+        keys[nkeys++] = (static_cast<i64>(c) << 32) | s;
+      } else if (c >= 1) {  // no more room for keys: the rest one by one
+        if (nkeys > 0) relink_sorted(pool, h, keys.data(), nkeys);
+        nkeys = -1;
         insert_sorted(pool, h, s, c);
       }
       s = nxt;
     }
+    if (nkeys > 0) relink_sorted(pool, h, keys.data(), nkeys);
   }
   for (i32 q = nd + 1; q <= neq; ++q) {
     const i64 h = q - nd;
@@ -608,6 +641,175 @@ i32 absorb_block(Absorption& x, i32 q) {
   return x.nd;
 }
 
+// The block absorbed through the BLAS, on a square copy.  F holds positions
+// 1..n (n the top of the block) column-major with leading dimension n:
+// element (r, c), c <= r, of the equations at F[(c-1) + (r-1) n], so that
+// row r is a column of F, its right-hand side first.  Panels of kBlasPanel
+// pivots, from the top down: the panel's own triangle is eliminated pivot
+// by pivot with the tests of the element path; the panel's columns below
+// it then take the panel's eliminations at once (a triangular solve), and
+// every row below the panel takes the panel's pivots in one product.  Each
+// element gets the contributions of the element path (multipliers under
+// kTinyMultiplier dropped); only the order of the sums differs.
+constexpr int kBlasPanel = 256;
+constexpr i32 kBlasColumns = 256;
+
+struct SquareBlock {
+  double* f = nullptr;  // n*n
+  double* w = nullptr;  // n*kBlasPanel: the multipliers of a panel
+  double* t = nullptr;  // kBlasPanel^2: the panel's eliminations
+  i32 n = 0;
+  double& at(i32 r, i32 c) const { return f[(c - 1) + static_cast<i64>(r - 1) * n]; }
+  double* row(i32 r) const { return f + static_cast<i64>(r - 1) * n - 1; }  // row(r)[c]
+};
+
+}  // namespace
+
+i64 block_room_words(i32 top) {
+  const i64 n = top;
+  return n * n + n * kBlasPanel + static_cast<i64>(kBlasPanel) * kBlasPanel;
+}
+
+namespace {
+
+void square_triangle(const SquareBlock& sb, const double* v, int k, i32 m, i32 r0, i32 r1);
+
+// Copies the dense triangle and the block rows into F (the rest cleared),
+// or back when `out`.
+void square_copy(Absorption& x, const SquareBlock& sb, bool out) {
+  const i32 nd = x.nd, n = sb.n;
+  if (!out) std::fill(sb.f, sb.f + static_cast<i64>(n) * n, 0.0);
+  for (i32 r = 1; r <= n; ++r) {
+    double* fr = sb.row(r);
+    if (r <= nd) {
+      double* xr = &x.st.x[static_cast<i64>(r) * (r - 1) / 2] - 1;  // xr[c] = X(r,c)
+      if (out) std::copy(fr + 1, fr + r + 1, xr + 1);
+      else std::copy(xr + 1, xr + r + 1, fr + 1);
+      continue;
+    }
+    double* br = block_row(x.pool, nd, r);
+    double& rhs = x.pool.val(r - nd);
+    if (out) {
+      rhs = fr[1];
+      std::copy(fr + 2, fr + r + 1, br + 2);
+    } else {
+      fr[1] = rhs;
+      std::copy(br + 2, br + r + 1, fr + 2);
+    }
+  }
+}
+
+// Eliminates the panel q..lo on its own triangle (rows and columns lo..q).
+// The multipliers go to T (column-major, order q-lo+1, T(j,i) for pivot j
+// on row i < j, local indices from lo).  Result: the position of a row that
+// needs the pivot search, the panel then ending above it, or 0.
+i32 square_panel(Absorption& x, const SquareBlock& sb, i32 q, i32 lo) {
+  const i32 k = q - lo + 1;
+  std::fill(sb.t, sb.t + static_cast<i64>(k) * k, 0.0);
+  for (i32 qq = q; qq >= lo; --qq) {
+    const i32 e = iw2(x.a.iw, qq);
+    double* rq = sb.row(qq);
+    const double d = rq[qq];
+    if (iw1(x.a.iw, e) < 0) {
+      x.singular(qq, e, 0.0);
+      continue;
+    }
+    const double ad = std::fabs(d);
+    if (ad < x.tol) return qq;  // a complete row always has off-diagonal elements
+    if (ad <= x.tol || ad <= x.a.dd.at1(qq)) {
+      x.singular(qq, e, d);
+      continue;
+    }
+    x.pivot(qq, e, d);
+    const double r = 1.0 / d;
+    for (i32 c = qq - 1; c >= lo; --c) {
+      const double am = rq[c] * r;
+      if (std::fabs(am) < kTinyMultiplier) continue;
+      sb.t[(qq - lo) + static_cast<i64>(c - lo) * k] = am;
+      axpy1(sb.row(c), rq, am, lo, c);
+    }
+  }
+  return 0;
+}
+
+// The pivots pe..q of a panel whose triangle reached down to lo: their
+// columns below lo take the panel's eliminations, then every row below pe
+// takes their updates (rows lo..pe-1 only on the columns below lo, the rest
+// came with the panel's triangle).
+void square_update(const Absorption& x, const SquareBlock& sb, i32 q, i32 lo, i32 pe) {
+  const i32 n = sb.n, k = q - pe + 1, kt = q - lo + 1;
+  if (k <= 0) return;
+  double* v = sb.row(pe) + 1;  // V(i,j) = F(pe+j, i+1): the pivot rows
+  const double* t = sb.t + (pe - lo) * (static_cast<i64>(kt) + 1);
+  blas_trsm('R', 'L', 'N', 'U', lo - 1, k, 1.0, t, kt, v, n);
+  const i32 m = pe - 1;
+  if (m < 1) return;
+  for (i32 j = 0; j < k; ++j) {  // W(i,j): the multiplier of pivot pe+j in row i+1
+    const i32 p = pe + j;
+    const double* rp = sb.row(p);
+    double* wj = sb.w + static_cast<i64>(j) * m;
+    const bool off = x.a.dd.at1(p) == 0.0;  // singular: no updates
+    for (i32 c = 1; c <= m; ++c) {
+      const double am = off ? 0.0 : rp[c] * x.a.dd.at1(p);
+      wj[c - 1] = std::fabs(am) < kTinyMultiplier ? 0.0 : am;
+    }
+  }
+  // Columns lo..m (rows of the panel's triangle) take rows 1..lo-1 in one
+  // product; the triangle of columns 1..lo-1 is split in halves.
+  if (m >= lo)
+    blas_gemm('N', 'T', lo - 1, m - lo + 1, k, -1.0, v, n, sb.w + (lo - 1), m, 1.0, sb.row(lo) + 1, n);
+  square_triangle(sb, v, k, m, 1, std::min(m, lo - 1));
+}
+
+// Rows and columns r0..r1 of the trailing triangle (rows up to the column)
+// take -V W': the rectangle of rows r0..mid-1 and columns mid..r1 in one
+// product, the two triangles on each side in halves again; a triangle of at
+// most kBlasColumns in one product that also writes the unused room below
+// its diagonal.
+void square_triangle(const SquareBlock& sb, const double* v, int k, i32 m, i32 r0, i32 r1) {
+  const i32 n = sb.n, w = r1 - r0 + 1;
+  if (w <= 0) return;
+  if (w <= kBlasColumns) {
+    blas_gemm('N', 'T', w, w, k, -1.0, v + (r0 - 1), n, sb.w + (r0 - 1), m, 1.0, sb.row(r0) + r0, n);
+    return;
+  }
+  const i32 mid = r0 + w / 2;
+  blas_gemm('N', 'T', mid - r0, r1 - mid + 1, k, -1.0, v + (r0 - 1), n, sb.w + (mid - 1), m, 1.0,
+            sb.row(mid) + r0, n);
+  square_triangle(sb, v, k, m, r0, mid - 1);
+  square_triangle(sb, v, k, m, mid, r1);
+}
+
+// The block from position q (its top) down, through the BLAS.  Result as
+// absorb_block's; -1 when the room does not hold the square.
+i32 absorb_block_square(Absorption& x, i32 q) {
+  if (static_cast<i64>(x.a.room.size()) < block_room_words(q)) return -1;
+  SquareBlock sb;
+  sb.n = q;
+  sb.f = x.a.room.data();
+  sb.w = sb.f + static_cast<i64>(q) * q;
+  sb.t = sb.w + static_cast<i64>(q) * kBlasPanel;
+  square_copy(x, sb, false);
+  i32 stop = x.nd;
+  while (q > x.nd) {
+    const i32 lo = std::max(x.nd + 1, q - kBlasPanel + 1);
+    const i32 stopped = square_panel(x, sb, q, lo);
+    square_update(x, sb, q, lo, stopped > 0 ? stopped + 1 : lo);
+    if (stopped > 0) {
+      stop = stopped;
+      break;
+    }
+    q = lo - 1;
+    // On an interrupt the element path takes over, and stops at once.
+    if (q > x.nd && x.interrupted(32)) {
+      stop = q;
+      break;
+    }
+  }
+  square_copy(x, sb, true);
+  return stop;
+}
+
 // Packs the rows the block absorbed, positions p down to stop+1, as the
 // element path packs them.  Result 1 on a fault.
 int pack_block(Absorption& x, i32 stop) {
@@ -646,7 +848,8 @@ int lay_out_and_take_block(Absorption& x) {
   if (!(p > x.nd && p == b.top && b.intact && !b.done)) return 0;
   b.done = true;
   if (!block_complete(x.pool, x.lx, x.nd, b.top)) return 0;
-  const i32 stop = absorb_block(x, p);
+  i32 stop = absorb_block_square(x, p);
+  if (stop < 0) stop = absorb_block(x, p);
   if (pack_block(x, stop)) return -1;
   x.p = stop;
   return 1;

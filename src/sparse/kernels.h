@@ -1,5 +1,6 @@
-// Dense inner loops shared by the block absorption and the block of the
-// sparse inverse.  They are compiled at GCC's higher optimisation level,
+// Dense inner loops of the block absorption when its square copy has no
+// room (the BLAS does the block otherwise), and short sums of the sparse
+// inverse.  They are compiled at GCC's higher optimisation level,
 // which vectorises them (R's default flags do not), and on x86-64 Linux
 // with a second version for processors with AVX2 and FMA, chosen when the
 // library loads.
@@ -27,11 +28,6 @@ double dot(const double* __restrict a, const double* __restrict b, i64 lo, i64 h
 void update4(double* y0, double* y1, double* y2, double* y3, const double* w, i64 ldw,
              const double* const* b, int nk, i64 lo, i64 hi);
 void update1(double* y, const double* w, const double* const* b, int nk, i64 lo, i64 hi);
-// The same on eight columns whose b rows are packed: element t of b row k at
-// bp[8k + t].  Each y row gets its eight columns y_r[0..7] updated.
-void update4x8(double* y0, double* y1, double* y2, double* y3, const double* w, i64 ldw,
-               const double* bp, int nk);
-void update1x8(double* y, const double* w, const double* bp, int nk);
 
 }  // namespace tarnel
 

@@ -115,12 +115,20 @@ struct DesignView {
 };
 
 // Scratch of SSP formation: acc NEQ reals (kept clear between records),
-// list NEQ+1 ints, links NEQ ints kept zero (marks of the general case).
+// list NEQ+1 ints, links NEQ ints kept zero (marks of the general case and
+// of the rows formed whole).  room: free words for an index of a section's
+// records by column (ssp_index_words); with it a section of diagonal R
+// forms each row of the equations in one go, otherwise record by record.
 struct SspScratch {
   span<double> acc;
   span<i32> list;
   span<i32> links;
+  span<double> room;
 };
+
+// Words of SspScratch::room that a diagonal section with `entries` design
+// values needs to be formed row by row.
+inline i64 ssp_index_words(i32 neq, i64 entries) { return static_cast<i64>(neq) + 2 + entries; }
 
 // g5vxxr: one row of R^-1 (a direct product of nsect sections, handled last
 // to first) for record `rec` (1-based).  values: dense over the section's
@@ -298,12 +306,20 @@ struct AbsorbArgs {
   int* err = nullptr;         // error word
   bool trace = false;
   int unit = 6;
+  span<double> room;          // scratch of the block laid out complete: with
+                              // room for its square (block_room_words), the
+                              // block is absorbed by the BLAS; otherwise by
+                              // the packed kernels
   span<double> dense_copy;    // when not empty: receives the dense triangle
                               // as it stands before its first pivot (the
                               // fixed equations with the others absorbed)
   i32 moves = 0;              // out: equations moved by the pivot search
   i64 peaklx = 0;             // out: highest slot used by the pool
 };
+
+// Words of AbsorbArgs::room that the block of positions 1..top needs to be
+// absorbed by the BLAS.
+i64 block_room_words(i32 top);
 
 // g5vxxa: factors the store in place (positions NEQ down to 2) and solves.
 // The store must be in equation order (as formed); the heads and columns are

@@ -176,6 +176,199 @@ int close_record(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& 
   return rows_of_record(s, sec, w, p, b, e, n, limit, text);
 }
 
+// The weight of record i of a diagonal section: w0, times the record's own
+// weight when the section has weights (termcode >= 0).
+double record_weight(const SspSection& sec, double w0, i64 i) {
+  return sec.termcode >= 0 ? w0 * sec.weights.at1(i) : w0;
+}
+
+// A record of weight 0 adds nothing and is counted as skipped; a weighted
+// record's weight enters the log determinant.  True when the record is
+// skipped.
+bool skip_record(const SspSection& sec, double wt, i64 i) {
+  if (sec.termcode < 0) return false;
+  if (wt == 0.0) {
+    ++*sec.skipped;
+    empty_augmented(sec, i);
+    return true;
+  }
+  if (wt > 0) *sec.logdet -= std::log(sec.weights.at1(i));
+  return false;
+}
+
+// Diagonal R, record by record: each record's columns as rows, against the
+// record itself.
+int diagonal_by_records(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
+                        double w0) {
+  for (i64 i = sec.first; i <= sec.last; ++i) {
+    const double wt = record_weight(sec, w0, i);
+    if (skip_record(sec, wt, i)) continue;
+    i64 b = 0, e = 0;
+    if (!record_range(sec.design, i, b, e)) {
+      *sec.err = kBadDesign;
+      return 1;
+    }
+    i64 n = 0;
+    if (for_each_column(s, sec, b, e, [&](i32 c, double v) {
+          w.acc.at1(c) = wt * v;
+          w.list.at1(n + 1) = c;
+          ++n;
+          return add_row(s, sec, w, p, c, v, n, limit, "Out of Memory forming SSP");
+        }))
+      return 1;
+    if (augmenting(sec) && keep_augmented(sec, i, w.acc, w.list.data(), n)) return 1;
+    for (i64 k = 1; k <= n; ++k) w.acc.at1(w.list.at1(k)) = 0.0;
+  }
+  return 0;
+}
+
+// The records of a diagonal section by column: the records that hold
+// column c (active, weight not 0) are rec[at[c-1]] .. rec[at[c]-1], in
+// record order.  Also does what each record owes once: the skipped count,
+// the log determinant of the weights and the augmented row.  Result 1 on a
+// fault.
+int index_by_column(const MmeStore& s, const SspSection& sec, SspScratch& w, double w0, i64* at,
+                    i64* rec) {
+  const i32 neq = s.neq;
+  std::fill(at, at + neq + 2, 0);
+  for (int pass = 0; pass < 2; ++pass) {
+    for (i64 i = sec.first; i <= sec.last; ++i) {
+      const double wt = record_weight(sec, w0, i);
+      if (pass == 0 ? skip_record(sec, wt, i) : wt == 0.0 && sec.termcode >= 0) continue;
+      i64 b = 0, e = 0;
+      if (!record_range(sec.design, i, b, e)) {
+        *sec.err = kBadDesign;
+        return 1;
+      }
+      i64 n = 0;
+      if (for_each_column(s, sec, b, e, [&](i32 c, double v) {
+            if (pass == 1) {
+              rec[at[c]++] = i;
+            } else {
+              ++at[c + 1];
+              w.acc.at1(c) = wt * v;
+              w.list.at1(++n) = c;
+            }
+            return 0;
+          }))
+        return 1;
+      if (pass == 1) continue;
+      if (augmenting(sec) && keep_augmented(sec, i, w.acc, w.list.data(), n)) return 1;
+      for (i64 k = 1; k <= n; ++k) w.acc.at1(w.list.at1(k)) = 0.0;
+    }
+    // After the counts at[c+1] holds column c's count: their running sums
+    // give each column's first entry in at[c], the cursor of the second
+    // pass, which leaves at[c] at the end of column c.
+    if (pass == 0)
+      for (i32 c = 1; c <= neq + 1; ++c) at[c] += at[c - 1];
+  }
+  return 0;
+}
+
+// Row c of the equations from the records that hold column c: ACC(a) sums
+// x_i(c) (w_i x_i(a)) over them, for the columns a <= c of each, in record
+// order as the record-by-record path adds them; LIST holds the columns
+// touched (n of them), marked in LINKS.
+void accumulate_row(const SspSection& sec, SspScratch& w, double w0, i32 c, const i64* rec, i64 nrec,
+                    i64& n) {
+  const DesignView& d = sec.design;
+  // The records lie anywhere in the design: their starts are fetched eight
+  // records ahead and their values four ahead.
+  constexpr i64 kAhead = 4;
+  for (i64 k = 0; k < nrec; ++k) {
+    if (k + 2 * kAhead < nrec) __builtin_prefetch(&d.start.at1(rec[k + 2 * kAhead]));
+    if (k + kAhead < nrec) {
+      const i64 bn = d.start.at1(rec[k + kAhead]);
+      __builtin_prefetch(&d.col.at1(bn));
+      __builtin_prefetch(&d.val.at1(bn));
+    }
+    const i64 i = rec[k];
+    const double wt = record_weight(sec, w0, i);
+    const i64 b = d.start.at1(i);
+    i64 tc = b;
+    while (d.col.at1(tc) != c) ++tc;  // the index says the record holds c
+    const double vc = d.val.at1(tc);
+    for (i64 t = b; t <= tc; ++t) {
+      const i32 a = d.col.at1(t);
+      if (!active(sec, a)) continue;
+      if (w.links.at1(a) == 0) {
+        w.links.at1(a) = 1;
+        w.list.at1(++n) = a;
+      }
+      w.acc.at1(a) += vc * (wt * d.val.at1(t));
+    }
+  }
+}
+
+// Writes ACC over LIST (sorted, n entries) into row c: added to the dense
+// triangle, appended as a new chain to an untouched row, or merged into
+// the row's chain.  Result 0, or the error word (136 a broken row, 6 no
+// slot).
+int write_row(MmeStore& s, const Pool& p, i32 c, span<const double> acc, const i32* list, i64 n) {
+  if (c <= s.ndense) {
+    const i64 base = static_cast<i64>(c) * (c - 1) / 2;
+    for (i64 k = 0; k < n; ++k) s.x[base + list[k] - 1] += acc[list[k] - 1];
+    return 0;
+  }
+  const i64 head = s.head(c);
+  if (p.lnk(head) != -1) {
+    i64 pos = head;
+    for (i64 k = 0; k < n; ++k) {
+      const int r = g5vlli(p, s.lx, pos, list[k], acc[list[k] - 1]);
+      if (r == 1) return kBrokenRow;
+      if (r == 2) return kNoSlot;
+    }
+    return 0;
+  }
+  i64 k = 0;
+  if (n > 0 && list[0] == 1) {
+    p.val(head) += acc[0];
+    ++k;
+  }
+  if (!p.ok(s.lx + (n - k))) return kNoSlot;
+  i64 last = head;
+  for (; k < n; ++k) {
+    const i64 slot = ++s.lx;
+    p.val(slot) = acc[list[k] - 1];
+    p.col(slot) = list[k];
+    p.lnk(slot) = 0;
+    p.lnk(last) = static_cast<i32>(slot);
+    last = slot;
+  }
+  return 0;
+}
+
+// Diagonal R, row by row: the records are indexed by column, and each row
+// of the equations is summed in ACC and then written once, instead of
+// walking the row's chain for every record.  The sums are those of the
+// record-by-record path, in the same order.
+int diagonal_by_rows(MmeStore& s, const SspSection& sec, SspScratch& w, const Pool& p, i64 limit,
+                     double w0) {
+  const i32 neq = s.neq;
+  i64* at = reinterpret_cast<i64*>(w.room.data());
+  i64* rec = at + neq + 2;
+  if (index_by_column(s, sec, w, w0, at, rec)) return 1;
+  for (i32 c = 1; c <= neq; ++c) {
+    const i64 nrec = at[c] - at[c - 1];
+    if (nrec == 0) continue;
+    i64 n = 0;
+    accumulate_row(sec, w, w0, c, rec + at[c - 1], nrec, n);
+    i32* list = w.list.data();
+    std::sort(list, list + n);
+    const int r = write_row(s, p, c, w.acc, list, n);
+    for (i64 k = 0; k < n; ++k) {
+      w.acc.at1(list[k]) = 0.0;
+      w.links.at1(list[k]) = 0;
+    }
+    if (r == kBrokenRow) {
+      *sec.err = kBrokenRow;
+      return 1;
+    }
+    if (r == kNoSlot || s.lx > limit) return out_of_memory(*sec.err, "Out of Memory forming SSP");
+  }
+  return 0;
+}
+
 // The scale parameter of an identity section: the parameter named by the
 // kGfirst word of the section's struc row, when it names a positive one;
 // otherwise 1.
@@ -479,36 +672,13 @@ int g5vxxs(MmeStore& s, const SspSection& sec, SspScratch& w) {
   if (kase == -3) return general_case(s, sec, w, p, limit, nrec);
   if (nrec > 0 && sec.sigma2 > f32(1e-9)) *sec.logdet += nrec * std::log(sec.sigma2);
 
-  // Diagonal R: each record's columns as rows, against the record itself.
-  for (i64 i = sec.first; i <= sec.last; ++i) {
-    double wt = w0;
-    if (kase >= 0) {
-      wt = w0 * sec.weights.at1(i);
-      if (wt == 0.0) {
-        ++*sec.skipped;
-        empty_augmented(sec, i);
-        continue;
-      }
-      if (wt > 0) *sec.logdet -= std::log(sec.weights.at1(i));
-    }
-    i64 b = 0, e = 0;
-    if (!record_range(d, i, b, e)) {
-      err = kBadDesign;
-      return 1;
-    }
-    i64 n = 0;
-    if (for_each_column(s, sec, b, e, [&](i32 c, double v) {
-          w.acc.at1(c) = wt * v;
-          w.list.at1(n + 1) = c;
-          ++n;
-          return add_row(s, sec, w, p, c, v, n, limit, "Out of Memory forming SSP");
-        }))
-      return 1;
-    if (augmenting(sec) && keep_augmented(sec, i, w.acc, w.list.data(), n)) return 1;
-    for (i64 k = 1; k <= n; ++k) w.acc.at1(w.list.at1(k)) = 0.0;
-  }
-  return 0;
+  const i64 entries = std::max<i64>(0, d.start.at1(sec.last + 1) - d.start.at1(sec.first));
+  if (static_cast<i64>(w.room.size()) >= ssp_index_words(neq, entries) &&
+      w.links.size() >= static_cast<size_t>(neq))
+    return diagonal_by_rows(s, sec, w, p, limit, w0);
+  return diagonal_by_records(s, sec, w, p, limit, w0);
 }
+
 int g5vxxr(i64 rec, const RowSource& src, span<double> values, span<int> cols, int& count,
            double scale, int& ifault) {
   count = 0;

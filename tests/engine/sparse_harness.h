@@ -269,6 +269,7 @@ struct SspRun {
   std::vector<double> acc, aval;
   std::vector<i32> list, links, acol;
   std::vector<i64> astart;
+  std::vector<double> room;
   tarnel::SspScratch w;
   tarnel::AugmentedRows aug;
   tarnel::SspSection sec;
@@ -292,6 +293,11 @@ struct SspRun {
   void augment() {
     sec.flags = tarnel::kSspAugment;
     sec.aug = &aug;
+  }
+  // Room for the index by column: diagonal sections are formed row by row.
+  void by_rows(int neq) {
+    room.assign(tarnel::ssp_index_words(neq, static_cast<i64>(sec.design.val.size())), 0.0);
+    w.room = tarnel::span<double>(room.data(), room.size());
   }
   // The augmented row of record a (from 0) as a dense row; empty if none.
   std::vector<double> aug_row(int a, int neq) const {

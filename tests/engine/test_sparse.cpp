@@ -91,7 +91,11 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
   const int nrec = 120;
   std::vector<double> wts(nrec);
   for (int i = 0; i < nrec; ++i) wts[i] = (i % 7 == 0) ? 0.0 : 0.5 + (i % 5) * 0.25;
-  for (int weighted : {0, 1}) {
+  // Record by record, and row by row with the records in one section or in
+  // two (the second merged into the rows the first formed).
+  for (int weighted : {0, 1})
+  for (int rows : {0, 1, 2}) {
+    SCOPED_TRACE(10 * weighted + rows);
     Store st(neq, nd, 20000);
     SspRun run(d.val, d.col, d.start, neq);
     std::vector<int> struc(15, 0);
@@ -103,7 +107,16 @@ TEST(Ssp, IdentityAndWeightedSectionsWithScaledIdentityG) {
     run.sec.gammas = span<const double>(gammas.data(), gammas.size());
     run.sec.weights = span<const double>(wts.data(), wts.size());
     run.augment();  // each record's weighted design row
+    if (rows > 0) run.by_rows(neq);
+    if (rows == 2) {
+      run.sec.last = nrec / 2;
+      ASSERT_EQ(tarnel::g5vxxs(st.s, run.sec, run.w), 0) << run.err;
+      run.sec.first = nrec / 2 + 1;
+      run.sec.last = nrec;
+    }
     ASSERT_EQ(tarnel::g5vxxs(st.s, run.sec, run.w), 0) << run.err;
+    EXPECT_TRUE(run.scratch_clear());
+    if (rows == 2) run.sec.first = 1;
     for (int i = 0; i < nrec; ++i) {
       const double wi = (weighted ? wts[i] : 1.0) / 2.5;
       std::vector<double> want(neq, 0.0);
