@@ -271,8 +271,7 @@ assemble_multi <- function(out, model, table, struc, control, stacked, rows) {
               residuals = R, fitted = Y - R, response = Y, traits = model$traits, nobs = nobs,
               params = pars, gammas = setNames(value * unit, pars$name),
               iterations = iteration_log(trn$trArray, control$maxiter, ngamma, struc$nfactp, pars),
-              records = out$records, record_rows = rows, neq = neq, workspace = out$workspace, table = table,
-              data = model$data)
+              records = out$records, record_rows = rows, neq = neq, workspace = out$workspace, table = table)
   fit$covariances <- multi_covariances(fit)
   class(fit) <- "tarnel_multi"
   fit

@@ -11,8 +11,8 @@
 # numeric columns of the data.
 multi_fixed_design <- function(fit) {
   tab <- fit$table
-  data <- fit$data
-  if (is.null(data)) tstop("this fit of several responses holds no data; refit it with this version of tarnel")
+  if (is.null(fit$engine_input)) tstop("this fit of several responses holds no engine input; refit it with this version of tarnel")
+  data <- fit$engine_input$model$data
   tn <- fit$traits
   Y <- fit$response
   obs <- as.vector(t(!is.na(Y)))
@@ -187,7 +187,7 @@ multi_table <- function(cls, fit, alg, want_sed, want_vcov) {
   cn <- trimws(strsplit(cls, ":", fixed = TRUE)[[1L]])
   if (anyDuplicated(cn)) pstop("'%s' names a factor twice", cls)
   if (!"trait" %in% cn) pstop("the classify set '%s' of a fit of several responses must include 'trait', such as \"trait:%s\"", cls, cls)
-  data <- fit$data
+  data <- fit$engine_input$model$data
   fvars <- unique(unlist(alg$vars))
   rvars <- setdiff(unique(unlist(strsplit(fit$table$position_names[unlist(fit$table$random_positions)], ":", fixed = TRUE))), "trait")
   for (v in setdiff(cn, fvars)) {
