@@ -147,26 +147,19 @@ tarnel_multi <- function(cl, fixed, random, residual, data, subset, start, const
   struc <- build_struc(model, table)
   struc <- multi_starts(struc, Y / s, tn)
   struc$nobs <- sum(!is.na(Y))
-  struc <- apply_constraints(struc, scale_start(start, struc, s), constrain, equal, lincon)
+  struc <- apply_constraints(struc, start, constrain, equal, lincon)
   check_multi_start(struc, tn)
   out <- run_ctrn(model, table, struc, keep_design = FALSE, control = control)
   fit <- assemble_multi(out, model, table, struc, control, stacked, rows)
+  # What a further run at the final variance parameters needs (the Wald
+  # tests and predictions are formed there).
+  fit$engine_input <- list(model = model, struc = struc, control = control, stacked = stacked)
   fit$call <- cl
   fit$log <- out$log
   fit$formulae <- list(fixed = fixed, random = random, residual = residual)
   warn_engine_notices(out$log)
   warn_fit(fit)
   fit
-}
-
-# Starts in the user's units become starts on the engine's scale of the
-# responses (variances and covariances divided by s^2).
-scale_start <- function(start, struc, s) {
-  if (is.null(start) || s == 1) return(start)
-  k <- match(names(start), struc$params$name)
-  comp <- !is.na(k) & struc$params$kind[k] %in% c("variance", "covariance")
-  start[comp] <- start[comp] / s^2
-  start
 }
 
 # Starts of the variances across traits: half of each trait's variance to
@@ -208,12 +201,13 @@ trait_matrices <- function(pars, value, tn) {
 check_multi_start <- function(struc, tn) {
   pars <- struc$params
   mats <- trait_matrices(pars, struc$gammas[pars$gamma], tn)
+  ys <- if (is.null(struc$yscale)) 1 else struc$yscale
   for (g in names(mats)) {
     m <- mats[[g]]$matrix
     ok <- tryCatch({ chol(m); TRUE }, error = function(e) FALSE)
     if (!ok)
       tstop("'start': the covariance matrix across traits of '%s' is not positive definite (%s)", g,
-            paste(sprintf("%s = %s", mats[[g]]$params, format(struc$gammas[pars$gamma[match(mats[[g]]$params, pars$name)]] , digits = 4)),
+            paste(sprintf("%s = %s", mats[[g]]$params, format(mats[[g]]$matrix[cbind(mats[[g]]$i, mats[[g]]$j)] * ys^2, digits = 4)),
                   collapse = ", "))
   }
   invisible()
@@ -372,10 +366,6 @@ vcov.tarnel_multi <- function(object, parameters = c("fixed", "variance"), ...) 
   if (is.null(object$vcov_varcomp)) tstop("the average information matrix of this fit is not available or singular")
   object$vcov_varcomp
 }
-
-#' @export
-predict.tarnel_multi <- function(object, ...)
-  tstop("predictions of a fit of several responses are not available yet")
 
 #' @export
 logLik.tarnel_multi <- function(object, ...)

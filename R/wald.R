@@ -232,6 +232,13 @@ containment_ddf <- function(X, assign, labels, groups) {
 #' See the Rd page.
 #' @export
 wald <- function(object, terms = NULL, ddf = c("Kenward-Roger", "containment", "none"), ...) {
+  if (inherits(object, "tarnel_multi")) {
+    # Fits of several responses: asymptotic df only, so far.
+    ddf <- if (missing(ddf)) "asymptotic" else ddf
+    if (!is.character(ddf) || length(ddf) != 1L || !ddf %in% c("asymptotic", "none"))
+      tstop("'ddf' for a fit of several responses must be \"asymptotic\" or \"none\"; Kenward-Roger and containment df are not available yet for such fits")
+    return(wald_multi(object, terms, ddf))
+  }
   if (!inherits(object, "tarnel")) tstop("'object' must be a tarnel fit")
   ddf <- match.arg(ddf)
   tab <- object$wald_table

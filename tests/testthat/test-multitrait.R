@@ -198,3 +198,117 @@ test_that("bad input to a model of several responses is refused with a clear err
   bad <- c("residual: trait y1" = 1, "residual: trait y2" = 1, "residual: trait cov(y1, y2)" = 3)
   expect_error(tarnel(cbind(y1, y2) ~ trait, data = d, start = bad), "not positive definite")
 })
+
+# Two traits with a fixed factor b by trait, a covariate and a random
+# factor; `rho` correlates the traits' random effects and residuals.
+sim_mt_b <- function(n, seed, rho, miss = 0) {
+  set.seed(seed)
+  d <- data.frame(g = factor(sample(1:10, n, TRUE)), b = factor(rep(c("a", "b", "c", "d"), length.out = n)), x = rnorm(n))
+  S <- matrix(c(1, rho, rho, 1), 2)
+  u <- matrix(rnorm(20), 10) %*% chol(S)
+  e <- matrix(rnorm(2 * n), n) %*% chol(S)
+  d$y1 <- d$x + u[d$g, 1] + e[, 1]
+  d$y2 <- 2 * e[, 2] - d$x + as.integer(d$b) + u[d$g, 2]
+  if (miss > 0) { d$y1[runif(n) < miss] <- NA; d$y2[runif(n) < miss / 2 & !is.na(d$y1)] <- NA }
+  d
+}
+
+test_that("covariances held at 0: predicted means, SEs, SEDs and Wald statistics of the single-trait fits", {
+  d <- sim_mt_b(80, 3, 0)
+  zero <- c("cov_us(trait):g: trait cov(y1, y2)", "residual: trait cov(y1, y2)")
+  fit <- tarnel(cbind(y1, y2) ~ trait + trait:x + trait:b, random = ~ cov_us(trait):g, data = d,
+                start = setNames(c(0, 0), zero), constrain = setNames(c("fixed", "fixed"), zero))
+  G <- fit_matrix(fit, "cov_us(trait):g"); R <- fit_matrix(fit, "residual")
+  # The single-trait fits at the same ratio of the variances; their residual
+  # variance, profiled, comes back as the joint fit's.
+  single <- function(k) tarnel(stats::as.formula(sprintf("y%d ~ x + b", k)), random = ~ g, data = d,
+                               start = c(g = G[k, k] / R[k, k]), constrain = c(g = "fixed"))
+  f <- list(single(1), single(2))
+  expect_equal(c(f[[1]]$sigma2, f[[2]]$sigma2), unname(diag(R)), tolerance = 1e-6)
+  pm <- predict(fit, classify = "trait:b", sed = TRUE)
+  pt <- predict(fit, classify = "trait")
+  w <- wald(fit)
+  ws <- lapply(f, wald, ddf = "none")
+  for (k in 1:2) {
+    ps <- predict(f[[k]], classify = "b", sed = TRUE)
+    rows <- which(pm$pvals$trait == paste0("y", k))
+    expect_equal(as.character(pm$pvals$b[rows]), as.character(ps$pvals$b))
+    expect_equal(pm$pvals$predicted.value[rows], ps$pvals$predicted.value, tolerance = 1e-5)
+    expect_equal(pm$pvals$std.error[rows], ps$pvals$std.error, tolerance = 1e-5)
+    expect_equal(unname(pm$sed[rows, rows]), unname(ps$sed), tolerance = 1e-5)
+    po <- predict(f[[k]], classify = "1")
+    expect_equal(pt$pvals$predicted.value[k], po$pvals$predicted.value, tolerance = 1e-5)
+    expect_equal(pt$pvals$std.error[k], po$pvals$std.error, tolerance = 1e-5)
+  }
+  # A test of a term by trait is the sum of the traits' tests, blocks being
+  # independent.
+  expect_equal(rownames(w), c("trait", "trait:x", "trait:b"))
+  expect_equal(w$Df, ws[[1]]$Df + ws[[2]]$Df)
+  expect_equal(w$Wald.inc, ws[[1]]$Wald.inc + ws[[2]]$Wald.inc, tolerance = 1e-5)
+  expect_equal(w$Wald.con, ws[[1]]$Wald.con + ws[[2]]$Wald.con, tolerance = 1e-5)
+  expect_equal(w$Pr.inc, stats::pchisq(w$Wald.inc, w$Df, lower.tail = FALSE))
+  expect_identical(anova(fit)$F.inc, w$F.inc)
+  expect_true(any(grepl("asymptotic", attr(w, "note"))))
+})
+
+test_that("correlated traits with missing values: predictions and Wald tests are contrasts of coef() and vcov()", {
+  d <- sim_mt_b(90, 8, 0.6, miss = 0.2)
+  f0 <- tarnel(cbind(y1, y2) ~ trait + trait:x + trait:b, random = ~ cov_us(trait):g, data = d)
+  expect_gt(abs(f0$covariances$residual$correlation[2, 1]), 0.2)
+  # Held at the estimates, the fit's own coefficients are those at its
+  # variance parameters.
+  v <- setNames(f0$varcomp$component, rownames(f0$varcomp))
+  fit <- tarnel(cbind(y1, y2) ~ trait + trait:x + trait:b, random = ~ cov_us(trait):g, data = d,
+                start = v, constrain = setNames(rep("fixed", length(v)), names(v)))
+  b <- coef(fit); b[is.na(b)] <- 0
+  V <- matrix(0, length(b), length(b), dimnames = list(names(b), names(b)))
+  V[rownames(vcov(fit)), colnames(vcov(fit))] <- vcov(fit)
+  rec <- rowSums(!is.na(d[c("y1", "y2")])) > 0
+  xbar <- mean(d$x[rec])
+  cell <- function(k, l) {
+    w <- setNames(double(length(b)), names(b))
+    w[c(sprintf("traity%d", k), sprintf("traity%d:b%s", k, l))] <- 1
+    w[sprintf("traity%d:x", k)] <- xbar
+    w
+  }
+  Lc <- do.call(rbind, lapply(1:2, function(k) t(sapply(levels(d$b), cell, k = k))))
+  pm <- predict(fit, classify = "trait:b", vcov = TRUE, sed = TRUE)
+  expect_equal(pm$pvals$predicted.value, unname(drop(Lc %*% b)), tolerance = 1e-8)
+  VL <- Lc %*% V %*% t(Lc)
+  expect_equal(unname(pm$vcov), unname(VL), tolerance = 1e-8)
+  expect_equal(pm$sed[5, 1], sqrt(VL[1, 1] + VL[5, 5] - 2 * VL[5, 1]), tolerance = 1e-8)
+  Lt <- rbind(colMeans(Lc[1:4, ]), colMeans(Lc[5:8, ]))
+  pt <- predict(fit, classify = "trait", sed = TRUE)
+  expect_equal(pt$pvals$predicted.value, unname(drop(Lt %*% b)), tolerance = 1e-8)
+  expect_equal(pt$pvals$std.error, sqrt(diag(Lt %*% V %*% t(Lt))), tolerance = 1e-8)
+  wq <- function(L) { e <- L %*% b; drop(t(e) %*% solve(L %*% V %*% t(L), e)) }
+  # trait:b after trait and trait:x: the differences between levels of b
+  # within each trait; trait:x after the terms not containing it: the slopes.
+  Ld <- rbind(Lc[2:4, ] - Lc[rep(1, 3), ], Lc[6:8, ] - Lc[rep(5, 3), ])
+  w <- wald(fit)
+  expect_equal(w["trait:b", "Wald.inc"], wq(Ld), tolerance = 1e-7)
+  expect_equal(w["trait:b", "Df"], 6L)
+  Ls <- diag(length(b))[match(c("traity1:x", "traity2:x"), names(b)), ]
+  expect_equal(w["trait:x", "Wald.con"], wq(Ls), tolerance = 1e-7)
+})
+
+test_that("tables and tests of a fit of several responses refuse what they cannot form", {
+  d <- sim_mt_b(40, 4, 0.3)
+  fit <- tarnel(cbind(y1, y2) ~ trait + trait:b, random = ~ cov_us(trait):g, data = d,
+                start = c("residual: trait y1" = 1.5), constrain = c("residual: trait y1" = "fixed"))
+  # A value held fixed is kept in the responses' units.
+  expect_equal(fit$varcomp["residual: trait y1", "component"], 1.5)
+  expect_error(predict(fit, classify = "b"), "must include 'trait'")
+  expect_error(predict(fit, classify = "trait:g"), "'g' is in random terms only.*not available yet")
+  expect_error(predict(fit, classify = "trait:z"), "'z' is not in the fixed model")
+  expect_error(predict(fit, newdata = d), "'newdata' is not available yet")
+  expect_error(predict(fit, classify = "trait", average = "b"), "'average' is not available yet")
+  expect_error(predict(fit), "give 'classify'")
+  expect_error(wald(fit, ddf = "Kenward-Roger"), "not available yet")
+  expect_error(wald(fit, terms = "b"), "not a fixed term")
+  both <- predict(fit, classify = c("trait", "trait:b"))
+  expect_s3_class(both, "tarnel_predictions")
+  # The mean of a trait over b is the mean of its cells.
+  expect_equal(both$trait$pvals$predicted.value,
+               as.vector(tapply(both$`trait:b`$pvals$predicted.value, both$`trait:b`$pvals$trait, mean)))
+})
