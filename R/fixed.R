@@ -88,9 +88,11 @@ fixed_effects_r <- function(fit) {
   XRp <- if (is.null(XR)) NULL else rows(XR)
   if (!is.null(XRp) && anyNA(XRp)) XR <- NULL
   if (!is.null(XR)) {
-    # Everything below needs only cross products: R's columns are held
-    # sparse (factor codings are mostly zeros) and the dense copy freed.
-    XRp <- methods::as(XRp, "CsparseMatrix")
+    # Everything below needs only cross products.  Mostly zero columns
+    # (factors of many levels) are held sparse, so that their products cost
+    # as many operations as nonzeros; the dense BLAS product is faster for
+    # the few dense columns of covariates and small factors.
+    if (sum(XRp != 0) < 0.2 * length(XRp)) XRp <- methods::as(XRp, "CsparseMatrix")
     G <- as.matrix(Matrix::crossprod(XRp))
     keep <- independent_columns_gram(G)
     Xk <- if (length(keep) == ncol(XRp)) XRp else XRp[, keep, drop = FALSE]
@@ -100,7 +102,9 @@ fixed_effects_r <- function(fit) {
       # X_E must lie in the span of X_R: the squared residual of the least
       # squares fit of X_E on X_R, from the cross products alone (the
       # normal equations make it tr(X_E'X_E) - tr(T'X_R'X_E)).
-      XkE <- as.matrix(Matrix::crossprod(Xk, XS))
+      # (the engine's sparse columns first: the product then runs over
+      # their nonzeros)
+      XkE <- t(as.matrix(Matrix::crossprod(XS, Xk)))
       Tm <- solve(G[keep, keep, drop = FALSE], XkE)
       total <- sum(XS^2)
       ok <- total - sum(Tm * XkE) <= 1e-10 * max(1, total)
