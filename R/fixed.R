@@ -92,7 +92,10 @@ fixed_effects_r <- function(fit) {
     # (factors of many levels) are held sparse, so that their products cost
     # as many operations as nonzeros; the dense BLAS product is faster for
     # the few dense columns of covariates and small factors.
-    if (sum(XRp != 0) < 0.2 * length(XRp)) XRp <- methods::as(XRp, "CsparseMatrix")
+    # (the share of nonzeros judged from the first rows: it only picks
+    # the faster product)
+    head_rows <- XRp[seq_len(min(nrow(XRp), 10000L)), , drop = FALSE]
+    if (mean(head_rows != 0) < 0.2) XRp <- methods::as(XRp, "CsparseMatrix")
     G <- as.matrix(Matrix::crossprod(XRp))
     keep <- independent_columns_gram(G)
     Xk <- if (length(keep) == ncol(XRp)) XRp else XRp[, keep, drop = FALSE]
@@ -106,7 +109,7 @@ fixed_effects_r <- function(fit) {
       # their nonzeros)
       XkE <- t(as.matrix(Matrix::crossprod(XS, Xk)))
       Tm <- solve(G[keep, keep, drop = FALSE], XkE)
-      total <- sum(XS^2)
+      total <- if (methods::is(XS, "CsparseMatrix")) sum(XS@x^2) else sum(XS^2)
       ok <- total - sum(Tm * XkE) <= 1e-10 * max(1, total)
     }
     if (!ok) XR <- NULL
