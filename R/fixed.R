@@ -48,6 +48,24 @@ independent_columns <- function(X, tol = 1e-7) {
   sort(q$pivot[seq_len(q$rank)])
 }
 
+# The same columns found from the cross products G = X'X alone, so that no
+# factorisation of the n rows is needed.  Any A with A'A = G has the column
+# norms and the residuals of each column on the earlier ones of X, so the
+# pivoted QR of A (p x p) moves the same columns as that of X.  The columns
+# are first scaled to unit norm (the QR's test is relative to each column's
+# norm) and A is formed from the eigen decomposition, which needs no
+# positive definite G.
+independent_columns_gram <- function(G, tol = 1e-7) {
+  p <- ncol(G)
+  if (!p) return(integer())
+  d <- diag(G)
+  s <- ifelse(d > 0, 1 / sqrt(d), 0)
+  e <- eigen(G * tcrossprod(s), symmetric = TRUE)
+  A <- sqrt(pmax(e$values, 0)) * t(e$vectors)
+  q <- qr(A, tol = tol)
+  sort(q$pivot[seq_len(q$rank)])
+}
+
 #' @noRd
 # The fixed effects of a fit in R's convention: a list of `coefficients`,
 # `vcov`, `X` (the model matrix, estimable columns only), `assign` (the term
@@ -70,7 +88,16 @@ fixed_effects_r <- function(fit) {
   XRp <- if (is.null(XR)) NULL else rows(XR)
   if (!is.null(XRp) && anyNA(XRp)) XR <- NULL
   if (!is.null(XR)) {
-    keep <- independent_columns(XRp)
+    # Everything below needs only cross products.  Mostly zero columns
+    # (factors of many levels) are held sparse, so that their products cost
+    # as many operations as nonzeros; the dense BLAS product is faster for
+    # the few dense columns of covariates and small factors.
+    # (the share of nonzeros judged from the first rows: it only picks
+    # the faster product)
+    head_rows <- XRp[seq_len(min(nrow(XRp), 10000L)), , drop = FALSE]
+    if (mean(head_rows != 0) < 0.2) XRp <- methods::as(XRp, "CsparseMatrix")
+    G <- as.matrix(Matrix::crossprod(XRp))
+    keep <- independent_columns_gram(G)
     Xk <- if (length(keep) == ncol(XRp)) XRp else XRp[, keep, drop = FALSE]
     # The engine found the rank of its columns when it absorbed them.
     ok <- length(keep) == sum(diag(CE) > 0)
@@ -78,9 +105,11 @@ fixed_effects_r <- function(fit) {
       # X_E must lie in the span of X_R: the squared residual of the least
       # squares fit of X_E on X_R, from the cross products alone (the
       # normal equations make it tr(X_E'X_E) - tr(T'X_R'X_E)).
-      XkE <- as.matrix(Matrix::crossprod(Xk, XS))
-      Tm <- solve(crossprod(Xk), XkE)
-      total <- sum(XS^2)
+      # (the engine's sparse columns first: the product then runs over
+      # their nonzeros)
+      XkE <- t(as.matrix(Matrix::crossprod(XS, Xk)))
+      Tm <- solve(G[keep, keep, drop = FALSE], XkE)
+      total <- if (methods::is(XS, "CsparseMatrix")) sum(XS@x^2) else sum(XS^2)
       ok <- total - sum(Tm * XkE) <= 1e-10 * max(1, total)
     }
     if (!ok) XR <- NULL
