@@ -502,6 +502,24 @@ struct Panel {
   i32 end = 0;  // the lowest position of the panel
 };
 
+// The pivot rule for one row of a dense panel: the row is singular and
+// skipped, needs the pivot search, or is taken as the pivot.
+enum class PivotStep { kSkip, kSearch, kTaken };
+PivotStep pivot_step(Absorption& x, i32 qq, i32 e, double d) {
+  if (iw1(x.a.iw, e) < 0) {
+    x.singular(qq, e, 0.0);
+    return PivotStep::kSkip;
+  }
+  const double ad = std::fabs(d);
+  if (ad < x.tol) return PivotStep::kSearch;  // a complete row always has off-diagonal elements
+  if (ad <= x.tol || ad <= x.a.dd.at1(qq)) {
+    x.singular(qq, e, d);
+    return PivotStep::kSkip;
+  }
+  x.pivot(qq, e, d);
+  return PivotStep::kTaken;
+}
+
 // Factors the panel of positions q down to panel.end on its own rows.
 // Result: the position at which a row needs the pivot search (the panel
 // then ends above it), or 0 when the whole panel was taken.
@@ -513,17 +531,9 @@ i32 factor_panel(Absorption& x, Panel& pn, i32 q) {
     const i32 e = iw2(x.a.iw, qq);
     double* rq = block_row(pool, nd, qq);
     const double d = rq[qq];
-    if (iw1(x.a.iw, e) < 0) {
-      x.singular(qq, e, 0.0);
-      continue;
-    }
-    const double ad = std::fabs(d);
-    if (ad < x.tol) return qq;  // a complete row always has off-diagonal elements
-    if (ad <= x.tol || ad <= x.a.dd.at1(qq)) {
-      x.singular(qq, e, d);
-      continue;
-    }
-    x.pivot(qq, e, d);
+    const PivotStep step = pivot_step(x, qq, e, d);
+    if (step == PivotStep::kSkip) continue;
+    if (step == PivotStep::kSearch) return qq;
     const double r = 1.0 / d;
     const double rhs = pool.val(qq - nd);
     for (i32 c = qq - 1; c >= pn.end; --c) {
@@ -710,17 +720,9 @@ i32 square_panel(Absorption& x, const SquareBlock& sb, i32 q, i32 lo) {
     const i32 e = iw2(x.a.iw, qq);
     double* rq = sb.row(qq);
     const double d = rq[qq];
-    if (iw1(x.a.iw, e) < 0) {
-      x.singular(qq, e, 0.0);
-      continue;
-    }
-    const double ad = std::fabs(d);
-    if (ad < x.tol) return qq;  // a complete row always has off-diagonal elements
-    if (ad <= x.tol || ad <= x.a.dd.at1(qq)) {
-      x.singular(qq, e, d);
-      continue;
-    }
-    x.pivot(qq, e, d);
+    const PivotStep step = pivot_step(x, qq, e, d);
+    if (step == PivotStep::kSkip) continue;
+    if (step == PivotStep::kSearch) return qq;
     const double r = 1.0 / d;
     for (i32 c = qq - 1; c >= lo; --c) {
       const double am = rq[c] * r;
