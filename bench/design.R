@@ -26,23 +26,7 @@ d <- data.frame(
 form <- y ~ A + B + C + D + x1 + x2 + x3 + A:B + x1:C
 contr <- lapply(d[c("A", "B", "C", "D")], contrasts, contrasts = FALSE)
 
-# Resident memory of the process in MB: the current size and the peak,
-# which writing 5 to clear_refs resets (Linux).
-rss <- function(field) {
-  s <- tryCatch(readLines("/proc/self/status"), error = function(e) character())
-  v <- grep(paste0("^", field, ":"), s, value = TRUE)
-  if (!length(v)) return(NA_real_)
-  as.numeric(gsub("[^0-9]", "", v)) / 1024
-}
-# Elapsed and CPU seconds of `expr`, and the growth of the resident peak.
-measure <- function(expr) {
-  gc()
-  base <- rss("VmRSS")
-  reset <- tryCatch({ cat("5", file = "/proc/self/clear_refs"); TRUE }, error = function(e) FALSE)
-  t <- system.time(value <- expr)
-  list(value = value, elapsed = t[["elapsed"]], cpu = t[["user.self"]] + t[["sys.self"]],
-       peak = if (reset) rss("VmHWM") - base else NA_real_)
-}
+source(file.path("bench", "peak_memory.R"))
 
 tarnel_design <- asNamespace("tarnel")$tarnel_design
 # Alternately, twice each; the faster of each is kept.

@@ -17,20 +17,7 @@ suppressPackageStartupMessages({
 args <- as.numeric(commandArgs(trailingOnly = TRUE))
 scale <- if (length(args)) args[1] else 1
 
-rss <- function(field) {
-  s <- tryCatch(readLines("/proc/self/status"), error = function(e) character())
-  v <- grep(paste0("^", field, ":"), s, value = TRUE)
-  if (!length(v)) return(NA_real_)
-  as.numeric(gsub("[^0-9]", "", v)) / 1024
-}
-# Elapsed seconds of `expr` and the growth of the resident peak in MB.
-measure <- function(expr) {
-  gc()
-  base <- rss("VmRSS")
-  reset <- tryCatch({ cat("5", file = "/proc/self/clear_refs"); TRUE }, error = function(e) FALSE)
-  t <- system.time(value <- expr)
-  list(value = value, elapsed = t[["elapsed"]], peak = if (reset) rss("VmHWM") - base else NA_real_)
-}
+source(file.path("bench", "peak_memory.R"))
 # Share of the profile samples of a tarnel() fit that fall in finish_fixed().
 finish_share <- function(form, random, d) {
   prof <- tempfile()

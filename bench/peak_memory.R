@@ -19,3 +19,20 @@ timed <- function(expr) {
   t <- system.time(expr)[["elapsed"]]
   c(time = t, peak_mb = peak_mb())
 }
+# Resident memory of the process in MB: the current size and the peak,
+# which writing 5 to clear_refs resets (Linux).
+rss <- function(field) {
+  s <- tryCatch(readLines("/proc/self/status"), error = function(e) character())
+  v <- grep(paste0("^", field, ":"), s, value = TRUE)
+  if (!length(v)) return(NA_real_)
+  as.numeric(gsub("[^0-9]", "", v)) / 1024
+}
+# Elapsed and CPU seconds of `expr`, and the growth of the resident peak.
+measure <- function(expr) {
+  gc()
+  base <- rss("VmRSS")
+  reset <- tryCatch({ cat("5", file = "/proc/self/clear_refs"); TRUE }, error = function(e) FALSE)
+  t <- system.time(value <- expr)
+  list(value = value, elapsed = t[["elapsed"]], cpu = t[["user.self"]] + t[["sys.self"]],
+       peak = if (reset) rss("VmHWM") - base else NA_real_)
+}
